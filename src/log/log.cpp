@@ -1,0 +1,264 @@
+// Log lines and levels: composes one line per record and hands it to the terminal and file sinks.
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "log/log_internal.h"
+
+int s_log_level = SDK_LOG_LEVEL_MSG;
+int s_logfile_level = SDK_LOG_LEVEL_MSG;
+int s_api_control_log = 0;
+int s_write_log_file = 0;
+int s_pause_write_log = 0;
+char s_log_path[KX_LOG_PATH_MAX] = "";
+
+sdk_mutex_t *s_log_buf_mtx = nullptr;
+sdk_mutex_t *s_log_file_mtx = nullptr;
+
+namespace {
+
+// The storage of the two log mutexes lives for the whole process: the event thread outlives the
+// last stop and may be inside a log call when the handles are dropped, so the mutex itself is never
+// destroyed. Both are non-recursive; where the platform has it they check errors, so a closing call
+// without an open record cannot release a lock that another thread holds.
+#if defined(PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP)
+pthread_mutex_t s_log_buf_storage = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+pthread_mutex_t s_log_file_storage = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+#else
+pthread_mutex_t s_log_buf_storage = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t s_log_file_storage = PTHREAD_MUTEX_INITIALIZER;
+#endif
+
+char s_log_buf[4096];
+int s_log_buf_idx = 0;
+
+// Appends formatted text to buf[*idx] with the room left before `room`; advances *idx by what was
+// really stored and gives what vsnprintf gave.
+int append_v(char *buf, int *idx, int room, const char *fmt, va_list ap) {
+    int left = room - *idx;
+    if (left <= 0) return 0;
+    int n = vsnprintf(buf + *idx, (size_t)left, fmt, ap);
+    if (n > 0) *idx += (n < left) ? n : left - 1;
+    return n;
+}
+
+int append(char *buf, int *idx, int room, const char *fmt, ...) KX_PRINTF(4, 5);
+int append(char *buf, int *idx, int room, const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    int n = append_v(buf, idx, room, fmt, ap);
+    va_end(ap);
+    return n;
+}
+
+// Local time of now, with milliseconds from a separate clock reading.
+void now_local(struct tm *tm, int *ms) {
+    time_t t = time(nullptr);
+    localtime_r(&t, tm);
+    struct timeval tv;
+    os_gettimeofday(&tv, nullptr);
+    *ms = (int)(tv.tv_usec / 1000);
+}
+
+// strerror_r comes in two forms; both overloads give the text.
+inline const char *err_text(int ret, const char *buf) { return ret == 0 ? buf : "Unknown error"; }
+inline const char *err_text(const char *ret, const char *) { return ret; }
+
+// Ends a line: the newline goes behind what fits, so a cut line still ends in exactly one newline.
+void end_line(char *line, int *idx) {
+    line[(*idx)++] = '\n';
+    line[*idx] = '\0';
+}
+
+// Hands a finished line to the file step when the file sink takes it. Without a time of its own
+// the clock is read again; that reading only selects the day of the file.
+void to_file(const char *line, int len, int level, const struct tm *when) {
+    if (!isOutputLogString(1, level) || s_pause_write_log || !isWriteLog()) return;
+    struct tm tm;
+    if (when == nullptr) {
+        time_t t = time(nullptr);
+        localtime_r(&t, &tm);
+        when = &tm;
+    }
+    log_file_write(line, len, when);
+}
+
+// Plain records: level 200 or 300, composed in a private buffer in one call.
+void err_doit2(int level, const char *fmt, va_list ap) {
+    if (!isOutputLogString(0, level) && !isOutputLogString(1, level)) return;
+    char line[KX_LOG_LINE_MAX];
+    int idx = 0;
+    struct tm tm;
+    int ms;
+    now_local(&tm, &ms);
+    append(line, &idx, KX_LOG_ROOM, "%04d-%02d-%02d %02d:%02d:%02d.%03d %s", tm.tm_year + 1900, tm.tm_mon + 1,
+           tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ms, level == SDK_LOG_LEVEL_DBG ? "[DBG] " : "[MSG] ");
+    append_v(line, &idx, KX_LOG_ROOM, fmt, ap);
+    end_line(line, &idx);
+    to_file(line, idx, level, &tm);
+    if (isOutputLogString(0, level)) {
+        fflush(stdout);
+        fputs(line, stderr);
+        fflush(stderr);
+    }
+}
+
+// Closes an error record begun in the shared buffer; entered with the buffer lock held.
+void err_doit_unlock(int errflag, int error, const char *fmt, va_list ap) {
+    char line[KX_LOG_LINE_MAX];
+    int idx = s_log_buf_idx;
+    if (idx < 0) idx = 0;
+    if (idx > KX_LOG_ROOM - 1) idx = KX_LOG_ROOM - 1;
+    memcpy(line, s_log_buf, (size_t)idx);
+    line[idx] = '\0';
+    s_log_buf_idx = 0;
+    pthread_mutex_unlock(&s_log_buf_storage);
+
+    append_v(line, &idx, KX_LOG_ROOM, fmt, ap);
+    if (errflag) {
+        char ebuf[128];
+        ebuf[0] = '\0';
+        append(line, &idx, KX_LOG_ROOM, ": %s", err_text(strerror_r(error, ebuf, sizeof(ebuf)), ebuf));
+    }
+    end_line(line, &idx);
+    to_file(line, idx, SDK_LOG_LEVEL_ERR, nullptr);
+    if (isOutputLogString(0, SDK_LOG_LEVEL_ERR)) {
+        // Room for the colour escape in front of a full line, so a cut line keeps its newline.
+        char red[KX_LOG_LINE_MAX + 8];
+        snprintf(red, sizeof(red), "\033[;31m%s", line);
+        fflush(stdout);
+        fputs(red, stderr);
+        fputs("\033[0m", stderr);
+        fflush(stderr);
+    }
+}
+
+}  // namespace
+
+sdk_mutex_t *log_buf_mutex(void) {
+    if (s_log_buf_mtx == nullptr) s_log_buf_mtx = &s_log_buf_storage;
+    return &s_log_buf_storage;
+}
+
+sdk_mutex_t *log_file_mutex(void) {
+    if (s_log_file_mtx == nullptr) s_log_file_mtx = &s_log_file_storage;
+    return &s_log_file_storage;
+}
+
+void log_create_mutexes(void) {
+    log_buf_mutex();
+    log_file_mutex();
+}
+
+void log_release_mutexes(void) {
+    s_log_buf_mtx = nullptr;
+    s_log_file_mtx = nullptr;
+}
+
+int isOutputLogString(int sink, int level) {
+    if (sink == 0) return level <= s_log_level ? 1 : 0;
+    if (sink == 1) return level <= s_logfile_level ? 1 : 0;
+    return 0;
+}
+
+int isWriteLog(void) {
+    if (s_api_control_log) return s_write_log_file;
+    char path[KX_LOG_PATH_MAX + 4];
+    int n = snprintf(path, sizeof(path), "%ssdk", s_log_path);
+    if (n < 0 || n >= (int)sizeof(path)) return 0;
+    return access(path, F_OK) == 0 ? 1 : 0;
+}
+
+extern "C" {
+
+KX_API void sdk_log_msg(const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    err_doit2(SDK_LOG_LEVEL_MSG, fmt, ap);
+    va_end(ap);
+}
+
+KX_API void sdk_log_debug(const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    err_doit2(SDK_LOG_LEVEL_DBG, fmt, ap);
+    va_end(ap);
+}
+
+// The lock is always taken, whatever the levels, so the shared buffer is guarded for every record
+// and each closing call has a lock to release; a record that no sink takes is simply dropped.
+KX_API void sdk_log_buf_lock(void) { pthread_mutex_lock(log_buf_mutex()); }
+
+KX_API int sdk_log_buf_date(void) {
+    struct tm tm;
+    int ms;
+    now_local(&tm, &ms);
+    int before = s_log_buf_idx;
+    append(s_log_buf, &s_log_buf_idx, KX_LOG_ROOM, "%04d-%02d-%02d %02d:%02d:%02d.%03d [ERR] ", tm.tm_year + 1900,
+           tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ms);
+    return s_log_buf_idx - before;
+}
+
+KX_API int sdk_log_buf_msg(const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    int n = append_v(s_log_buf, &s_log_buf_idx, KX_LOG_ROOM, fmt, ap);
+    va_end(ap);
+    return n;
+}
+
+KX_API void sdk_err_buf_msg_unlock(const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    err_doit_unlock(0, 0, fmt, ap);
+    va_end(ap);
+}
+
+KX_API void sdk_log_buf_msg_unlock(const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    err_doit_unlock(0, 0, fmt, ap);
+    va_end(ap);
+}
+
+KX_API void sdk_log_buf_quit_unlock(const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    err_doit_unlock(0, 0, fmt, ap);
+    va_end(ap);
+}
+
+KX_API void sdk_err_buf_quit_unlock(const char *fmt, ...) {
+    int error = errno;
+    va_list ap;
+    va_start(ap, fmt);
+    err_doit_unlock(1, error, fmt, ap);
+    va_end(ap);
+}
+
+KX_API void sdk_log_get_level(int *level, int *file_level) {
+    if (level != nullptr) *level = s_log_level;
+    if (file_level != nullptr) *file_level = s_logfile_level;
+}
+
+KX_API void sdk_log_set_level(int level, int file_level, int write_file) {
+    s_log_level = level;
+    s_logfile_level = file_level;
+    s_write_log_file = write_file;
+    s_api_control_log = 1;
+}
+
+KX_API void my_abort(void) {}
+
+KX_API int os_gettimeofday(struct timeval *tv, void *tz) {
+    (void)tz;
+    return gettimeofday(tv, nullptr);
+}
+
+}  // extern "C"
