@@ -283,6 +283,24 @@ KX_API void sdk_os_set_cur_path(void *path);
 /* ======================================================================================
  * Stream analysis: frames, encryption, I-frame index, user data
  * ====================================================================================== */
+/* The 32-byte header in front of every media frame; little-endian, read in place. The payload
+ * (uiPayloadLen bytes, an Annex B stream for video) and usExtCount x usExtSize bytes of extension
+ * units follow it. usFrameFlags: bits 0-1 encryption state, bits 6-7 enhancement state, where only
+ * the value 2 means yes. */
+typedef struct __S_FrameHeader {
+    uint8_t aucHeadReserved[4];
+    uint32_t uiFrameLen; /* the whole frame, these 32 bytes included */
+    uint8_t ucFrameAttr;
+    uint8_t aucAttrReserved[3];
+    uint32_t uiFrameNo; /* counter of the frame ciphers; consecutive for split user data */
+    uint32_t uiFrameInfo;
+    uint32_t uiPayloadLen;
+    uint16_t usExtCount;
+    uint16_t usExtSize;
+    uint8_t aucFlagsReserved[2];
+    uint16_t usFrameFlags;
+} __S_FrameHeader;
+
 /* @section stream_frame */
 /* @section stream_crypt */
 /* @section stream_iframe */
