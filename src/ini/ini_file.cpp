@@ -13,9 +13,13 @@ namespace {
 
 constexpr int kLineSize = 256;  // a line arrives in parts of at most 255 characters
 
-inline bool is_comment(const char *line) { return line[0] == ';' || line[0] == '\r' || line[0] == '\n'; }
+inline bool is_comment(const char *line) {
+    return line[0] == ';' || line[0] == '\r' || line[0] == '\n';
+}
 
-inline bool begins_with(const char *line, const char *s, size_t n) { return strncmp(line, s, n) == 0; }
+inline bool begins_with(const char *line, const char *s, size_t n) {
+    return strncmp(line, s, n) == 0;
+}
 
 // One line part with the exact count of bytes it took from the file (NUL bytes included).
 bool next_line(FILE *fp, char *line, long *start, long *taken) {
@@ -55,8 +59,10 @@ WritePlan survey(FILE *fp, const char *header, const char *key, long new_len) {
     while (next_line(fp, line, &start, &taken)) {
         if (begins_with(line, key, key_len)) {
             if (holds_longer_key(line, key_len)) return kRefuse;
-            if (taken != new_len) plan = kRewrite;
-            else if (plan == kNothing) plan = kInPlace;
+            if (taken != new_len)
+                plan = kRewrite;
+            else if (plan == kNothing)
+                plan = kInPlace;
         } else if (line[0] == '[') {
             break;
         }
@@ -83,7 +89,8 @@ void write_in_place(FILE *fp, const char *header, const char *key, const char *n
 
 // Copies the file into a temporary file beside it with every key line of the section replaced,
 // then renames the copy over the file. On any failure the file stays as it was.
-void write_through_copy(FILE *src, const char *path, const char *header, const char *key, const char *new_line) {
+void write_through_copy(FILE *src, const char *path, const char *header, const char *key,
+                        const char *new_line) {
     char real[PATH_MAX];
     const char *target = realpath(path, real) != nullptr ? real : path;  // keep a symbolic link a link
     char tmp[PATH_MAX + 16];
@@ -116,11 +123,15 @@ void write_through_copy(FILE *src, const char *path, const char *header, const c
         if (where == kSeeking) {
             if (!is_comment(line) && begins_with(line, header, header_len)) where = kInSection;
         } else if (where == kInSection) {
-            if (begins_with(line, key, key_len)) replace = true;
-            else if (line[0] == '[') where = kAfter;
+            if (begins_with(line, key, key_len))
+                replace = true;
+            else if (line[0] == '[')
+                where = kAfter;
         }
-        if (replace) ok = fputs(new_line, out) != EOF;
-        else ok = fwrite(line, 1, (size_t)taken, out) == (size_t)taken;
+        if (replace)
+            ok = fputs(new_line, out) != EOF;
+        else
+            ok = fwrite(line, 1, (size_t)taken, out) == (size_t)taken;
     }
     if (ferror(src) || !feof(src)) ok = false;
     if (ok) ok = fflush(out) == 0 && fsync(fileno(out)) == 0;
@@ -183,8 +194,10 @@ KX_API void IniWriteValue(const char *section, const char *key, const char *val,
     if (fp == nullptr) return;
     WritePlan plan = survey(fp, section, key, len);
     if (plan == kInPlace || plan == kRewrite) rewind(fp);
-    if (plan == kInPlace) write_in_place(fp, section, key, new_line);
-    else if (plan == kRewrite) write_through_copy(fp, path, section, key, new_line);
+    if (plan == kInPlace)
+        write_in_place(fp, section, key, new_line);
+    else if (plan == kRewrite)
+        write_through_copy(fp, path, section, key, new_line);
     fclose(fp);
 }
 

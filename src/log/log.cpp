@@ -67,7 +67,9 @@ void now_local(struct tm *tm, int *ms) {
 }
 
 // strerror_r comes in two forms; both overloads give the text.
-[[maybe_unused]] inline const char *err_text(int ret, const char *buf) { return ret == 0 ? buf : "Unknown error"; }
+[[maybe_unused]] inline const char *err_text(int ret, const char *buf) {
+    return ret == 0 ? buf : "Unknown error";
+}
 [[maybe_unused]] inline const char *err_text(const char *ret, const char *) { return ret; }
 
 // Ends a line: the newline goes behind what fits, so a cut line still ends in exactly one newline.

@@ -57,7 +57,9 @@ bool format_path(char (&buf)[N], const char *fmt, Args... args) {
     return n >= 0 && (size_t)n < N;
 }
 
-inline bool exists(const char *path) { return access(path, F_OK) == 0; }
+inline bool exists(const char *path) {
+    return access(path, F_OK) == 0;
+}
 
 void close_log_file(void) {
     if (s_fp_log != nullptr) fclose(s_fp_log);
@@ -92,7 +94,9 @@ bool is_regular_entry(const struct dirent *entry, const char *path) {
 
 }  // namespace
 
-const char *log_path(void) { return s_log_path_state.load(std::memory_order_acquire) == 2 ? s_log_path : ""; }
+const char *log_path(void) {
+    return s_log_path_state.load(std::memory_order_acquire) == 2 ? s_log_path : "";
+}
 
 int log_set_path(const char *dir) {
     if (dir == nullptr) return 0;
@@ -115,7 +119,7 @@ void update_log_path(void) {
     char exe[KX_LOG_PATH_MAX];
     if (!kx_platform_exe_path(exe, sizeof(exe))) return;
     char *slash = strrchr(exe, '/');
-    if (slash == nullptr) return;  // no directory part: the current directory
+    if (slash == nullptr) return;        // no directory part: the current directory
     slash[slash == exe ? 1 : 0] = '\0';  // the root keeps its "/"
     log_set_path(exe);
 }
@@ -233,7 +237,9 @@ void check_diskfreesize_writelog(void) {
     s_pause_write_log = percent < s_diskfree_percent ? 1 : 0;
 }
 
-void log_file_set_clock(time_t (*clock)(void)) { s_file_clock.store(clock); }
+void log_file_set_clock(time_t (*clock)(void)) {
+    s_file_clock.store(clock);
+}
 
 void log_file_forget(void) {
     FileLock lock;
@@ -245,6 +251,7 @@ void log_file_forget(void) {
 
 void log_file_names(char *current, char *rotated, size_t size) {
     FileLock lock;
-    if (current != nullptr && size > 0) snprintf(current, size, "%s", s_fp_log != nullptr ? s_log_file_name : "");
+    if (current != nullptr && size > 0)
+        snprintf(current, size, "%s", s_fp_log != nullptr ? s_log_file_name : "");
     if (rotated != nullptr && size > 0) snprintf(rotated, size, "%s", s_log_last_file_name);
 }

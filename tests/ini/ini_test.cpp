@@ -22,9 +22,10 @@ struct Ini : ::testing::Test {
 };
 
 TEST_F(Ini, ReadsByTheLineRules) {
-    put(";[File]\n[File] trailing\n;Level=9\n\r\nLevel=5\nGap = 7 \r\nEmpty=\nWord=abc\nDup=1\nDup=2\nNoEq\nNoEq=3\n"
-        "Big=99999999999\n[Pre]\nLevelMax=8\n[File]\nLater=1\n[Long]\nPad=" + std::string(251, 'x') +
-        "Deep=4\n[Next]\nDup=3\nLast=tail");
+    put(";[File]\n[File] trailing\n;Level=9\n\r\nLevel=5\nGap = 7 "
+        "\r\nEmpty=\nWord=abc\nDup=1\nDup=2\nNoEq\nNoEq=3\n"
+        "Big=99999999999\n[Pre]\nLevelMax=8\n[File]\nLater=1\n[Long]\nPad=" +
+        std::string(251, 'x') + "Deep=4\n[Next]\nDup=3\nLast=tail");
     EXPECT_EQ(5, num("File", "Level"));
     char v[256] = "unset", w[256] = "unset";
     EXPECT_EQ(0, readStringValue("File", "Gap", v, path.c_str()));
@@ -32,8 +33,8 @@ TEST_F(Ini, ReadsByTheLineRules) {
     EXPECT_EQ(7, num("File", "Gap"));
     EXPECT_EQ(-9, num("File", "Empty"));
     EXPECT_EQ(0, num("File", "Word"));
-    EXPECT_EQ(2, num("File", "Dup"));     // the last in the section, not the next section's
-    EXPECT_EQ(-9, num("File", "NoEq"));   // a key line without "=" ends the search
+    EXPECT_EQ(2, num("File", "Dup"));    // the last in the section, not the next section's
+    EXPECT_EQ(-9, num("File", "NoEq"));  // a key line without "=" ends the search
     EXPECT_EQ(2147483647, num("File", "Big"));
     EXPECT_EQ(-9, num("File", "Later"));  // only the first section of a name counts
     EXPECT_EQ(8, num("Pre", "Level"));    // keys match as prefixes

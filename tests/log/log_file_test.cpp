@@ -15,10 +15,14 @@ namespace {
 
 constexpr time_t kDay = 86400;
 std::atomic<time_t> s_now{0};
-time_t test_clock(void) { return s_now; }
+time_t test_clock(void) {
+    return s_now;
+}
 std::string s_dir;  // one per process: the log directory is set only once
 
-void put(const std::string &name, const std::string &s) { std::ofstream(s_dir + name) << s; }
+void put(const std::string &name, const std::string &s) {
+    std::ofstream(s_dir + name) << s;
+}
 // Path of this process's log file of the day of t.
 std::string file(time_t t, const char *tail = "") {
     struct tm tm;
@@ -26,7 +30,9 @@ std::string file(time_t t, const char *tail = "") {
     strftime(buf, sizeof(buf), "log_sdk_%Y-%m-%d_", localtime_r(&t, &tm));
     return s_dir + buf + std::to_string(getpid()) + tail;
 }
-int64_t size(const std::string &p) { return fs::exists(p) ? (int64_t)fs::file_size(p) : -1; }
+int64_t size(const std::string &p) {
+    return fs::exists(p) ? (int64_t)fs::file_size(p) : -1;
+}
 void write(size_t n) {  // the file step takes its day from the test clock
     struct tm tm = {};
     log_file_write(std::string(n, 'x').c_str(), (int)n, &tm);
@@ -46,7 +52,8 @@ struct LogFiles : ::testing::Test {
         for (auto &e : fs::directory_iterator(s_dir)) fs::remove_all(e.path());
         log_file_forget();
         struct tm tm = {};
-        tm.tm_year = 125, tm.tm_mon = 2, tm.tm_mday = 10, tm.tm_hour = 12, tm.tm_isdst = -1;  // 2025-03-10 12:00
+        tm.tm_year = 125, tm.tm_mon = 2, tm.tm_mday = 10, tm.tm_hour = 12,
+        tm.tm_isdst = -1;  // 2025-03-10 12:00
         s_now = mktime(&tm);
         log_file_set_clock(test_clock);
         s_api_control_log = 0;
@@ -94,7 +101,8 @@ TEST_F(LogFiles, RetentionCountsFromTheDateInTheName) {
     EXPECT_EQ(2592000, s_logfile_savetime.load());
     put("log_sdk_notes", "");
     fs::create_directory(file(s_now - 30 * kDay));
-    for (const std::string &f : {file(s_now - 6 * kDay), file(s_now - 7 * kDay), file(s_now - 7 * kDay, "old")})
+    for (const std::string &f :
+         {file(s_now - 6 * kDay), file(s_now - 7 * kDay), file(s_now - 7 * kDay, "old")})
         std::ofstream{f};
     config("[File]\nSavaTime=7\n");
     sdk_log_msg("opens a file");
