@@ -15,34 +15,23 @@ namespace {
 
 constexpr time_t kDay = 86400;
 std::atomic<time_t> s_now{0};
-time_t test_clock(void) {
-    return s_now;
-}
 std::string s_dir;  // one per process: the log directory is set only once
 
-void put(const std::string &name, const std::string &s) {
-    std::ofstream(s_dir + name) << s;
-}
-// Path of this process's log file of the day of t.
-std::string file(time_t t, const char *tail = "") {
-    struct tm tm;
-    char buf[64];
-    strftime(buf, sizeof(buf), "log_sdk_%Y-%m-%d_", localtime_r(&t, &tm));
-    return s_dir + buf + std::to_string(getpid()) + tail;
-}
-int64_t size(const std::string &p) {
-    return fs::exists(p) ? (int64_t)fs::file_size(p) : -1;
-}
-void write(size_t n) {  // the file step takes its day from the test clock
-    struct tm tm = {};
-    log_file_write(std::string(n, 'x').c_str(), (int)n, &tm);
-}
-void config(const std::string &s) {
-    put("sdk_log_config.ini", s);
-    update_log_config();
-}
-
 struct LogFiles : ::testing::Test {
+    static time_t test_clock(void) { return s_now; }
+    static void put(const std::string &name, const std::string &s) { std::ofstream(s_dir + name) << s; }
+    static int64_t size(const std::string &p) { return fs::exists(p) ? (int64_t)fs::file_size(p) : -1; }
+    static void config(const std::string &s) { put("sdk_log_config.ini", s), update_log_config(); }
+    // n bytes through the file step, which takes its day from the test clock.
+    static void write(size_t n) { log_file_write(std::string(n, 'x').c_str(), (int)n, &s_tm); }
+    // Path of this process's log file of the day of t.
+    static std::string file(time_t t, const char *tail = "") {
+        char buf[64];
+        strftime(buf, sizeof(buf), "log_sdk_%Y-%m-%d_", localtime_r(&t, &s_tm));
+        return s_dir + buf + std::to_string(getpid()) + tail;
+    }
+    static struct tm s_tm;
+
     void SetUp() override {
         if (s_dir.empty()) {
             char t[] = "/tmp/kx_log_XXXXXX";
@@ -51,10 +40,9 @@ struct LogFiles : ::testing::Test {
         }
         for (auto &e : fs::directory_iterator(s_dir)) fs::remove_all(e.path());
         log_file_forget();
-        struct tm tm = {};
-        tm.tm_year = 125, tm.tm_mon = 2, tm.tm_mday = 10, tm.tm_hour = 12,
-        tm.tm_isdst = -1;  // 2025-03-10 12:00
-        s_now = mktime(&tm);
+        s_tm = {};
+        s_tm.tm_year = 125, s_tm.tm_mon = 2, s_tm.tm_mday = 10, s_tm.tm_hour = 12, s_tm.tm_isdst = -1;
+        s_now = mktime(&s_tm);  // 2025-03-10 12:00
         log_file_set_clock(test_clock);
         s_api_control_log = 0;
         put("sdk", "");
@@ -62,6 +50,7 @@ struct LogFiles : ::testing::Test {
     }
     static void TearDownTestSuite() { fs::remove_all(s_dir); }
 };
+struct tm LogFiles::s_tm;
 
 TEST_F(LogFiles, FileFollowsTheSwitchAndComesBackWhenRemoved) {
     fs::remove(s_dir + "sdk");
