@@ -273,6 +273,30 @@ KX_API void sdk_os_set_cur_path(void *path);
 /* ======================================================================================
  * INI files
  * ====================================================================================== */
+/* Single values in a text file of "[Section]" lines and "key=value" lines. Lines are read in parts of
+ * at most 255 characters. A section starts at a line that begins with its "[name]" and ends at the
+ * next line that begins with "[". A key matches every line of the section that begins with its
+ * letters (so no key of a section may begin another); the value runs from behind the first "=" to
+ * the line's end, untrimmed. Lines that begin with ";", CR or LF are comments or blank. No call keeps
+ * state, takes a lock or logs. The value buffer has room for 256 characters; a value that is not
+ * found leaves it as it was. */
+/* section is the header with its brackets, e.g. "[File]". */
+KX_API void IniReadValue(const char *section, const char *key, char *val, const char *path);
+/* section is the plain name. 0 when all arguments are given (found or not), -1 for a null one. */
+KX_API int readStringValue(const char *section, const char *key, char *val, const char *path);
+/* The value as an int (leading blanks skipped, digits up to the first other character, clamped to
+ * the int range); def for a missing file, section or key, an empty value or a null argument. */
+KX_API int readIntValue(const char *section, const char *key, int def, const char *path);
+/* Replaces every line of the section that begins with key by "key=val\n"; never adds a key, a section
+ * or a file. A new line of the old length is written in place. Otherwise the file is rewritten
+ * whole through a temporary file in its directory that replaces it by rename, so no byte around the
+ * line is lost. Refused without change: a new line over 255 characters, and a section where a line
+ * beginning with key holds a longer key (e.g. "LevelMax" for the key "Level"). */
+KX_API void IniWriteValue(const char *section, const char *key, const char *val, const char *path);
+/* section is the plain name. 0 when all arguments are given (written or not), -1 for a null one. */
+KX_API int writeStringVlaue(const char *section, const char *key, const char *val, const char *path);
+/* Writes the value as "%-4d" (at least four characters, blanks behind); always 0. */
+KX_API int writeIntValue(const char *section, const char *key, int val, const char *path);
 /* @section ini */
 
 /* ======================================================================================
