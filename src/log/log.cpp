@@ -18,8 +18,8 @@ std::atomic<int> s_write_log_file{0};
 std::atomic<int> s_pause_write_log{0};
 char s_log_path[KX_LOG_PATH_MAX] = "";
 
-sdk_mutex_t *s_log_buf_mtx = nullptr;
-sdk_mutex_t *s_log_file_mtx = nullptr;
+std::atomic<sdk_mutex_t *> s_log_buf_mtx{nullptr};
+std::atomic<sdk_mutex_t *> s_log_file_mtx{nullptr};
 
 namespace {
 

@@ -43,8 +43,8 @@ extern char s_log_path[KX_LOG_PATH_MAX];
 
 // Handles of the two log mutexes. They point at storage that lives for the whole process, so a
 // thread still holding one when the last stop drops the handle never touches freed memory.
-extern sdk_mutex_t *s_log_buf_mtx;
-extern sdk_mutex_t *s_log_file_mtx;
+extern std::atomic<sdk_mutex_t *> s_log_buf_mtx;
+extern std::atomic<sdk_mutex_t *> s_log_file_mtx;
 // Sets the handle to the process-lifetime storage of that mutex when it is null.
 sdk_mutex_t *log_buf_mutex(void);
 sdk_mutex_t *log_file_mutex(void);
