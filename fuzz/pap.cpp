@@ -35,8 +35,12 @@ int nested(tagAnalyzeParam *p) {
     return r;
 }
 
-int deal(void *, int, void *) { return 0; }
-int check_digit(const char *s) { return s[0] >= '0' && s[0] <= '9'; }
+int deal(void *, int, void *) {
+    return 0;
+}
+int check_digit(const char *s) {
+    return s[0] >= '0' && s[0] <= '9';
+}
 
 // Gives the leaf of path a parameter count and checks (allocated, as the frame frees them).
 void set_checks(_TProtFrame *frame, const char *path, int num, const TParamDef *defs) {
@@ -72,8 +76,8 @@ _TProtFrame *make_frame() {
     pap_regist_cbk_cmd_analyze(frame, "PARASET\tNET\tIP", touch_words);
     pap_regist_cbk_cmd_analyze(frame, "PARASET\tCHK", touch_words);
     pap_regist_cbk_cmd_analyze(frame, "PARASET\tBAD", touch_words);
-    const TParamDef checks[4] = {{1, -100, 100000, nullptr}, {2, 1, 8, nullptr}, {3, 0, 0, check_digit},
-                                 {0, 0, 0, nullptr}};
+    const TParamDef checks[4] = {
+        {1, -100, 100000, nullptr}, {2, 1, 8, nullptr}, {3, 0, 0, check_digit}, {0, 0, 0, nullptr}};
     set_checks(frame, "PARASET\tCHK", 4, checks);
     const TParamDef bad = {9, 0, 0, nullptr};
     set_checks(frame, "PARASET\tBAD", 1, &bad);
