@@ -262,6 +262,130 @@ KX_API void sdk_os_set_cur_path(void *path);
 /* ======================================================================================
  * Command engine
  * ====================================================================================== */
+/* The text command engine. A _TProtFrame holds a tree of command keys registered by the caller;
+ * command texts run through it and reach the analyze callback of the node they name. A command is
+ * words separated by single tabs: upper-case keys first (at most 16), parameters behind them (at
+ * most 360), 376 words of at most 256 characters. A package is commands that each start with a
+ * section word ("INNER", "USER", "CMD" or "PARASET") and end with "\n\n\n". The engine takes no
+ * lock and logs nothing: every refusal gives -1. A frame belongs to one thread at a time. */
+enum {
+    PAP_MAX_KEYS = 16,
+    PAP_MAX_PARAMS = 360,
+    PAP_MAX_WORDS = 376,
+    PAP_MAX_WORD_LEN = 256,
+    PAP_REMAIN_WORDS = 32,
+    PAP_RESULT_WORDS = 8,
+    PAP_SLOT_LEN = 32,          /* a remain or result word holds at most 31 characters */
+    PAP_MAX_PACKAGE_LEN = 1999  /* longest package that pap_run_cmd_package takes */
+};
+
+struct tagAnalyzeParam;
+struct TProtNode;
+
+/* Handed to the analyze callback; the engine never calls it. Its arguments mean what the
+ * application's analyze callback makes of them. */
+typedef int (*pap_deal_cbk)(void *in, int len, void *out);
+/* The entry of a command. Its result is the result of the run; 0 counts as success. */
+typedef int (*pap_analyze_cbk)(struct tagAnalyzeParam *param);
+/* Stored with pap_regist_cbk_get_param and handed to each analyze callback; never called here. */
+typedef int (*pap_get_param_cbk)(void *ctx, int id, void *out);
+/* Own check of a parameter word: 0 for a bad value, anything else for a good one. */
+typedef int (*pap_param_check_cbk)(const char *param);
+
+/* Check of one parameter: type 0 none, 1 base-10 integer in [min, max], 2 length in [min, max],
+ * 3 check(word) != 0; any other type fails. */
+typedef struct TParamDef {
+    int type;
+    int64_t min;
+    int64_t max;
+    pap_param_check_cbk check;
+} TParamDef;
+
+/* The callbacks of a node. param_num is the number of parameters this leaf accepts (-1: any);
+ * params holds one definition for each. The registration calls make leaves with -1. */
+typedef struct TProtLeaf {
+    struct TProtNode *node;
+    int param_num;
+    TParamDef *params;
+    pap_deal_cbk deal;
+    pap_analyze_cbk analyze;
+} TProtLeaf;
+
+/* One key of a command path. The first leaf is the one that runs for any number of parameters. */
+typedef struct TProtNode {
+    struct TProtNode *next;   /* next sibling, in order of creation */
+    struct TProtNode *child;  /* first node of the level below */
+    struct TProtNode *parent; /* null on the top level */
+    char *key;
+    int leaf_num;
+    TProtLeaf *leaves;
+} TProtNode;
+
+/* One engine instance. The counters are written by each run and read by nobody here. */
+typedef struct _TProtFrame {
+    TProtNode *root;
+    uint64_t node_num;
+    uint64_t run_total;
+    uint64_t run_ok;
+    uint64_t run_fail;
+    char remain_words[PAP_REMAIN_WORDS][PAP_SLOT_LEN];
+    int remain_num;
+    char result_words[PAP_RESULT_WORDS][PAP_SLOT_LEN];
+    int result_num;
+    pap_get_param_cbk get_param;
+} _TProtFrame;
+
+/* What an analyze callback gets: words[0 .. key_num-1] are the keys, words[key_num ..
+ * key_num+param_num-1] the parameters. Valid only during the call. */
+typedef struct tagAnalyzeParam {
+    uint8_t reserved[8];
+    char **words;
+    int key_num;
+    int param_num;
+    pap_deal_cbk deal;
+    pap_get_param_cbk get_param;
+    void *user_data;
+} tagAnalyzeParam;
+
+/* One command split into words, kept on the stack of a single run. */
+typedef struct _TProtCmdTxt {
+    int len;
+    char *text;
+    char *words[PAP_MAX_WORDS];
+    int key_num;
+    int param_num;
+} _TProtCmdTxt;
+
+/* A new empty frame, null if allocation fails. */
+KX_API _TProtFrame *pap_init(void);
+/* Frees the frame with its whole tree. Always -1. */
+KX_API int pap_uninit(_TProtFrame *frame);
+/* Registration. path: keys separated by single tabs, made of A-Z, 0-9 and "_" (at most 16 keys
+ * count). A path that exists gets its callbacks replaced in place (a null callback leaves the old
+ * one); missing keys are created, the inner ones with the same callbacks. The _spe forms also make
+ * the last key a remain word: in a command text everything behind it is a parameter. A remain word
+ * holds at most 31 characters: a _spe call that would create a longer one gives -1 and registers
+ * nothing. 0 on success, -1 on failure. */
+KX_API int pap_regist_cbk_cmd_analyze(_TProtFrame *frame, const char *path, pap_analyze_cbk analyze);
+KX_API int pap_regist_cbk_cmd_analyze_spe(_TProtFrame *frame, const char *path, pap_analyze_cbk analyze);
+KX_API int pap_regist_cbk_cmd_deal(_TProtFrame *frame, const char *path, pap_deal_cbk deal);
+KX_API int pap_regist_cbk_cmd_deal_spe(_TProtFrame *frame, const char *path, pap_deal_cbk deal);
+/* Always 0; a null frame is ignored. */
+KX_API int pap_regist_cbk_get_param(_TProtFrame *frame, pap_get_param_cbk get_param);
+/* The common road of the four calls above; spe is 1 for the _spe forms. */
+KX_API int Inner_RegCallBack(_TProtFrame *frame, const char *path, pap_analyze_cbk analyze, pap_deal_cbk deal,
+                             int spe);
+/* 1 if word is A-Z followed by A-Z, 0-9 or "_"; 0 otherwise (also for null or ""). */
+KX_API int isupperstr(const char *word);
+/* Runs one zero-terminated command (length is not read). The result of the analyze callback, or -1
+ * if none ran. user_data reaches the callback. An analyze callback may run commands on the same
+ * frame again. */
+KX_API int pap_run_cmd(_TProtFrame *frame, const char *text, int length, void *user_data);
+KX_API int Inner_RunCmd(_TProtFrame *frame, const char *text, int length, void *user_data);
+/* Runs each command of a package of length bytes (0 to 1999, no terminating zero needed). The
+ * result of the last command run, or -1 if none ran or length is out of range. */
+KX_API int pap_run_cmd_package(_TProtFrame *frame, const char *text, int length, void *user_data);
+
 /* @section pap */
 
 /* ======================================================================================
