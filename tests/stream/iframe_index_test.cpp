@@ -14,11 +14,10 @@ struct Item {
     uint32_t signs;
 };
 
-// An index block: the head, then one item of item_size bytes for each entry; the first word of
-// item i is 0xA0 + i.
-std::vector<uint8_t> block(uint32_t item_size, const std::vector<Item> &items, uint32_t count_override = 0) {
-    std::vector<uint8_t> b(44 + item_size * items.size() + (items.empty() ? 1 : 0), 0);
-    uint32_t count = count_override ? count_override : (uint32_t)items.size();
+// The head, then item i of item_size bytes with the words 0xA0 + i, stamp, signs (cut to the size).
+std::vector<uint8_t> block(uint32_t item_size, const std::vector<Item> &items, uint32_t count = 0) {
+    std::vector<uint8_t> b(45 + item_size * items.size(), 0);
+    if (count == 0) count = (uint32_t)items.size();
     memcpy(&b[32], &count, 4);
     memcpy(&b[36], &item_size, 4);
     for (size_t i = 0; i < items.size(); i++) {
@@ -28,8 +27,11 @@ std::vector<uint8_t> block(uint32_t item_size, const std::vector<Item> &items, u
     return b;
 }
 
-int query(int type, const std::vector<uint8_t> &b, TIFrameInfoQuery *q, int room = 24) {
-    return SA_GetIFrameInfo(type, b.data(), (int)b.size(), q, &room);
+// Runs one query in find mode (ordinal > -1) or with ordinal -1; the record starts filled with 77.
+TIFrameInfoQuery run(int type, const std::vector<uint8_t> &b, int ordinal, int *rc, int room = 24) {
+    TIFrameInfoQuery q = {77, ordinal, 77, {77, 77, 77}};
+    *rc = SA_GetIFrameInfo(type, b.data(), (int)b.size(), &q, &room);
+    return q;
 }
 
 const std::vector<Item> kItems = {{5, 0x1}, {9, 0x2}, {9, 0x3}, {3, 0x10}, {4, 0x0}};
@@ -38,106 +40,75 @@ const std::vector<Item> kItems = {{5, 0x1}, {9, 0x2}, {9, 0x3}, {3, 0x10}, {4, 0
 
 TEST(IFrameIndex, RefusesBadBlocksAndTypes) {
     TIFrameInfoQuery q = {};
-    int room = 24;
+    int room = 24, rc;
     std::vector<uint8_t> b = block(12, kItems);
-    EXPECT_EQ(SA_GetIFrameInfo(0, nullptr, 100, &q, &room), -101);
     EXPECT_EQ(SA_GetIFrameInfo(0, b.data(), (int)b.size(), &q, nullptr), -101);
     EXPECT_EQ(SA_GetIFrameInfo(0, b.data(), 44, &q, &room), -104);
-    EXPECT_EQ(SA_GetIFrameInfo(0, b.data(), (int)b.size() - 1, &q, &room), -104);
-    // 0x40000000 items of 4 bytes: the length wraps 32 bits to 44.
-    std::vector<uint8_t> wrap = block(4, {{1, 1}}, 0x40000000u);
-    wrap.resize(200);
-    EXPECT_EQ(query(0, wrap, &q), -104);
-    std::vector<uint8_t> empty_items = block(0, {}, 3);  // three items of no size
-    EXPECT_EQ(query(100, empty_items, &q), -104);
-
+    EXPECT_EQ(SA_GetIFrameInfo(0, b.data(), (int)b.size() - 2, &q, &room), -104);
+    std::vector<uint8_t> wrap = block(4, {{1, 1}}, 0x40000000u);  // 2^32 + 44 wraps to 44
+    run(100, wrap, -1, &rc);
+    EXPECT_EQ(rc, -104);
+    run(100, block(0, {}, 3), -1, &rc);  // three items of no size
+    EXPECT_EQ(rc, -104);
     testing::internal::CaptureStderr();
-    EXPECT_EQ(query(106, b, &q), -100);
+    run(106, b, 1, &rc);
+    EXPECT_EQ(rc, -100);
     EXPECT_NE(testing::internal::GetCapturedStderr().find("invalid sign type(106) ."), std::string::npos);
-    EXPECT_EQ(query(-1, b, &q), -100);
-    EXPECT_EQ(query(6, b, &q), -100);
+    run(-1, b, 1, &rc);
+    EXPECT_EQ(rc, -100);
 }
 
 TEST(IFrameIndex, CountMode) {
-    TIFrameInfoQuery q = {};
+    int rc;
     std::vector<uint8_t> b = block(12, kItems);
-    q.iRestartCount = 77;
-    EXPECT_EQ(query(100, b, &q), 0);
+    TIFrameInfoQuery q = run(100, b, 3, &rc);
     EXPECT_EQ(q.iMatchCount, 5);
     EXPECT_EQ(q.iRestartCount, 77);
-    EXPECT_EQ(query(101, b, &q), 0);
-    EXPECT_EQ(q.iMatchCount, 2);
-    EXPECT_EQ(query(105, b, &q), 0);
-    EXPECT_EQ(q.iMatchCount, 1);
-    q.iWantedOrdinal = -1;  // count mode whatever the type says
-    EXPECT_EQ(query(2, b, &q), 0);
-    EXPECT_EQ(q.iMatchCount, 2);
-    std::vector<uint8_t> none = block(12, {});  // 45 bytes, no items
-    EXPECT_EQ(query(100, none, &q), 0);
-    EXPECT_EQ(q.iMatchCount, 0);
+    EXPECT_EQ(run(101, b, 3, &rc).iMatchCount, 2);
+    EXPECT_EQ(run(105, b, 3, &rc).iMatchCount, 1);
+    EXPECT_EQ(run(2, b, -1, &rc).iMatchCount, 2);  // ordinal -1 counts whatever the type
+    EXPECT_EQ(run(100, block(12, {}), -1, &rc).iMatchCount, 0);
+    EXPECT_EQ(rc, 0);
 }
 
 TEST(IFrameIndex, FindModeRestartsAndRoom) {
+    int rc, room = 100;
     std::vector<uint8_t> b = block(12, kItems);
-    TIFrameInfoQuery q = {};
-    q.iMatchCount = 55;
-    q.iWantedOrdinal = 4;  // stamps 5, 9, 9, 3: restarts at the second 9 and at 3
-    EXPECT_EQ(query(0, b, &q), 0);
+    TIFrameInfoQuery q = run(0, b, 4, &rc);  // stamps 5, 9, 9, 3: restarts at the second 9 and at 3
+    EXPECT_EQ(rc, 0);
     EXPECT_EQ(q.iRestartCount, 2);
     EXPECT_EQ(q.tItem.uiItemWord, 0xA3u);
     EXPECT_EQ(q.tItem.iItemStamp, 3);
     EXPECT_EQ(q.tItem.uiSignMask, 0x10u);
-    EXPECT_EQ(q.iMatchCount, 55);
+    EXPECT_EQ(q.iMatchCount, 77);
 
-    q = TIFrameInfoQuery{};
-    q.iWantedOrdinal = 2;  // the second item with bit 1: stamps 5, 9, 9
-    int room = 100;
+    EXPECT_EQ(SA_GetIFrameInfo(2, b.data(), (int)b.size(), &q, &room), 0);  // ordinal 4 of bit 1: none
+    EXPECT_EQ(room, 100);
+    q.iWantedOrdinal = 2;
     EXPECT_EQ(SA_GetIFrameInfo(2, b.data(), (int)b.size(), &q, &room), 0);
     EXPECT_EQ(room, 24);
     EXPECT_EQ(q.iRestartCount, 1);
     EXPECT_EQ(q.tItem.uiItemWord, 0xA2u);
 
-    q = TIFrameInfoQuery{};
-    q.iWantedOrdinal = 1;
-    q.iRestartCount = -9;
-    EXPECT_EQ(query(0, b, &q, 16), 0);
+    q = run(0, b, 1, &rc, 16);  // room for the item's first word only
     EXPECT_EQ(q.iRestartCount, 0);
     EXPECT_EQ(q.tItem.uiItemWord, 0xA0u);
-    EXPECT_EQ(q.tItem.iItemStamp, 0);  // only four bytes fit
-    q = TIFrameInfoQuery{};
-    q.iWantedOrdinal = 1;
-    q.iRestartCount = -9;
-    EXPECT_EQ(query(0, b, &q, 12), 0);
-    EXPECT_EQ(q.iRestartCount, -9);
-    EXPECT_EQ(q.tItem.uiItemWord, 0u);
-    for (int ordinal : {0, 6, -5}) {
-        q = TIFrameInfoQuery{};
-        q.iWantedOrdinal = ordinal;
-        EXPECT_EQ(query(0, b, &q), 0);
-        EXPECT_EQ(q.iRestartCount, 0);
-        EXPECT_EQ(q.iMatchCount, 0);
-    }
+    EXPECT_EQ(q.tItem.iItemStamp, 77);
+    for (int ordinal : {0, 6}) EXPECT_EQ(run(0, b, ordinal, &rc).iRestartCount, 77);
+    EXPECT_EQ(run(0, b, 1, &rc, 12).tItem.uiItemWord, 77u);  // no room for any of the item
 }
 
 TEST(IFrameIndex, ShortAndLongItems) {
-    TIFrameInfoQuery q = {};
+    int rc;
     std::vector<uint8_t> b8 = block(8, {{1, 0}, {2, 0}, {3, 0}});  // no room for the mask
-    EXPECT_EQ(query(100, b8, &q), 0);
-    EXPECT_EQ(q.iMatchCount, 3);
-    EXPECT_EQ(query(101, b8, &q), 0);
-    EXPECT_EQ(q.iMatchCount, 0);
-    q.iWantedOrdinal = 3;
-    EXPECT_EQ(query(0, b8, &q), 0);
-    EXPECT_EQ(q.tItem.iItemStamp, 3);
-    EXPECT_EQ(q.iRestartCount, 0);
+    EXPECT_EQ(run(100, b8, -1, &rc).iMatchCount, 3);
+    EXPECT_EQ(run(101, b8, -1, &rc).iMatchCount, 0);
+    EXPECT_EQ(run(0, b8, 3, &rc).tItem.uiSignMask, 0u);
 
     std::vector<uint8_t> b200 = block(200, {{1, 4}, {2, 0}, {1, 4}});
-    b200[44 + 80] = 0xFF;  // bytes past the meaningful part are never read as a next item
-    q = TIFrameInfoQuery{};
-    EXPECT_EQ(query(103, b200, &q), 0);
-    EXPECT_EQ(q.iMatchCount, 2);
-    q.iWantedOrdinal = 2;
-    EXPECT_EQ(query(3, b200, &q), 0);
+    memset(&b200[44 + 12], 0xFF, 188);  // the rest of a long item is never read
+    EXPECT_EQ(run(103, b200, -1, &rc).iMatchCount, 2);
+    TIFrameInfoQuery q = run(3, b200, 2, &rc);
     EXPECT_EQ(q.tItem.uiItemWord, 0xA2u);
     EXPECT_EQ(q.iRestartCount, 1);
 }
