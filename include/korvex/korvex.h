@@ -391,7 +391,100 @@ KX_API int pap_run_cmd_package(_TProtFrame *frame, const char *text, int length,
 /* ======================================================================================
  * Function maps and common helpers
  * ====================================================================================== */
+/* A function map binds function pointers to names (key map, searched from the front, first binding
+ * wins) or to numbers (index map, an array of max_index slots). The map never calls the functions:
+ * the caller casts func, or the slot, to the function's real type. No lock is taken; the caller
+ * serialises binding against lookup. */
+#define MAP_TYPE_KEY 0
+#define MAP_TYPE_INDEX 1
+
+typedef void (*FunctionMapFunc)(void);
+
+typedef struct FunctionMap {
+    int32_t type;      /* MAP_TYPE_KEY or MAP_TYPE_INDEX */
+    int32_t max_index; /* index map: number of slots */
+    _OS_DList *key_map; /* key map: list of FunctionMapItem pointers, in order of binding */
+    FunctionMapFunc *index_map; /* index map: max_index slots, null where nothing is bound */
+} FunctionMap;
+
+typedef struct FunctionMapItem {
+    char key[32]; /* zero-terminated, cut to 31 characters */
+    FunctionMapFunc func;
+} FunctionMapItem;
+
+/* A new empty key map for MAP_TYPE_KEY; null for every other type (an index map comes from
+ * function_map_create_index). A key map lives for the whole process: destroy refuses it. */
+KX_API FunctionMap *function_map_create(int type);
+/* Always null: a key map comes from function_map_create(MAP_TYPE_KEY). */
+KX_API FunctionMap *function_map_create_key(void);
+/* A new index map with max_index null slots; null when max_index <= 0 or on failure. */
+KX_API FunctionMap *function_map_create_index(int max_index);
+/* 0 for an index map (released); -1 for a null map and for a key map, which is not released. */
+KX_API int function_map_destroy(FunctionMap *map);
+/* 0, or -1 on failure. A key bound twice stands twice; lookups find the first binding. */
+KX_API int function_map_bind_key(FunctionMap *map, const char *key, FunctionMapFunc func);
+/* 0, or -1 for a wrong map, a null function or an index outside 0 .. max_index - 1. */
+KX_API int function_map_bind_index(FunctionMap *map, int index, FunctionMapFunc func);
+/* The item of the first binding of key, or null. */
+KX_API FunctionMapItem *function_map_get_key_map(FunctionMap *map, const char *key);
+/* The address of the slot (which may hold null), or null for a wrong map or index. */
+KX_API FunctionMapFunc *function_map_get_index_map(FunctionMap *map, int index);
+/* Copies at most size - 1 characters and always terminates the copy. 0, also when the text was cut;
+ * -1 for a null pointer or a size below 1 (nothing written). */
+KX_API int strcpy_safe(char *_cDest, const char *_cSrc, int size);
 /* @section function_map */
+/* Common helpers. They keep no state, write no log line and may be called from any thread. */
+
+#define OS_STR_ARRAY_MAX 512
+
+/* Result of os_split_str_to_arr: the pieces point into the split text; entries behind the last piece
+ * point to a constant empty string, never null. */
+typedef struct tagOsStrArray {
+    char *apcItem[OS_STR_ARRAY_MAX];
+    int32_t iItemNum;
+} tagOsStrArray;
+
+/* Copies the smaller of count and room bytes. 0, or 22 (EINVAL) for a null pointer. */
+KX_API int os_memcpy(void *dest, size_t room, const void *src, size_t count);
+/* With room >= 1 copies at most room - 1 characters and terminates; with room <= 0 copies the whole
+ * text. 0, or -1 for a null pointer. */
+KX_API int os_strcpy(char *dest, const char *src, int room);
+/* dlopen (lazy binding) of dir "/" name, or of name alone when dir is null or empty. path, reserved
+ * and flags are ignored. Null on failure, also when dir and name don't fit in 260 characters. */
+KX_API void *os_load_library(const char *path, const char *name, void *reserved, char *dir, int flags);
+KX_API void *os_dlsym_address(void *handle, const char *symbol);
+/* dlclose: 0 on success, non-zero on failure (also for a null handle). */
+KX_API int os_free_library(void *handle);
+/* Wall clock in milliseconds since the epoch; follows changes of the system time. */
+KX_API int64_t os_get_tick_count(void);
+/* usleep; -1 for a negative time. */
+KX_API int os_usleep(int us);
+/* Cuts text in place at each separator into at most OS_STR_ARRAY_MAX pieces. A trailing separator
+ * adds no piece, two in a row give an empty one, the empty text gives one empty piece. 0, or -1 for
+ * a null pointer or too many pieces (iItemNum then stays 0). */
+KX_API int os_split_str_to_arr(char *text, char sep, tagOsStrArray *arr);
+/* Lowers each byte in place; null is ignored. */
+KX_API void os_to_lower(char *text);
+/* Coded picture size to display size (1088 -> 1080, 368 -> 360, ...); other values unchanged. */
+KX_API int os_convert_video_size(int size);
+/* Prints the version text to standard output and returns it. */
+KX_API const char *os_get_sdk_version(void);
+KX_API uintptr_t os_get_cur_thread_id(void);
+/* A stream is a FILE* as void*. os_fopen gives null for a null path or mode; the last three
+ * arguments are ignored. The other calls forward to stdio; on a null stream they read and write
+ * nothing, os_fseek, os_ftell and os_fclose give -1 and os_feof gives 1. */
+KX_API void *os_fopen(const char *path, const char *mode, int share, unsigned char a, unsigned char b);
+KX_API size_t os_fread(void *buf, unsigned size, unsigned count, void *stream);
+KX_API size_t os_fwrite(const void *buf, unsigned size, unsigned count, void *stream);
+KX_API int os_fseek(void *stream, int64_t offset, int origin);
+KX_API int64_t os_ftell(void *stream);
+KX_API int os_feof(void *stream);
+KX_API int os_fclose(void *stream);
+/* 1 when the bytes are well-formed UTF-8 (sequences of up to six bytes, none cut off) and hold at
+ * least one multi-byte sequence; else 0. The other two give the same answer. */
+KX_API int os_is_utf8_encoding(const char *bytes, int len);
+KX_API int os_get_charset_code(const char *bytes, int len);
+KX_API int os_is_wide_char(const char *bytes, int len);
 /* @section os_helpers */
 
 /* ======================================================================================
@@ -451,6 +544,38 @@ typedef struct __S_FrameHeader {
 
 /* @section stream_frame */
 /* @section stream_crypt */
+/* I-frame index block: a 44-byte head, then uiIndexCount items of uiIndexItemSize bytes each,
+ * little-endian. Of an item only the first 12 bytes carry meaning (a shorter item reads as if padded
+ * with zeros): a word handed back unchanged, iItemStamp (grows from item to item; a step that does
+ * not grow is a restart) and uiSignMask (bit n-1 for sign type n). */
+typedef struct TIFrameIndexHead {
+    uint8_t aucReserved[32];
+    uint32_t uiIndexCount;
+    uint32_t uiIndexItemSize;
+    uint8_t aucTailReserved[4];
+} TIFrameIndexHead;
+
+typedef struct TIFrameIndexItem {
+    uint32_t uiItemWord;
+    int32_t iItemStamp;
+    uint32_t uiSignMask;
+} TIFrameIndexItem;
+
+/* In and out record of SA_GetIFrameInfo. */
+typedef struct TIFrameInfoQuery {
+    int32_t iMatchCount;    /* out, count mode: number of matching items */
+    int32_t iWantedOrdinal; /* in, find mode: the wanted match, from 1; -1 selects count mode */
+    int32_t iRestartCount;  /* out, find mode: restarts up to and including the found item */
+    TIFrameIndexItem tItem; /* out, find mode: the first 12 bytes of the found item */
+} TIFrameInfoQuery;
+
+/* _iSignType 0 matches every item, 1..5 items with bit 0..4 of uiSignMask; 100..105 select the same
+ * in count mode. *_piOutLen is the room at _pvOutBuf: find mode copies room - 12 bytes of the item
+ * (at most 12) and the restart count when the room is above 12; a room above 24 is stored back as 24.
+ * 0 (also when nothing was found), -101 null pointer, -104 block too short for its head or its items,
+ * -100 bad sign type. */
+KX_API int SA_GetIFrameInfo(int _iSignType, const void *_pvInBuf, int _iInBufSize, void *_pvOutBuf,
+                            int *_piOutLen);
 /* @section stream_iframe */
 /* @section stream_userdata */
 
