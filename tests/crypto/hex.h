@@ -6,8 +6,10 @@
 #include <string>
 #include <vector>
 
-inline std::vector<uint8_t> hex(const std::string &text) {
-    std::vector<uint8_t> out;
+typedef std::vector<uint8_t> Bytes;
+
+inline Bytes hex(const std::string &text) {
+    Bytes out;
     for (size_t i = 0; i + 1 < text.size(); i += 2) out.push_back((uint8_t)std::stoul(text.substr(i, 2), nullptr, 16));
     return out;
 }
