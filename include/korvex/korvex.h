@@ -382,8 +382,9 @@ typedef struct __S_FrameHeader {
  * empty key; -4 a wrong key or no frame (frame unchanged). SA_EncryptOneFrame enciphers payload bytes 0
  * to 63 (a frame whose uiFrameLen is below 96 stays clear, result 0); SA_EncryptOneFrameEx the first 64
  * bytes of every 256 within the first 262,144 bytes of what follows the header. Their codes: -101,
- * -104, -102, -2 as above, -3 when the cipher refuses. SA_DecryptAES runs AES_CTR over a bare
- * buffer: 0, -101, -104, -2, -4. */
+ * -104, -102, -2 as above (-104 also when a plain frame's buffer is below 96 bytes while its header
+ * claims more), -3 when the cipher refuses. SA_DecryptAES runs AES_CTR over a bare buffer: 0, -101,
+ * -104, -2, -4. */
 KX_API int SA_DecryptOneFrame(unsigned char *_pucFrameBuf, int _iFrameLen, const unsigned char *_pucDecryptKey,
                               int _iDecryptKeyLen);
 KX_API int SA_DecryptAES(unsigned char *_pucBuf, int _iBufLen, uint32_t _uiCounter,
