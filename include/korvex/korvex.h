@@ -519,6 +519,79 @@ KX_API int writeIntValue(const char *section, const char *key, int val, const ch
 /* ======================================================================================
  * Ciphers and digests
  * ====================================================================================== */
+/* Byte-wise AES-128 (10 rounds, 16-byte key). All buffers are processed in place; the context is the
+ * caller's, usually on the stack. */
+typedef struct AES_ctx {
+    uint8_t RoundKey[176]; /* the 11 round keys */
+    uint8_t Iv[16];        /* CBC chaining value, or the CTR counter (big-endian) */
+} AES_ctx;
+
+/* Expands the key; Iv keeps its value. */
+KX_API void AES_init_ctx(AES_ctx *ctx, const uint8_t *key);
+KX_API void AES_init_ctx_iv(AES_ctx *ctx, const uint8_t *key, const uint8_t *iv);
+KX_API void AES_ctx_set_iv(AES_ctx *ctx, const uint8_t *iv);
+/* One 16-byte block. */
+KX_API void AES_ECB_encrypt(const AES_ctx *ctx, uint8_t *buf);
+KX_API void AES_ECB_decrypt(const AES_ctx *ctx, uint8_t *buf);
+/* CBC without padding over whole 16-byte blocks; a trailing partial block is left as it is. Iv then
+ * holds the last ciphertext block, so a further call continues the chain. */
+KX_API void AES_CBC_encrypt_buffer(AES_ctx *ctx, uint8_t *buf, unsigned long length);
+KX_API void AES_CBC_decrypt_buffer(AES_ctx *ctx, uint8_t *buf, unsigned long length);
+/* CTR over any length; encrypts and decrypts alike. Iv is the counter, increased by 1 after each key
+ * stream block; each call starts with a fresh key stream block. */
+KX_API void AES_CTR_xcrypt_buffer(AES_ctx *ctx, uint8_t *buf, unsigned long length);
+
+/* Table-driven AES for 128, 192 and 256-bit keys, single blocks. Clear the record before set_key. */
+typedef struct STR_AES {
+    uint32_t uiKeyWords;          /* key length in 32-bit words: 4, 6 or 8 */
+    uint32_t auiEncSchedule[64];  /* encryption round keys, least significant byte first */
+    uint32_t auiDecSchedule[64];  /* decryption round keys, in the order of use */
+} STR_AES;
+
+/* Builds the shared tables once per process; set_key calls it on first use. Safe to call from
+ * several threads at once. */
+KX_API void gen_tabs(void);
+/* key_bits 128, 192 or 256. Any other length leaves the record unusable: encrypt and decrypt then
+ * write 16 zero bytes. */
+KX_API void set_key(STR_AES *aes, const unsigned char *key, unsigned long key_bits);
+KX_API void encrypt(const STR_AES *aes, const unsigned char *in, unsigned char *out);
+KX_API void decrypt(const STR_AES *aes, const unsigned char *in, unsigned char *out);
+/* Fits a key of up to 16 bytes to 16: the bytes, then 0xFF up to 16, then a 0 as 17th byte. 0, or -1
+ * (output untouched) for a length over 16, a negative length or a null pointer. */
+KX_API int expand_key(const unsigned char *key, int len, unsigned char *out);
+
+/* MD5 of _iInLen bytes. On entry *_piOutLen is the capacity of _pcOut. 0 with the 16 raw digest bytes
+ * at _pcOut and *_piOutLen = 16; -1 with nothing changed for null pointers, a length of 0 or less, or
+ * a capacity below 16. */
+KX_API int MD5_Encrypt(char *_pcOut, int *_piOutLen, const char *_pcIn, int _iInLen);
+
+/* Frame cipher modes: scramble the first bytes of a frame's payload in place, the frame number as
+ * counter. aes_crypt and AES_CTR (the same operation) XOR the buffer with one AES block of the counter
+ * under the key padded with 0xFF to 16 bytes (a key over 16 bytes counts as 16 zero bytes); 0, or -1
+ * for a null pointer. video_AES_CTR does the same only when the first four bytes decipher to the start
+ * code 00 00 00 01; else, and for a buffer below four bytes, -1 with the buffer unchanged.
+ * video_AES_CTR_EX is the enhanced form: a 64-byte key stream from the MD5 of the counter under four
+ * rotations of the key, XORed over the first 64 bytes of every 256 within the first 262,144 bytes,
+ * behind the same start-code check; it reads exactly 16 bytes at _pucKey whatever _iKeyLen says. */
+KX_API int aes_crypt(unsigned char *_pucBuf, int _iBufLen, uint32_t _uiCounter, const unsigned char *_pucKey,
+                     int _iKeyLen);
+KX_API int AES_CTR(unsigned char *_pucBuf, int _iBufLen, uint32_t _uiCounter, const unsigned char *_pucKey,
+                   int _iKeyLen);
+KX_API int video_AES_CTR(unsigned char *_pucBuf, int _iBufLen, uint32_t _uiCounter, const unsigned char *_pucKey,
+                         int _iKeyLen);
+KX_API int video_AES_CTR_EX(unsigned char *_pucBuf, int _iBufLen, uint32_t _uiCounter,
+                            const unsigned char *_pucKey, int _iKeyLen);
+/* One AES-128 CBC run with a zero IV through the byte-wise AES: _iSrcLen (0 to 16) bytes of _pcSrc under
+ * the 16 bytes at _pucKey into _pucOut, which must have room for 16 bytes; a short source is padded
+ * with zeros to a whole block. _iKeyLen is not read. 0, or -1 for a null pointer or a length outside
+ * 0 to 16. */
+KX_API int AES_ENC_STR(const char *_pcSrc, int _iSrcLen, const unsigned char *_pucKey, int _iKeyLen,
+                       unsigned char *_pucOut);
+/* 0 when the first four bytes of the buffer, XORed with the key repeated, give the start code. -1 for
+ * null pointers, or a buffer or key below four bytes. The buffer is not changed. */
+KX_API int CheckDecrypt(const unsigned char *_pucBuf, int _iBufLen, const unsigned char *_pucKey, int _iKeyLen);
+/* Rotates the first _iBufLen bytes (1 to 16) left by _iShift (1 to _iBufLen - 1); else does nothing. */
+KX_API void str_leftshift(unsigned char *_pucBuf, int _iBufLen, int _iShift);
 /* @section crypto */
 
 /* ======================================================================================
@@ -543,6 +616,24 @@ typedef struct __S_FrameHeader {
 } __S_FrameHeader;
 
 /* @section stream_frame */
+/* Frame encryption, in place. The key is a zero-terminated text of at least one character; for
+ * enhanced frames 16 bytes must be readable at it. SA_DecryptOneFrame deciphers a frame that its flags
+ * mark as encrypted, in either mode: 0; -101 null frame; -104 a length below 1, or a plain frame below
+ * 96 bytes; -102 an invalid header (or a buffer shorter than a header); -3 a clear frame; -2 a null or
+ * empty key; -4 a wrong key or no frame (frame unchanged). SA_EncryptOneFrame enciphers payload bytes 0
+ * to 63 (a frame whose uiFrameLen is below 96 stays clear, result 0); SA_EncryptOneFrameEx the first 64
+ * bytes of every 256 within the first 262,144 bytes of what follows the header. Their codes: -101,
+ * -104, -102, -2 as above (-104 also when a plain frame's buffer is below 96 bytes while its header
+ * claims more), -3 when the cipher refuses. SA_DecryptAES runs AES_CTR over a bare buffer: 0, -101,
+ * -104, -2, -4. */
+KX_API int SA_DecryptOneFrame(unsigned char *_pucFrameBuf, int _iFrameLen, const unsigned char *_pucDecryptKey,
+                              int _iDecryptKeyLen);
+KX_API int SA_DecryptAES(unsigned char *_pucBuf, int _iBufLen, uint32_t _uiCounter,
+                         const unsigned char *_pucDecryptKey, int _iDecryptKeyLen);
+KX_API int SA_EncryptOneFrame(unsigned char *_pucFrameBuf, int _iFrameLen, const unsigned char *_pucDecryptKey,
+                              int _iDecryptKeyLen);
+KX_API int SA_EncryptOneFrameEx(unsigned char *_pucFrameBuf, int _iFrameLen, const unsigned char *_pucDecryptKey,
+                                int _iDecryptKeyLen);
 /* @section stream_crypt */
 /* I-frame index block: a 44-byte head, then uiIndexCount items of uiIndexItemSize bytes each,
  * little-endian. Of an item only the first 12 bytes carry meaning (a shorter item reads as if padded

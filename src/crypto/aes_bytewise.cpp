@@ -1,0 +1,247 @@
+// Byte-wise AES-128: the cipher of FIPS 197 step by step on a 4x4 byte state, with the ECB, CBC and
+// CTR modes of NIST SP 800-38A on top. Small and table-light; the frame path uses the table-driven
+// form instead.
+#include <string.h>
+
+#include "crypto/crypto_internal.h"
+
+static_assert(sizeof(AES_ctx) == 192, "AES_ctx is 176 bytes of round keys and a 16-byte IV");
+static_assert(offsetof(AES_ctx, Iv) == 176, "Iv follows the round keys");
+
+namespace {
+
+constexpr int kNb = 4;   // columns of the state
+constexpr int kNk = 4;   // 32-bit words of the key
+constexpr int kNr = 10;  // rounds
+
+// state[c][r]: byte r of column c, i.e. byte 4c + r of the block.
+typedef uint8_t state_t[4][4];
+
+const uint8_t sbox[256] = {
+    0x63, 0x7c, 0x77, 0x7b, 0xf2, 0x6b, 0x6f, 0xc5, 0x30, 0x01, 0x67, 0x2b, 0xfe, 0xd7, 0xab, 0x76,
+    0xca, 0x82, 0xc9, 0x7d, 0xfa, 0x59, 0x47, 0xf0, 0xad, 0xd4, 0xa2, 0xaf, 0x9c, 0xa4, 0x72, 0xc0,
+    0xb7, 0xfd, 0x93, 0x26, 0x36, 0x3f, 0xf7, 0xcc, 0x34, 0xa5, 0xe5, 0xf1, 0x71, 0xd8, 0x31, 0x15,
+    0x04, 0xc7, 0x23, 0xc3, 0x18, 0x96, 0x05, 0x9a, 0x07, 0x12, 0x80, 0xe2, 0xeb, 0x27, 0xb2, 0x75,
+    0x09, 0x83, 0x2c, 0x1a, 0x1b, 0x6e, 0x5a, 0xa0, 0x52, 0x3b, 0xd6, 0xb3, 0x29, 0xe3, 0x2f, 0x84,
+    0x53, 0xd1, 0x00, 0xed, 0x20, 0xfc, 0xb1, 0x5b, 0x6a, 0xcb, 0xbe, 0x39, 0x4a, 0x4c, 0x58, 0xcf,
+    0xd0, 0xef, 0xaa, 0xfb, 0x43, 0x4d, 0x33, 0x85, 0x45, 0xf9, 0x02, 0x7f, 0x50, 0x3c, 0x9f, 0xa8,
+    0x51, 0xa3, 0x40, 0x8f, 0x92, 0x9d, 0x38, 0xf5, 0xbc, 0xb6, 0xda, 0x21, 0x10, 0xff, 0xf3, 0xd2,
+    0xcd, 0x0c, 0x13, 0xec, 0x5f, 0x97, 0x44, 0x17, 0xc4, 0xa7, 0x7e, 0x3d, 0x64, 0x5d, 0x19, 0x73,
+    0x60, 0x81, 0x4f, 0xdc, 0x22, 0x2a, 0x90, 0x88, 0x46, 0xee, 0xb8, 0x14, 0xde, 0x5e, 0x0b, 0xdb,
+    0xe0, 0x32, 0x3a, 0x0a, 0x49, 0x06, 0x24, 0x5c, 0xc2, 0xd3, 0xac, 0x62, 0x91, 0x95, 0xe4, 0x79,
+    0xe7, 0xc8, 0x37, 0x6d, 0x8d, 0xd5, 0x4e, 0xa9, 0x6c, 0x56, 0xf4, 0xea, 0x65, 0x7a, 0xae, 0x08,
+    0xba, 0x78, 0x25, 0x2e, 0x1c, 0xa6, 0xb4, 0xc6, 0xe8, 0xdd, 0x74, 0x1f, 0x4b, 0xbd, 0x8b, 0x8a,
+    0x70, 0x3e, 0xb5, 0x66, 0x48, 0x03, 0xf6, 0x0e, 0x61, 0x35, 0x57, 0xb9, 0x86, 0xc1, 0x1d, 0x9e,
+    0xe1, 0xf8, 0x98, 0x11, 0x69, 0xd9, 0x8e, 0x94, 0x9b, 0x1e, 0x87, 0xe9, 0xce, 0x55, 0x28, 0xdf,
+    0x8c, 0xa1, 0x89, 0x0d, 0xbf, 0xe6, 0x42, 0x68, 0x41, 0x99, 0x2d, 0x0f, 0xb0, 0x54, 0xbb, 0x16,
+};
+
+const uint8_t rsbox[256] = {
+    0x52, 0x09, 0x6a, 0xd5, 0x30, 0x36, 0xa5, 0x38, 0xbf, 0x40, 0xa3, 0x9e, 0x81, 0xf3, 0xd7, 0xfb,
+    0x7c, 0xe3, 0x39, 0x82, 0x9b, 0x2f, 0xff, 0x87, 0x34, 0x8e, 0x43, 0x44, 0xc4, 0xde, 0xe9, 0xcb,
+    0x54, 0x7b, 0x94, 0x32, 0xa6, 0xc2, 0x23, 0x3d, 0xee, 0x4c, 0x95, 0x0b, 0x42, 0xfa, 0xc3, 0x4e,
+    0x08, 0x2e, 0xa1, 0x66, 0x28, 0xd9, 0x24, 0xb2, 0x76, 0x5b, 0xa2, 0x49, 0x6d, 0x8b, 0xd1, 0x25,
+    0x72, 0xf8, 0xf6, 0x64, 0x86, 0x68, 0x98, 0x16, 0xd4, 0xa4, 0x5c, 0xcc, 0x5d, 0x65, 0xb6, 0x92,
+    0x6c, 0x70, 0x48, 0x50, 0xfd, 0xed, 0xb9, 0xda, 0x5e, 0x15, 0x46, 0x57, 0xa7, 0x8d, 0x9d, 0x84,
+    0x90, 0xd8, 0xab, 0x00, 0x8c, 0xbc, 0xd3, 0x0a, 0xf7, 0xe4, 0x58, 0x05, 0xb8, 0xb3, 0x45, 0x06,
+    0xd0, 0x2c, 0x1e, 0x8f, 0xca, 0x3f, 0x0f, 0x02, 0xc1, 0xaf, 0xbd, 0x03, 0x01, 0x13, 0x8a, 0x6b,
+    0x3a, 0x91, 0x11, 0x41, 0x4f, 0x67, 0xdc, 0xea, 0x97, 0xf2, 0xcf, 0xce, 0xf0, 0xb4, 0xe6, 0x73,
+    0x96, 0xac, 0x74, 0x22, 0xe7, 0xad, 0x35, 0x85, 0xe2, 0xf9, 0x37, 0xe8, 0x1c, 0x75, 0xdf, 0x6e,
+    0x47, 0xf1, 0x1a, 0x71, 0x1d, 0x29, 0xc5, 0x89, 0x6f, 0xb7, 0x62, 0x0e, 0xaa, 0x18, 0xbe, 0x1b,
+    0xfc, 0x56, 0x3e, 0x4b, 0xc6, 0xd2, 0x79, 0x20, 0x9a, 0xdb, 0xc0, 0xfe, 0x78, 0xcd, 0x5a, 0xf4,
+    0x1f, 0xdd, 0xa8, 0x33, 0x88, 0x07, 0xc7, 0x31, 0xb1, 0x12, 0x10, 0x59, 0x27, 0x80, 0xec, 0x5f,
+    0x60, 0x51, 0x7f, 0xa9, 0x19, 0xb5, 0x4a, 0x0d, 0x2d, 0xe5, 0x7a, 0x9f, 0x93, 0xc9, 0x9c, 0xef,
+    0xa0, 0xe0, 0x3b, 0x4d, 0xae, 0x2a, 0xf5, 0xb0, 0xc8, 0xeb, 0xbb, 0x3c, 0x83, 0x53, 0x99, 0x61,
+    0x17, 0x2b, 0x04, 0x7e, 0xba, 0x77, 0xd6, 0x26, 0xe1, 0x69, 0x14, 0x63, 0x55, 0x21, 0x0c, 0x7d,
+};
+
+// Round constants: x^(i-1) in GF(2^8) for i = 1..10, placed in the first byte of the word.
+const uint8_t Rcon[11] = {0x8d, 0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80, 0x1b, 0x36};
+
+void KeyExpansion(uint8_t *round_key, const uint8_t *key) {
+    memcpy(round_key, key, 4 * kNk);
+    for (int i = kNk; i < kNb * (kNr + 1); ++i) {
+        uint8_t temp[4];
+        memcpy(temp, round_key + 4 * (i - 1), 4);
+        if (i % kNk == 0) {
+            // RotWord, SubWord, then the round constant.
+            uint8_t t0 = temp[0];
+            temp[0] = (uint8_t)(sbox[temp[1]] ^ Rcon[i / kNk]);
+            temp[1] = sbox[temp[2]];
+            temp[2] = sbox[temp[3]];
+            temp[3] = sbox[t0];
+        }
+        for (int j = 0; j < 4; ++j) round_key[4 * i + j] = (uint8_t)(round_key[4 * (i - kNk) + j] ^ temp[j]);
+    }
+}
+
+void AddRoundKey(int round, state_t *state, const uint8_t *round_key) {
+    for (int c = 0; c < 4; ++c)
+        for (int r = 0; r < 4; ++r) (*state)[c][r] ^= round_key[round * kNb * 4 + c * kNb + r];
+}
+
+void SubBytes(state_t *state) {
+    for (int c = 0; c < 4; ++c)
+        for (int r = 0; r < 4; ++r) (*state)[c][r] = sbox[(*state)[c][r]];
+}
+
+void InvSubBytes(state_t *state) {
+    for (int c = 0; c < 4; ++c)
+        for (int r = 0; r < 4; ++r) (*state)[c][r] = rsbox[(*state)[c][r]];
+}
+
+// Row r moves r places to the left.
+void ShiftRows(state_t *state) {
+    for (int r = 1; r < 4; ++r) {
+        uint8_t row[4];
+        for (int c = 0; c < 4; ++c) row[c] = (*state)[(c + r) % 4][r];
+        for (int c = 0; c < 4; ++c) (*state)[c][r] = row[c];
+    }
+}
+
+// Row r moves r places to the right.
+void InvShiftRows(state_t *state) {
+    for (int r = 1; r < 4; ++r) {
+        uint8_t row[4];
+        for (int c = 0; c < 4; ++c) row[(c + r) % 4] = (*state)[c][r];
+        for (int c = 0; c < 4; ++c) (*state)[c][r] = row[c];
+    }
+}
+
+// Multiplication by x in GF(2^8) modulo x^8 + x^4 + x^3 + x + 1.
+inline uint8_t xtime(uint8_t x) { return (uint8_t)((x << 1) ^ (((x >> 7) & 1) * 0x1b)); }
+
+inline uint8_t Multiply(uint8_t x, uint8_t y) {
+    uint8_t result = 0;
+    while (y) {
+        if (y & 1) result ^= x;
+        x = xtime(x);
+        y >>= 1;
+    }
+    return result;
+}
+
+void MixColumns(state_t *state) {
+    for (int c = 0; c < 4; ++c) {
+        uint8_t *a = (*state)[c];
+        uint8_t all = (uint8_t)(a[0] ^ a[1] ^ a[2] ^ a[3]);
+        uint8_t a0 = a[0];
+        // 2a_r + 3a_(r+1) + a_(r+2) + a_(r+3) = a_r + all + 2(a_r + a_(r+1)).
+        a[0] ^= (uint8_t)(all ^ xtime((uint8_t)(a[0] ^ a[1])));
+        a[1] ^= (uint8_t)(all ^ xtime((uint8_t)(a[1] ^ a[2])));
+        a[2] ^= (uint8_t)(all ^ xtime((uint8_t)(a[2] ^ a[3])));
+        a[3] ^= (uint8_t)(all ^ xtime((uint8_t)(a[3] ^ a0)));
+    }
+}
+
+void InvMixColumns(state_t *state) {
+    for (int c = 0; c < 4; ++c) {
+        uint8_t a[4];
+        memcpy(a, (*state)[c], 4);
+        for (int r = 0; r < 4; ++r) {
+            (*state)[c][r] = (uint8_t)(Multiply(a[r], 0x0e) ^ Multiply(a[(r + 1) % 4], 0x0b) ^
+                                       Multiply(a[(r + 2) % 4], 0x0d) ^ Multiply(a[(r + 3) % 4], 0x09));
+        }
+    }
+}
+
+void Cipher(state_t *state, const uint8_t *round_key) {
+    AddRoundKey(0, state, round_key);
+    for (int round = 1; round < kNr; ++round) {
+        SubBytes(state);
+        ShiftRows(state);
+        MixColumns(state);
+        AddRoundKey(round, state, round_key);
+    }
+    SubBytes(state);
+    ShiftRows(state);
+    AddRoundKey(kNr, state, round_key);
+}
+
+void InvCipher(state_t *state, const uint8_t *round_key) {
+    AddRoundKey(kNr, state, round_key);
+    for (int round = kNr - 1; round > 0; --round) {
+        InvShiftRows(state);
+        InvSubBytes(state);
+        AddRoundKey(round, state, round_key);
+        InvMixColumns(state);
+    }
+    InvShiftRows(state);
+    InvSubBytes(state);
+    AddRoundKey(0, state, round_key);
+}
+
+inline void XorWithIv(uint8_t *buf, const uint8_t *iv) {
+    for (int i = 0; i < KX_AES_BLOCK; ++i) buf[i] ^= iv[i];
+}
+
+// Runs one block through the cipher; the state is a copy, so buf may have any alignment.
+inline void encrypt_block(uint8_t *buf, const uint8_t *round_key) {
+    state_t state;
+    memcpy(state, buf, KX_AES_BLOCK);
+    Cipher(&state, round_key);
+    memcpy(buf, state, KX_AES_BLOCK);
+}
+
+inline void decrypt_block(uint8_t *buf, const uint8_t *round_key) {
+    state_t state;
+    memcpy(state, buf, KX_AES_BLOCK);
+    InvCipher(&state, round_key);
+    memcpy(buf, state, KX_AES_BLOCK);
+}
+
+}  // namespace
+
+extern "C" {
+
+KX_API void AES_init_ctx(AES_ctx *ctx, const uint8_t *key) { KeyExpansion(ctx->RoundKey, key); }
+
+KX_API void AES_init_ctx_iv(AES_ctx *ctx, const uint8_t *key, const uint8_t *iv) {
+    KeyExpansion(ctx->RoundKey, key);
+    memcpy(ctx->Iv, iv, KX_AES_BLOCK);
+}
+
+KX_API void AES_ctx_set_iv(AES_ctx *ctx, const uint8_t *iv) { memcpy(ctx->Iv, iv, KX_AES_BLOCK); }
+
+KX_API void AES_ECB_encrypt(const AES_ctx *ctx, uint8_t *buf) { encrypt_block(buf, ctx->RoundKey); }
+
+KX_API void AES_ECB_decrypt(const AES_ctx *ctx, uint8_t *buf) { decrypt_block(buf, ctx->RoundKey); }
+
+KX_API void AES_CBC_encrypt_buffer(AES_ctx *ctx, uint8_t *buf, unsigned long length) {
+    const uint8_t *iv = ctx->Iv;
+    for (unsigned long i = 0; i + KX_AES_BLOCK <= length; i += KX_AES_BLOCK) {
+        XorWithIv(buf + i, iv);
+        encrypt_block(buf + i, ctx->RoundKey);
+        iv = buf + i;
+    }
+    if (iv != ctx->Iv) memcpy(ctx->Iv, iv, KX_AES_BLOCK);
+}
+
+KX_API void AES_CBC_decrypt_buffer(AES_ctx *ctx, uint8_t *buf, unsigned long length) {
+    for (unsigned long i = 0; i + KX_AES_BLOCK <= length; i += KX_AES_BLOCK) {
+        uint8_t next_iv[KX_AES_BLOCK];
+        memcpy(next_iv, buf + i, KX_AES_BLOCK);
+        decrypt_block(buf + i, ctx->RoundKey);
+        XorWithIv(buf + i, ctx->Iv);
+        memcpy(ctx->Iv, next_iv, KX_AES_BLOCK);
+    }
+}
+
+KX_API void AES_CTR_xcrypt_buffer(AES_ctx *ctx, uint8_t *buf, unsigned long length) {
+    uint8_t stream[KX_AES_BLOCK];
+    int used = KX_AES_BLOCK;  // a fresh key stream block at the start of every call
+    for (unsigned long i = 0; i < length; ++i, ++used) {
+        if (used == KX_AES_BLOCK) {
+            memcpy(stream, ctx->Iv, KX_AES_BLOCK);
+            encrypt_block(stream, ctx->RoundKey);
+            // Big-endian increment with carry from the last byte towards the first.
+            for (int b = KX_AES_BLOCK - 1; b >= 0; --b) {
+                if (++ctx->Iv[b] != 0) break;
+            }
+            used = 0;
+        }
+        buf[i] ^= stream[used];
+    }
+}
+
+}  // extern "C"

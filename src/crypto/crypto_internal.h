@@ -1,0 +1,41 @@
+// Internals of the ciphers and digests: the shared tables of the table-driven AES, the start code of
+// a clear frame, and the building blocks of the frame cipher modes.
+#pragma once
+
+#include <stdint.h>
+
+#include <atomic>
+
+#include "korvex/korvex.h"
+
+enum { KX_AES_BLOCK = 16, KX_AES128_KEY = 16 };
+
+// Tables of the table-driven AES, written once by gen_tabs and read-only afterwards.
+extern uint8_t pow_tab[256];  // powers of the generator 3 in GF(2^8), polynomial 0x11B
+extern uint8_t log_tab[256];  // their logarithms
+extern uint8_t sbx_tab[256];  // S-box
+extern uint8_t isb_tab[256];  // inverse S-box
+extern uint32_t rco_tab[10];  // round constants
+extern uint32_t ft_tab[4][256];  // forward round: SubBytes + MixColumns of one byte, per row
+extern uint32_t it_tab[4][256];  // inverse round: InvSubBytes + InvMixColumns of one byte, per row
+extern uint32_t fl_tab[4][256];  // forward last round: S-box value in byte k of the word
+extern uint32_t il_tab[4][256];  // inverse last round
+// 1 once every table above is complete (stored last, with release order).
+extern std::atomic<int> tab_gen;
+
+// 00 00 00 01: the Annex B start code with which the payload of a clear frame begins.
+extern const unsigned char cValidFrameFlag[4];
+
+// The key stream block S of the plain frame cipher: the counter (least significant byte first, then
+// 12 zero bytes) enciphered with the table-driven AES under the key fitted by expand_key. A key that
+// expand_key refuses leaves the AES key at 16 zero bytes.
+void frame_key_stream_block(uint32_t counter, const unsigned char *key, int key_len, unsigned char s[16]);
+
+// The 64-byte key stream K of the enhanced frame cipher: the MD5 of the counter's four bytes
+// enciphered under the 16 key bytes at `key` and three further rotations of them. -1 when a step fails.
+int frame_key_stream_ex(uint32_t counter, const unsigned char *key, unsigned char k[64]);
+
+// The enhanced cipher with the start-code test as a switch. With check_start_code 0 it still refuses
+// buffers below four bytes (they could never pass the test when deciphered) and bad arguments.
+int video_aes_ctr_ex_apply(unsigned char *buf, int buf_len, uint32_t counter, const unsigned char *key, int key_len,
+                           int check_start_code);
