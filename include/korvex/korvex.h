@@ -262,17 +262,258 @@ KX_API void sdk_os_set_cur_path(void *path);
 /* ======================================================================================
  * Command engine
  * ====================================================================================== */
+/* The text command engine. A _TProtFrame holds a tree of command keys registered by the caller;
+ * command texts run through it and reach the analyze callback of the node they name. A command is
+ * words separated by single tabs: upper-case keys first (at most 16), parameters behind them (at
+ * most 360), 376 words of at most 256 characters. A package is commands that each start with a
+ * section word ("INNER", "USER", "CMD" or "PARASET") and end with "\n\n\n". The engine takes no
+ * lock and logs nothing: every refusal gives -1. A frame belongs to one thread at a time. */
+enum {
+    PAP_MAX_KEYS = 16,
+    PAP_MAX_PARAMS = 360,
+    PAP_MAX_WORDS = 376,
+    PAP_MAX_WORD_LEN = 256,
+    PAP_REMAIN_WORDS = 32,
+    PAP_RESULT_WORDS = 8,
+    PAP_SLOT_LEN = 32,          /* a remain or result word holds at most 31 characters */
+    PAP_MAX_PACKAGE_LEN = 1999  /* longest package that pap_run_cmd_package takes */
+};
+
+struct tagAnalyzeParam;
+struct TProtNode;
+
+/* Handed to the analyze callback; the engine never calls it. Its arguments mean what the
+ * application's analyze callback makes of them. */
+typedef int (*pap_deal_cbk)(void *in, int len, void *out);
+/* The entry of a command. Its result is the result of the run; 0 counts as success. */
+typedef int (*pap_analyze_cbk)(struct tagAnalyzeParam *param);
+/* Stored with pap_regist_cbk_get_param and handed to each analyze callback; never called here. */
+typedef int (*pap_get_param_cbk)(void *ctx, int id, void *out);
+/* Own check of a parameter word: 0 for a bad value, anything else for a good one. */
+typedef int (*pap_param_check_cbk)(const char *param);
+
+/* Check of one parameter: type 0 none, 1 base-10 integer in [min, max], 2 length in [min, max],
+ * 3 check(word) != 0; any other type fails. */
+typedef struct TParamDef {
+    int type;
+    int64_t min;
+    int64_t max;
+    pap_param_check_cbk check;
+} TParamDef;
+
+/* The callbacks of a node. param_num is the number of parameters this leaf accepts (-1: any);
+ * params holds one definition for each. The registration calls make leaves with -1. */
+typedef struct TProtLeaf {
+    struct TProtNode *node;
+    int param_num;
+    TParamDef *params;
+    pap_deal_cbk deal;
+    pap_analyze_cbk analyze;
+} TProtLeaf;
+
+/* One key of a command path. The first leaf is the one that runs for any number of parameters. */
+typedef struct TProtNode {
+    struct TProtNode *next;   /* next sibling, in order of creation */
+    struct TProtNode *child;  /* first node of the level below */
+    struct TProtNode *parent; /* null on the top level */
+    char *key;
+    int leaf_num;
+    TProtLeaf *leaves;
+} TProtNode;
+
+/* One engine instance. The counters are written by each run and read by nobody here. */
+typedef struct _TProtFrame {
+    TProtNode *root;
+    uint64_t node_num;
+    uint64_t run_total;
+    uint64_t run_ok;
+    uint64_t run_fail;
+    char remain_words[PAP_REMAIN_WORDS][PAP_SLOT_LEN];
+    int remain_num;
+    char result_words[PAP_RESULT_WORDS][PAP_SLOT_LEN];
+    int result_num;
+    pap_get_param_cbk get_param;
+} _TProtFrame;
+
+/* What an analyze callback gets: words[0 .. key_num-1] are the keys, words[key_num ..
+ * key_num+param_num-1] the parameters. Valid only during the call. */
+typedef struct tagAnalyzeParam {
+    uint8_t reserved[8];
+    char **words;
+    int key_num;
+    int param_num;
+    pap_deal_cbk deal;
+    pap_get_param_cbk get_param;
+    void *user_data;
+} tagAnalyzeParam;
+
+/* One command split into words, kept on the stack of a single run. */
+typedef struct _TProtCmdTxt {
+    int len;
+    char *text;
+    char *words[PAP_MAX_WORDS];
+    int key_num;
+    int param_num;
+} _TProtCmdTxt;
+
+/* A new empty frame, null if allocation fails. */
+KX_API _TProtFrame *pap_init(void);
+/* Frees the frame with its whole tree. Always -1. */
+KX_API int pap_uninit(_TProtFrame *frame);
+/* Registration. path: keys separated by single tabs, made of A-Z, 0-9 and "_" (at most 16 keys
+ * count). A path that exists gets its callbacks replaced in place (a null callback leaves the old
+ * one); missing keys are created, the inner ones with the same callbacks. The _spe forms also make
+ * the last key a remain word: in a command text everything behind it is a parameter. A remain word
+ * holds at most 31 characters: a _spe call that would create a longer one gives -1 and registers
+ * nothing. 0 on success, -1 on failure. */
+KX_API int pap_regist_cbk_cmd_analyze(_TProtFrame *frame, const char *path, pap_analyze_cbk analyze);
+KX_API int pap_regist_cbk_cmd_analyze_spe(_TProtFrame *frame, const char *path, pap_analyze_cbk analyze);
+KX_API int pap_regist_cbk_cmd_deal(_TProtFrame *frame, const char *path, pap_deal_cbk deal);
+KX_API int pap_regist_cbk_cmd_deal_spe(_TProtFrame *frame, const char *path, pap_deal_cbk deal);
+/* Always 0; a null frame is ignored. */
+KX_API int pap_regist_cbk_get_param(_TProtFrame *frame, pap_get_param_cbk get_param);
+/* The common road of the four calls above; spe is 1 for the _spe forms. */
+KX_API int Inner_RegCallBack(_TProtFrame *frame, const char *path, pap_analyze_cbk analyze, pap_deal_cbk deal,
+                             int spe);
+/* 1 if word is A-Z followed by A-Z, 0-9 or "_"; 0 otherwise (also for null or ""). */
+KX_API int isupperstr(const char *word);
+/* Runs one zero-terminated command (length is not read). The result of the analyze callback, or -1
+ * if none ran. user_data reaches the callback. An analyze callback may run commands on the same
+ * frame again. */
+KX_API int pap_run_cmd(_TProtFrame *frame, const char *text, int length, void *user_data);
+KX_API int Inner_RunCmd(_TProtFrame *frame, const char *text, int length, void *user_data);
+/* Runs each command of a package of length bytes (0 to 1999, no terminating zero needed). The
+ * result of the last command run, or -1 if none ran or length is out of range. */
+KX_API int pap_run_cmd_package(_TProtFrame *frame, const char *text, int length, void *user_data);
+
 /* @section pap */
 
 /* ======================================================================================
  * Function maps and common helpers
  * ====================================================================================== */
+/* A function map binds function pointers to names (key map, searched from the front, first binding
+ * wins) or to numbers (index map, an array of max_index slots). The map never calls the functions:
+ * the caller casts func, or the slot, to the function's real type. No lock is taken; the caller
+ * serialises binding against lookup. */
+#define MAP_TYPE_KEY 0
+#define MAP_TYPE_INDEX 1
+
+typedef void (*FunctionMapFunc)(void);
+
+typedef struct FunctionMap {
+    int32_t type;      /* MAP_TYPE_KEY or MAP_TYPE_INDEX */
+    int32_t max_index; /* index map: number of slots */
+    _OS_DList *key_map; /* key map: list of FunctionMapItem pointers, in order of binding */
+    FunctionMapFunc *index_map; /* index map: max_index slots, null where nothing is bound */
+} FunctionMap;
+
+typedef struct FunctionMapItem {
+    char key[32]; /* zero-terminated, cut to 31 characters */
+    FunctionMapFunc func;
+} FunctionMapItem;
+
+/* A new empty key map for MAP_TYPE_KEY; null for every other type (an index map comes from
+ * function_map_create_index). A key map lives for the whole process: destroy refuses it. */
+KX_API FunctionMap *function_map_create(int type);
+/* Always null: a key map comes from function_map_create(MAP_TYPE_KEY). */
+KX_API FunctionMap *function_map_create_key(void);
+/* A new index map with max_index null slots; null when max_index <= 0 or on failure. */
+KX_API FunctionMap *function_map_create_index(int max_index);
+/* 0 for an index map (released); -1 for a null map and for a key map, which is not released. */
+KX_API int function_map_destroy(FunctionMap *map);
+/* 0, or -1 on failure. A key bound twice stands twice; lookups find the first binding. */
+KX_API int function_map_bind_key(FunctionMap *map, const char *key, FunctionMapFunc func);
+/* 0, or -1 for a wrong map, a null function or an index outside 0 .. max_index - 1. */
+KX_API int function_map_bind_index(FunctionMap *map, int index, FunctionMapFunc func);
+/* The item of the first binding of key, or null. */
+KX_API FunctionMapItem *function_map_get_key_map(FunctionMap *map, const char *key);
+/* The address of the slot (which may hold null), or null for a wrong map or index. */
+KX_API FunctionMapFunc *function_map_get_index_map(FunctionMap *map, int index);
+/* Copies at most size - 1 characters and always terminates the copy. 0, also when the text was cut;
+ * -1 for a null pointer or a size below 1 (nothing written). */
+KX_API int strcpy_safe(char *_cDest, const char *_cSrc, int size);
 /* @section function_map */
+/* Common helpers. They keep no state, write no log line and may be called from any thread. */
+
+#define OS_STR_ARRAY_MAX 512
+
+/* Result of os_split_str_to_arr: the pieces point into the split text; entries behind the last piece
+ * point to a constant empty string, never null. */
+typedef struct tagOsStrArray {
+    char *apcItem[OS_STR_ARRAY_MAX];
+    int32_t iItemNum;
+} tagOsStrArray;
+
+/* Copies the smaller of count and room bytes. 0, or 22 (EINVAL) for a null pointer. */
+KX_API int os_memcpy(void *dest, size_t room, const void *src, size_t count);
+/* With room >= 1 copies at most room - 1 characters and terminates; with room <= 0 copies the whole
+ * text. 0, or -1 for a null pointer. */
+KX_API int os_strcpy(char *dest, const char *src, int room);
+/* dlopen (lazy binding) of dir "/" name, or of name alone when dir is null or empty. path, reserved
+ * and flags are ignored. Null on failure, also when dir and name don't fit in 260 characters. */
+KX_API void *os_load_library(const char *path, const char *name, void *reserved, char *dir, int flags);
+KX_API void *os_dlsym_address(void *handle, const char *symbol);
+/* dlclose: 0 on success, non-zero on failure (also for a null handle). */
+KX_API int os_free_library(void *handle);
+/* Wall clock in milliseconds since the epoch; follows changes of the system time. */
+KX_API int64_t os_get_tick_count(void);
+/* usleep; -1 for a negative time. */
+KX_API int os_usleep(int us);
+/* Cuts text in place at each separator into at most OS_STR_ARRAY_MAX pieces. A trailing separator
+ * adds no piece, two in a row give an empty one, the empty text gives one empty piece. 0, or -1 for
+ * a null pointer or too many pieces (iItemNum then stays 0). */
+KX_API int os_split_str_to_arr(char *text, char sep, tagOsStrArray *arr);
+/* Lowers each byte in place; null is ignored. */
+KX_API void os_to_lower(char *text);
+/* Coded picture size to display size (1088 -> 1080, 368 -> 360, ...); other values unchanged. */
+KX_API int os_convert_video_size(int size);
+/* Prints the version text to standard output and returns it. */
+KX_API const char *os_get_sdk_version(void);
+KX_API uintptr_t os_get_cur_thread_id(void);
+/* A stream is a FILE* as void*. os_fopen gives null for a null path or mode; the last three
+ * arguments are ignored. The other calls forward to stdio; on a null stream they read and write
+ * nothing, os_fseek, os_ftell and os_fclose give -1 and os_feof gives 1. */
+KX_API void *os_fopen(const char *path, const char *mode, int share, unsigned char a, unsigned char b);
+KX_API size_t os_fread(void *buf, unsigned size, unsigned count, void *stream);
+KX_API size_t os_fwrite(const void *buf, unsigned size, unsigned count, void *stream);
+KX_API int os_fseek(void *stream, int64_t offset, int origin);
+KX_API int64_t os_ftell(void *stream);
+KX_API int os_feof(void *stream);
+KX_API int os_fclose(void *stream);
+/* 1 when the bytes are well-formed UTF-8 (sequences of up to six bytes, none cut off) and hold at
+ * least one multi-byte sequence; else 0. The other two give the same answer. */
+KX_API int os_is_utf8_encoding(const char *bytes, int len);
+KX_API int os_get_charset_code(const char *bytes, int len);
+KX_API int os_is_wide_char(const char *bytes, int len);
 /* @section os_helpers */
 
 /* ======================================================================================
  * INI files
  * ====================================================================================== */
+/* Single values in a text file of "[Section]" lines and "key=value" lines. Lines are read in parts of
+ * at most 255 characters. A section starts at a line that begins with its "[name]" and ends at the
+ * next line that begins with "[". A key matches every line of the section that begins with its
+ * letters (so no key of a section may begin another); the value runs from behind the first "=" to
+ * the line's end, untrimmed. Lines that begin with ";", CR or LF are comments or blank. No call keeps
+ * state, takes a lock or logs. The value buffer has room for 256 characters; a value that is not
+ * found leaves it as it was. */
+/* section is the header with its brackets, e.g. "[File]". */
+KX_API void IniReadValue(const char *section, const char *key, char *val, const char *path);
+/* section is the plain name. 0 when all arguments are given (found or not), -1 for a null one. */
+KX_API int readStringValue(const char *section, const char *key, char *val, const char *path);
+/* The value as an int (leading blanks skipped, digits up to the first other character, clamped to
+ * the int range); def for a missing file, section or key, an empty value or a null argument. */
+KX_API int readIntValue(const char *section, const char *key, int def, const char *path);
+/* Replaces every line of the section that begins with key by "key=val\n"; never adds a key, a section
+ * or a file. A new line of the old length is written in place. Otherwise the file is rewritten
+ * whole through a temporary file in its directory that replaces it by rename, so no byte around the
+ * line is lost. Refused without change: a new line over 255 characters, and a section where a line
+ * beginning with key holds a longer key (e.g. "LevelMax" for the key "Level"). */
+KX_API void IniWriteValue(const char *section, const char *key, const char *val, const char *path);
+/* section is the plain name. 0 when all arguments are given (written or not), -1 for a null one. */
+KX_API int writeStringVlaue(const char *section, const char *key, const char *val, const char *path);
+/* Writes the value as "%-4d" (at least four characters, blanks behind); always 0. */
+KX_API int writeIntValue(const char *section, const char *key, int val, const char *path);
 /* @section ini */
 
 /* ======================================================================================
@@ -327,6 +568,38 @@ KX_API int H265_Probe(const unsigned char *_pucBuf, int _iLen);
 
 /* @section stream_frame */
 /* @section stream_crypt */
+/* I-frame index block: a 44-byte head, then uiIndexCount items of uiIndexItemSize bytes each,
+ * little-endian. Of an item only the first 12 bytes carry meaning (a shorter item reads as if padded
+ * with zeros): a word handed back unchanged, iItemStamp (grows from item to item; a step that does
+ * not grow is a restart) and uiSignMask (bit n-1 for sign type n). */
+typedef struct TIFrameIndexHead {
+    uint8_t aucReserved[32];
+    uint32_t uiIndexCount;
+    uint32_t uiIndexItemSize;
+    uint8_t aucTailReserved[4];
+} TIFrameIndexHead;
+
+typedef struct TIFrameIndexItem {
+    uint32_t uiItemWord;
+    int32_t iItemStamp;
+    uint32_t uiSignMask;
+} TIFrameIndexItem;
+
+/* In and out record of SA_GetIFrameInfo. */
+typedef struct TIFrameInfoQuery {
+    int32_t iMatchCount;    /* out, count mode: number of matching items */
+    int32_t iWantedOrdinal; /* in, find mode: the wanted match, from 1; -1 selects count mode */
+    int32_t iRestartCount;  /* out, find mode: restarts up to and including the found item */
+    TIFrameIndexItem tItem; /* out, find mode: the first 12 bytes of the found item */
+} TIFrameInfoQuery;
+
+/* _iSignType 0 matches every item, 1..5 items with bit 0..4 of uiSignMask; 100..105 select the same
+ * in count mode. *_piOutLen is the room at _pvOutBuf: find mode copies room - 12 bytes of the item
+ * (at most 12) and the restart count when the room is above 12; a room above 24 is stored back as 24.
+ * 0 (also when nothing was found), -101 null pointer, -104 block too short for its head or its items,
+ * -100 bad sign type. */
+KX_API int SA_GetIFrameInfo(int _iSignType, const void *_pvInBuf, int _iInBufSize, void *_pvOutBuf,
+                            int *_piOutLen);
 /* @section stream_iframe */
 /* --- User data embedded in frames ---------------------------------------------------------------------
  * Devices put a user-data unit into the coded stream of a frame, as an SEI NAL unit of a private payload

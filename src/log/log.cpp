@@ -11,15 +11,15 @@
 
 #include "log/log_internal.h"
 
-int s_log_level = SDK_LOG_LEVEL_MSG;
-int s_logfile_level = SDK_LOG_LEVEL_MSG;
-int s_api_control_log = 0;
-int s_write_log_file = 0;
-int s_pause_write_log = 0;
+std::atomic<int> s_log_level{SDK_LOG_LEVEL_MSG};
+std::atomic<int> s_logfile_level{SDK_LOG_LEVEL_MSG};
+std::atomic<int> s_api_control_log{0};
+std::atomic<int> s_write_log_file{0};
+std::atomic<int> s_pause_write_log{0};
 char s_log_path[KX_LOG_PATH_MAX] = "";
 
-sdk_mutex_t *s_log_buf_mtx = nullptr;
-sdk_mutex_t *s_log_file_mtx = nullptr;
+std::atomic<sdk_mutex_t *> s_log_buf_mtx{nullptr};
+std::atomic<sdk_mutex_t *> s_log_file_mtx{nullptr};
 
 namespace {
 
@@ -67,7 +67,9 @@ void now_local(struct tm *tm, int *ms) {
 }
 
 // strerror_r comes in two forms; both overloads give the text.
-[[maybe_unused]] inline const char *err_text(int ret, const char *buf) { return ret == 0 ? buf : "Unknown error"; }
+[[maybe_unused]] inline const char *err_text(int ret, const char *buf) {
+    return ret == 0 ? buf : "Unknown error";
+}
 [[maybe_unused]] inline const char *err_text(const char *ret, const char *) { return ret; }
 
 // Ends a line: the newline goes behind what fits, so a cut line still ends in exactly one newline.
@@ -170,7 +172,7 @@ int isOutputLogString(int sink, int level) {
 int isWriteLog(void) {
     if (s_api_control_log) return s_write_log_file;
     char path[KX_LOG_PATH_MAX + 4];
-    int n = snprintf(path, sizeof(path), "%ssdk", s_log_path);
+    int n = snprintf(path, sizeof(path), "%ssdk", log_path());
     if (n < 0 || n >= (int)sizeof(path)) return 0;
     return access(path, F_OK) == 0 ? 1 : 0;
 }

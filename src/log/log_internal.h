@@ -2,7 +2,11 @@
 // decisions, and the macro through which the whole library writes error records.
 #pragma once
 
+#include <stdint.h>
+#include <stdio.h>
 #include <time.h>
+
+#include <atomic>
 
 #include "korvex/korvex.h"
 
@@ -27,19 +31,20 @@
 
 enum { KX_LOG_PATH_MAX = 260, KX_LOG_LINE_MAX = 4095, KX_LOG_ROOM = 4093 };
 
-// Levels and switches (plain integers, read without a lock).
-extern int s_log_level;
-extern int s_logfile_level;
-extern int s_api_control_log;
-extern int s_write_log_file;
-extern int s_pause_write_log;
-// Log directory with a trailing "/"; empty means the current directory.
+// Levels and switches: single integers read without a lock by every logging thread while the log
+// check on the event thread or a caller may change them; a reader sees the old or the new value.
+extern std::atomic<int> s_log_level;
+extern std::atomic<int> s_logfile_level;
+extern std::atomic<int> s_api_control_log;
+extern std::atomic<int> s_write_log_file;
+extern std::atomic<int> s_pause_write_log;
+// Log directory with a trailing "/"; empty means the current directory. Read it through log_path().
 extern char s_log_path[KX_LOG_PATH_MAX];
 
 // Handles of the two log mutexes. They point at storage that lives for the whole process, so a
 // thread still holding one when the last stop drops the handle never touches freed memory.
-extern sdk_mutex_t *s_log_buf_mtx;
-extern sdk_mutex_t *s_log_file_mtx;
+extern std::atomic<sdk_mutex_t *> s_log_buf_mtx;
+extern std::atomic<sdk_mutex_t *> s_log_file_mtx;
 // Sets the handle to the process-lifetime storage of that mutex when it is null.
 sdk_mutex_t *log_buf_mutex(void);
 sdk_mutex_t *log_file_mutex(void);
@@ -53,6 +58,12 @@ int isOutputLogString(int sink, int level);
 int isWriteLog(void);
 
 // --- the file side ---
+// The log directory with its trailing "/", or "" (the current directory) while none is set. It is
+// set at most once per process, so the text a reader gets never changes under it.
+const char *log_path(void);
+// Sets the log directory, adding the trailing "/". 1 when set; 0 when one is set already, or when
+// dir is empty or too long for every log file path below it to fit KX_LOG_PATH_MAX.
+int log_set_path(const char *dir);
 // The file step: writes a finished line (ending in "\n") to the log file for the local date tm.
 void log_file_write(const char *line, int len, const struct tm *tm);
 // Sets the log directory from the executable's path when it is still empty.
@@ -61,3 +72,22 @@ void update_log_path(void);
 void update_log_config(void);
 // The periodic check run by the log check timer every three seconds.
 int on_check_log_timer(void *arg);
+// Rotation by size, the free-disk guard and the retention; the first two run in the periodic check,
+// the last under the file mutex whenever a new log file has been opened.
+void check_oversize_log_file(void);
+void check_diskfreesize_writelog(void);
+void check_delete_log_file(void);
+// 1 and the size of the stream's file (it seeks to the end); 0 for a null stream or a failed seek.
+int get_filesize(FILE *fp, int64_t *size);
+
+// Values of sdk_log_config.ini, read anew by each check.
+extern std::atomic<int> s_logfile_size;         // MiB for a file and its rotated copy together
+extern std::atomic<int64_t> s_logfile_savetime;  // retention in seconds
+extern std::atomic<int> s_diskfree_percent;     // lowest free disk share; 0 turns the guard off
+
+// Test seams of the file step. The clock gives "now" for the choice of the file's date and for the
+// retention (null: the real clock). Forgetting closes the open file and clears its names and day.
+void log_file_set_clock(time_t (*clock)(void));
+void log_file_forget(void);
+// Path of the open log file ("" when none) and of the last rotated file, copied under the mutex.
+void log_file_names(char *current, char *rotated, size_t size);

@@ -120,9 +120,9 @@ TEST(LogLine, WorksBeforeStartAndAfterCleanupFromManyThreads) {
         sdk_log_msg("before");
         sdk_os_startup(0, 0);
         sdk_os_cleanup();
-        EXPECT_EQ(nullptr, s_log_buf_mtx);
+        EXPECT_EQ(nullptr, s_log_buf_mtx.load());
         KX_LOG_ERR("after cleanup");
-        EXPECT_NE(nullptr, s_log_buf_mtx);
+        EXPECT_NE(nullptr, s_log_buf_mtx.load());
         pthread_t th[4];
         for (auto &t : th)
             pthread_create(

@@ -1,0 +1,114 @@
+#include <gtest/gtest.h>
+
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include "korvex/korvex.h"
+
+namespace {
+
+struct Item {
+    int32_t stamp;
+    uint32_t signs;
+};
+
+// The head, then item i of item_size bytes with the words 0xA0 + i, stamp, signs (cut to the size).
+std::vector<uint8_t> block(uint32_t item_size, const std::vector<Item> &items, uint32_t count = 0) {
+    std::vector<uint8_t> b(45 + item_size * items.size(), 0);
+    if (count == 0) count = (uint32_t)items.size();
+    memcpy(&b[32], &count, 4);
+    memcpy(&b[36], &item_size, 4);
+    for (size_t i = 0; i < items.size(); i++) {
+        uint32_t word[3] = {0xA0u + (uint32_t)i, (uint32_t)items[i].stamp, items[i].signs};
+        memcpy(&b[44 + i * item_size], word, item_size < 12 ? item_size : 12);
+    }
+    return b;
+}
+
+// Runs one query in find mode (ordinal > -1) or with ordinal -1; the record starts filled with 77.
+TIFrameInfoQuery run(int type, const std::vector<uint8_t> &b, int ordinal, int *rc, int room = 24) {
+    TIFrameInfoQuery q = {77, ordinal, 77, {77, 77, 77}};
+    *rc = SA_GetIFrameInfo(type, b.data(), (int)b.size(), &q, &room);
+    return q;
+}
+
+const std::vector<Item> kItems = {{5, 0x1}, {9, 0x2}, {9, 0x3}, {3, 0x10}, {4, 0x0}};
+
+}  // namespace
+
+TEST(IFrameIndex, RefusesBadBlocksAndTypes) {
+    TIFrameInfoQuery q = {};
+    int room = 24, rc;
+    std::vector<uint8_t> b = block(12, kItems);
+    EXPECT_EQ(SA_GetIFrameInfo(0, b.data(), (int)b.size(), &q, nullptr), -101);
+    EXPECT_EQ(SA_GetIFrameInfo(0, b.data(), 44, &q, &room), -104);
+    EXPECT_EQ(SA_GetIFrameInfo(0, b.data(), (int)b.size() - 2, &q, &room), -104);
+    std::vector<uint8_t> wrap = block(4, {{1, 1}}, 0x40000000u);  // 2^32 + 44 wraps to 44
+    run(100, wrap, -1, &rc);
+    EXPECT_EQ(rc, -104);
+    run(100, block(0, {}, 3), -1, &rc);  // three items of no size
+    EXPECT_EQ(rc, -104);
+    testing::internal::CaptureStderr();
+    run(106, b, 1, &rc);
+    EXPECT_EQ(rc, -100);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("invalid sign type(106) ."), std::string::npos);
+    run(-1, b, 1, &rc);
+    EXPECT_EQ(rc, -100);
+}
+
+TEST(IFrameIndex, CountMode) {
+    int rc;
+    std::vector<uint8_t> b = block(12, kItems);
+    TIFrameInfoQuery q = run(100, b, 3, &rc);
+    EXPECT_EQ(q.iMatchCount, 5);
+    EXPECT_EQ(q.iRestartCount, 77);
+    EXPECT_EQ(run(101, b, 3, &rc).iMatchCount, 2);
+    EXPECT_EQ(run(105, b, 3, &rc).iMatchCount, 1);
+    EXPECT_EQ(run(2, b, -1, &rc).iMatchCount, 2);  // ordinal -1 counts whatever the type
+    EXPECT_EQ(run(100, block(12, {}), -1, &rc).iMatchCount, 0);
+    EXPECT_EQ(rc, 0);
+}
+
+TEST(IFrameIndex, FindModeRestartsAndRoom) {
+    int rc, room = 100;
+    std::vector<uint8_t> b = block(12, kItems);
+    TIFrameInfoQuery q = run(0, b, 4, &rc);  // stamps 5, 9, 9, 3: restarts at the second 9 and at 3
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(q.iRestartCount, 2);
+    EXPECT_EQ(q.tItem.uiItemWord, 0xA3u);
+    EXPECT_EQ(q.tItem.iItemStamp, 3);
+    EXPECT_EQ(q.tItem.uiSignMask, 0x10u);
+    EXPECT_EQ(q.iMatchCount, 77);
+
+    EXPECT_EQ(SA_GetIFrameInfo(2, b.data(), (int)b.size(), &q, &room), 0);  // ordinal 4 of bit 1: none
+    EXPECT_EQ(room, 100);
+    q.iWantedOrdinal = 2;
+    EXPECT_EQ(SA_GetIFrameInfo(2, b.data(), (int)b.size(), &q, &room), 0);
+    EXPECT_EQ(room, 24);
+    EXPECT_EQ(q.iRestartCount, 1);
+    EXPECT_EQ(q.tItem.uiItemWord, 0xA2u);
+
+    q = run(0, b, 1, &rc, 16);  // room for the item's first word only
+    EXPECT_EQ(q.iRestartCount, 0);
+    EXPECT_EQ(q.tItem.uiItemWord, 0xA0u);
+    EXPECT_EQ(q.tItem.iItemStamp, 77);
+    for (int ordinal : {0, 6}) EXPECT_EQ(run(0, b, ordinal, &rc).iRestartCount, 77);
+    EXPECT_EQ(run(0, b, 1, &rc, 12).tItem.uiItemWord, 77u);  // no room for any of the item
+}
+
+TEST(IFrameIndex, ShortAndLongItems) {
+    int rc;
+    std::vector<uint8_t> b8 = block(8, {{1, 0}, {2, 0}, {3, 0}});  // no room for the mask
+    EXPECT_EQ(run(100, b8, -1, &rc).iMatchCount, 3);
+    EXPECT_EQ(run(101, b8, -1, &rc).iMatchCount, 0);
+    EXPECT_EQ(run(0, b8, 3, &rc).tItem.uiSignMask, 0u);
+
+    std::vector<uint8_t> b200 = block(200, {{1, 4}, {2, 0}, {1, 4}});
+    memset(&b200[44 + 12], 0xFF, 188);  // the rest of a long item is never read
+    EXPECT_EQ(run(103, b200, -1, &rc).iMatchCount, 2);
+    TIFrameInfoQuery q = run(3, b200, 2, &rc);
+    EXPECT_EQ(q.tItem.uiItemWord, 0xA2u);
+    EXPECT_EQ(q.iRestartCount, 1);
+}
