@@ -61,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::vector<uint8_t> payload_bytes(in.p, in.p + in.n);
     const int len = int(payload_bytes.size());
     Exact payload_buf(payload_bytes.size());
-    memcpy(payload_buf.get(), payload_bytes.data(), payload_bytes.size());
+    if (len > 0) memcpy(payload_buf.get(), payload_bytes.data(), payload_bytes.size());
     const void *payload = (null_mask & 4) ? nullptr : payload_buf.get();
 
     uint8_t header[32] = {};
@@ -70,10 +70,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     para.pfnUserDataCb = read_all;
     const _tagInnerFramePara *pp = (null_mask & 1) ? nullptr : &para;
 
-    static const FormA form_a[] = {GetFrameAbsoluteTime, GetUserDefineData, GetVitalSignData, GetDemographicsInfo,
-                                   GetLPRInfo,           GetOsdExInfo,      GetLdcInfo,       GetZFMarkInfo};
-    static const size_t form_a_size[] = {sizeof(__S_AbsoluteTime), sizeof(tagUserDefineData), 552, 536,
-                                         sizeof(tagLprInfo),       544,                       136, 12};
+    static const FormA form_a[] = {GetFrameAbsoluteTime, GetUserDefineData, GetVitalSignData,
+                                   GetDemographicsInfo,  GetLPRInfo,        GetOsdExInfo,
+                                   GetLdcInfo,           GetZFMarkInfo};
+    static const size_t form_a_size[] = {
+        sizeof(__S_AbsoluteTime), sizeof(tagUserDefineData), 552, 536, sizeof(tagLprInfo), 544, 136, 12};
     for (size_t i = 0; i < sizeof(form_a) / sizeof(form_a[0]); i++) {
         form_a[i](false, payload, nullptr, len, pp);
         Exact one(form_a_size[i]);
@@ -84,8 +85,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         form_a[i](true, payload, all.get(), len, pp);
     }
 
-    static const FormB form_b[] = {GetVcaTargetnfo,          GetVcaTargetnfoEx, GetVcaSrcVideo, GetVcaSrcVideoSize,
-                                   GetVcaSrcVideoSizeEnable, GetVcaTimestamp,   GetPtzData};
+    static const FormB form_b[] = {GetVcaTargetnfo,    GetVcaTargetnfoEx,        GetVcaSrcVideo,
+                                   GetVcaSrcVideoSize, GetVcaSrcVideoSizeEnable, GetVcaTimestamp,
+                                   GetPtzData};
     for (FormB f : form_b) {
         f(false, payload, len, nullptr, vca_size, pp);
         Exact rec(vca_size);
@@ -100,9 +102,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     // Slot decoders: every slot a buffer of its stated capacity (plus the 4 that GetWatermarkAddData
     // counts), or null where the mask says so.
-    static const FormC form_c[] = {GetLawCaseData,   GetWaterMarkVideoData, GetWaterMarkUserData, GetPoliceClothInfo,
-                                   GetVestClothInfo, GetHmacInfo,           GetCheckHmacInfo,     GetTargetTrackStyle,
-                                   GetWatermarkAddData, GetPtzPosInfo};
+    static const FormC form_c[] = {
+        GetLawCaseData, GetWaterMarkVideoData, GetWaterMarkUserData, GetPoliceClothInfo,  GetVestClothInfo,
+        GetHmacInfo,    GetCheckHmacInfo,      GetTargetTrackStyle,  GetWatermarkAddData, GetPtzPosInfo};
     std::vector<Exact> slots;
     slots.reserve(16);
     tagUserDataOut out = {};
@@ -142,7 +144,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         TUserDataHeader h;
         g_sink = GetUserdataFlagType(src, h);
         TUserDataBlockHead bh;
-        for (int pos = KX_UD_HEADER_LEN; ud_read_block_head(src, len, pos, &bh); pos += 4 + bh.usLen) g_sink = bh.usType;
+        for (int pos = KX_UD_HEADER_LEN; ud_read_block_head(src, len, pos, &bh); pos += 4 + bh.usLen)
+            g_sink = bh.usType;
     }
     g_sink = FindPosByFlag(src, len, "\x00\x00\x03", 3) + H264_Probe(src, len) + H265_Probe(src, len);
     return 0;

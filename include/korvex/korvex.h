@@ -557,8 +557,9 @@ typedef struct TStreamInfo {
  * copies its first _iOutSize bytes (28 at most) to _pvOutBuf. _iFrameLen is not read. Results, tested in
  * this order: -1 null output, -2 null frame, -3 invalid frame header, -4 null stream head block, -5 stream
  * head block shorter than 88 bytes, 0 written. Logs nothing. */
-KX_API int SA_GetStreamInfo(const unsigned char *_pucStreamHead, int _iStreamHeadLen, const unsigned char *_pucFrameBuf,
-                            int _iFrameLen, void *_pvOutBuf, int _iOutSize);
+KX_API int SA_GetStreamInfo(const unsigned char *_pucStreamHead, int _iStreamHeadLen,
+                            const unsigned char *_pucFrameBuf, int _iFrameLen, void *_pvOutBuf,
+                            int _iOutSize);
 /* Counts NAL units of a buffer: 1 when it looks like an H.264 Annex B byte stream (SPS, PPS, an IDR slice or
  * more than three slices, no forbidden header), 0 when not, -1 for a null buffer. */
 KX_API int H264_Probe(const unsigned char *_pucBuf, int _iLen);
@@ -601,6 +602,7 @@ typedef struct TIFrameInfoQuery {
 KX_API int SA_GetIFrameInfo(int _iSignType, const void *_pvInBuf, int _iInBufSize, void *_pvOutBuf,
                             int *_piOutLen);
 /* @section stream_iframe */
+
 /* --- User data embedded in frames ---------------------------------------------------------------------
  * Devices put a user-data unit into the coded stream of a frame, as an SEI NAL unit of a private payload
  * type: a start pattern (00 00 00 01 06 F0/F1 for H.264, 00 00 00 01 4E 01 F0/F1 for H.265), size bytes
@@ -769,7 +771,7 @@ typedef struct tagUserDataOut {
     void *pTrackStyle;
     int32_t iReservedSize;     /* not read */
     void *pReserved;           /* not read */
-    int32_t iWatermarkAddSize; /* in and out; the buffer must hold this size plus 4 */
+    int32_t iWatermarkAddSize; /* in and out, without the 4-byte block head that the buffer also holds */
     void *pWatermarkAdd;
 } tagUserDataOut;
 
@@ -824,37 +826,42 @@ KX_API void GetDemographicsInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBu
                                 const _tagInnerFramePara *_ptPara);
 /* 0xFED5, type 7 once for each plate: a signed 32-bit count, then the plates, each _iLen / count bytes
  * long. An entry length above iEntrySize is cut to it. */
-KX_API void GetLPRInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen, const _tagInnerFramePara *_ptPara);
+KX_API void GetLPRInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
+                       const _tagInnerFramePara *_ptPara);
 /* 0xFEDC, type 8: an OSD record of up to 544 bytes; with _bAll its sub-type (1, 2, 4, 7) picks the field. */
-KX_API void GetOsdExInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen, const _tagInnerFramePara *_ptPara);
+KX_API void GetOsdExInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
+                         const _tagInnerFramePara *_ptPara);
 /* 0xFEDD, type 9: the first 136 bytes. */
-KX_API void GetLdcInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen, const _tagInnerFramePara *_ptPara);
+KX_API void GetLdcInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
+                       const _tagInnerFramePara *_ptPara);
 /* 0xFEDE, type 10: the first 12 bytes. */
 KX_API void GetZFMarkInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
                           const _tagInnerFramePara *_ptPara);
 /* Copies a time block of exactly 4 bytes to *_puiOut unconverted. -1 for a null payload or output, else 0
  * (also when the length isn't 4 and nothing was copied). */
-KX_API int GetFrameTimeInfo(const unsigned char *_pucData, int _iLen, unsigned long _ulReserved, unsigned int *_puiOut);
+KX_API int GetFrameTimeInfo(const unsigned char *_pucData, int _iLen, unsigned long _ulReserved,
+                            unsigned int *_puiOut);
 
 /* The slot decoders: each copies the payload into its slot of tagUserDataOut (the smaller of _iLen and the
- * slot's size, which then says the bytes stored) and reports the block whole. */
+ * slot's size, which then says the bytes stored) and reports the block whole. Block type, callback type: */
 KX_API void GetLawCaseData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
-                           const _tagInnerFramePara *_ptPara);                                  /* 0xFEF1, 28; no slot */
+                           const _tagInnerFramePara *_ptPara); /* 0xFEF1, 28; has no slot */
 KX_API void GetWaterMarkVideoData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
-                                  const _tagInnerFramePara *_ptPara);                           /* 0xFEF2, 29 */
+                                  const _tagInnerFramePara *_ptPara); /* 0xFEF2, 29 */
 KX_API void GetWaterMarkUserData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
-                                 const _tagInnerFramePara *_ptPara);                            /* 0xFEF3, 30 */
+                                 const _tagInnerFramePara *_ptPara); /* 0xFEF3, 30 */
 KX_API void GetPoliceClothInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
-                               const _tagInnerFramePara *_ptPara);                              /* 0xFEF4, 31 */
+                               const _tagInnerFramePara *_ptPara); /* 0xFEF4, 31 */
 KX_API void GetVestClothInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
-                             const _tagInnerFramePara *_ptPara);                                /* 0xFEF5, 32 */
+                             const _tagInnerFramePara *_ptPara); /* 0xFEF5, 32 */
 KX_API void GetHmacInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
-                        const _tagInnerFramePara *_ptPara);                                     /* 0xFEF7, 34 */
+                        const _tagInnerFramePara *_ptPara); /* 0xFEF7, 34 */
 KX_API void GetCheckHmacInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
-                             const _tagInnerFramePara *_ptPara);                                /* 0xFEFA, 37 */
+                             const _tagInnerFramePara *_ptPara); /* 0xFEFA, 37 */
 KX_API void GetTargetTrackStyle(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
-                                const _tagInnerFramePara *_ptPara);                             /* 0xFEFC, 40 */
-/* 0xFEFE, 42: given the block from its head on; the slot takes its size plus 4 bytes. */
+                                const _tagInnerFramePara *_ptPara); /* 0xFEFC, 40 */
+/* 0xFEFE, 42: given the block from its 4-byte head on. The slot's buffer holds iWatermarkAddSize + 4
+ * bytes; up to that many are stored, and the size goes out as the bytes stored less the 4 of the head. */
 KX_API void GetWatermarkAddData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                                 const _tagInnerFramePara *_ptPara);
 
@@ -876,8 +883,8 @@ KX_API void GetVcaTargetnfoNew(const void *_pUDData, int _iLen, tagVcaTargetGet 
 KX_API void GetVcaSrcVideoSize(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf, int iOutSize,
                                const _tagInnerFramePara *_ptPara);
 /* 0xFEFB, type 39: sets iSrcVideoSizeEnable. */
-KX_API void GetVcaSrcVideoSizeEnable(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf, int iOutSize,
-                                     const _tagInnerFramePara *_ptPara);
+KX_API void GetVcaSrcVideoSizeEnable(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf,
+                                     int iOutSize, const _tagInnerFramePara *_ptPara);
 
 /* @section stream_userdata */
 
@@ -892,7 +899,7 @@ extern "C" {
  * The source must hold that many bytes. Always 0. */
 KX_API int RevertUserData(const unsigned char *_pucSrc, unsigned char *_pucDst, int &_iSize, int _iLimit);
 /* Copies the first 8 bytes of a container into the header and gives its tag: 0 QZST, 1 QZSS, 2 QZSC,
- * 3 QZSE, -1 another tag or a null buffer (the header is then left alone when the buffer is null). */
+ * 3 QZSE, -1 another tag (the header is copied all the same) or a null buffer (the header is left alone). */
 KX_API int GetUserdataFlagType(const unsigned char *_pucData, TUserDataHeader &_tHeader);
 }
 /* @section cplusplus */

@@ -22,14 +22,17 @@ const signed char kH264NalClass[32] = {
 };
 
 // True when the shift register holds 00 00 01 followed by one byte.
-inline bool after_start_code(uint32_t code) { return (code & 0xFFFFFF00u) == 0x00000100u; }
+inline bool after_start_code(uint32_t code) {
+    return (code & 0xFFFFFF00u) == 0x00000100u;
+}
 
 }  // namespace
 
 extern "C" {
 
-KX_API int SA_GetStreamInfo(const unsigned char *_pucStreamHead, int _iStreamHeadLen, const unsigned char *_pucFrameBuf,
-                            int _iFrameLen, void *_pvOutBuf, int _iOutSize) {
+KX_API int SA_GetStreamInfo(const unsigned char *_pucStreamHead, int _iStreamHeadLen,
+                            const unsigned char *_pucFrameBuf, int _iFrameLen, void *_pvOutBuf,
+                            int _iOutSize) {
     (void)_iFrameLen;
     if (_pvOutBuf == nullptr) return -1;
     if (_pucFrameBuf == nullptr) return -2;
@@ -45,7 +48,8 @@ KX_API int SA_GetStreamInfo(const unsigned char *_pucStreamHead, int _iStreamHea
     info.iStreamKind = 1;
     info.iHeadWord0 = kx_rd16le(_pucStreamHead);
     info.iStreamReserved = 0;
-    if (_iOutSize > 0) memcpy(_pvOutBuf, &info, _iOutSize < (int)sizeof(info) ? (size_t)_iOutSize : sizeof(info));
+    if (_iOutSize > 0)
+        memcpy(_pvOutBuf, &info, _iOutSize < (int)sizeof(info) ? (size_t)_iOutSize : sizeof(info));
     return 0;
 }
 
@@ -64,15 +68,12 @@ KX_API int H264_Probe(const unsigned char *_pucBuf, int _iLen) {
         if ((cls == 1 && ref != 0) || (cls == -1 && ref == 0)) return 0;
         // A start code followed by zeros is trailing padding, not a reserved NAL unit.
         if (cls == 2 && !(code == 0x100u && _pucBuf[i + 1] == 0 && _pucBuf[i + 2] == 0)) res++;
-        switch (type) {
-            case 1: sli++; break;
-            case 5: idr++; break;
-            case 8: pps++; break;
-            case 7:
-                if (_pucBuf[i + 2] & 3) return 0;  // reserved_zero_2bits of the SPS
-                sps++;
-                break;
-            default: break;
+        if (type == 1) sli++;
+        if (type == 5) idr++;
+        if (type == 8) pps++;
+        if (type == 7) {
+            if (_pucBuf[i + 2] & 3) return 0;  // reserved_zero_2bits of the SPS
+            sps++;
         }
     }
     return (sps != 0 && pps != 0 && (idr != 0 || sli > 3) && res < sps + pps + idr) ? 1 : 0;
@@ -89,9 +90,9 @@ KX_API int H265_Probe(const unsigned char *_pucBuf, int _iLen) {
         if (code & 0x81) return 0;            // forbidden_zero_bit, or the high bit of nuh_layer_id
         if (_pucBuf[i + 1] & 0xF8) return 0;  // the other bits of nuh_layer_id
         if (type == 32) vps++;
-        else if (type == 33) sps++;
-        else if (type == 34) pps++;
-        else if (type >= 16 && type <= 21) irap++;
+        if (type == 33) sps++;
+        if (type == 34) pps++;
+        if (type >= 16 && type <= 21) irap++;
     }
     return (vps != 0 && sps != 0 && pps != 0 && irap != 0) ? 1 : 0;
 }

@@ -27,6 +27,16 @@ const char s_acH264New[6] = {0x00, 0x00, 0x00, 0x01, 0x06, (char)0xF1};
 const char s_acH265Old[7] = {0x00, 0x00, 0x00, 0x01, 0x4E, 0x01, (char)0xF0};
 const char s_acH265New[7] = {0x00, 0x00, 0x00, 0x01, 0x4E, 0x01, (char)0xF1};
 
+// Block type of each information type from 0 to 19. Type 11 has none of its own and asks for absolute time.
+// clang-format off
+const uint16_t s_ausTypeFlags[] = {
+    KX_BLK_ABS_TIME, KX_BLK_FED1, KX_BLK_FED4, KX_BLK_VCA_TARGET, KX_BLK_USER_DEFINE,   // 0-4
+    KX_BLK_VITAL_SIGN, KX_BLK_DEMOGRAPHICS, KX_BLK_LPR, KX_BLK_OSD, KX_BLK_LDC,         // 5-9
+    KX_BLK_ZF_MARK, KX_BLK_ABS_TIME, KX_BLK_VCA_STAMP, KX_BLK_VCA_ATTR, KX_BLK_FEE1,    // 10-14
+    KX_BLK_PTZ, 0xFEE8, 0xFEE9, 0xFEE6, 0xFEE7,                                         // 15-19
+};
+// clang-format on
+
 struct MaskBit {
     uint16_t usType;
     uint8_t ucBit;
@@ -52,29 +62,11 @@ inline void copy_capped(uint8_t *dst, int pos, int limit, const uint8_t *src, in
 }  // namespace
 
 int GetUserDataFlag(int _iType) {
-    switch (_iType) {
-        case 0: return KX_BLK_ABS_TIME;
-        case 1: return KX_BLK_FED1;
-        case 2: return KX_BLK_FED4;
-        case 3: return KX_BLK_VCA_TARGET;
-        case 4: return KX_BLK_USER_DEFINE;
-        case 5: return KX_BLK_VITAL_SIGN;
-        case 6: return KX_BLK_DEMOGRAPHICS;
-        case 7: return KX_BLK_LPR;
-        case 8: return KX_BLK_OSD;
-        case 9: return KX_BLK_LDC;
-        case 10: return KX_BLK_ZF_MARK;
-        case 12: return KX_BLK_VCA_STAMP;
-        case 13: return KX_BLK_VCA_ATTR;
-        case 14: return KX_BLK_FEE1;
-        case 15: return KX_BLK_PTZ;
-        case 16: return 0xFEE8;
-        case 17: return 0xFEE9;
-        case 18: return 0xFEE6;
-        case 19: return 0xFEE7;
-        case KX_UD_TYPE_ALL: return KX_UD_FLAG_ALL;
-        default: return KX_BLK_ABS_TIME;  // 11, 20 to 46 and anything else: a query for absolute time
+    if (_iType == KX_UD_TYPE_ALL) return KX_UD_FLAG_ALL;
+    if (_iType >= 0 && _iType < (int)(sizeof(s_ausTypeFlags) / sizeof(s_ausTypeFlags[0]))) {
+        return s_ausTypeFlags[_iType];
     }
+    return KX_BLK_ABS_TIME;  // 20 to 46 and anything else: a query for absolute time
 }
 
 int GetUserDataFlag(int iEncode, char *pcOldFlag, char *pcNewFlag) {
@@ -187,13 +179,11 @@ KX_API int GetUserdataFlagType(const unsigned char *_pucData, TUserDataHeader &_
     _tHeader.usBlockCount = kx_rd16le(_pucData + 4);
     _tHeader.uiDataLen = kx_rd16le(_pucData + 6);
     if (memcmp(_pucData, "QZS", 3) != 0) return KX_UD_TAG_BAD;
-    switch (_pucData[3]) {
-        case 'T': return KX_UD_TAG_QZST;
-        case 'S': return KX_UD_TAG_QZSS;
-        case 'C': return KX_UD_TAG_QZSC;
-        case 'E': return KX_UD_TAG_QZSE;
-        default: return KX_UD_TAG_BAD;
+    // The tags differ in their last byte only; its place in "TSCE" is the result.
+    for (int i = 0; i < 4; i++) {
+        if (_pucData[3] == "TSCE"[i]) return i;
     }
+    return KX_UD_TAG_BAD;
 }
 
 KX_API void DevCallbackFunc(int iType, const _tagInnerFramePara *_ptPara, const void *pvData, int iLen) {

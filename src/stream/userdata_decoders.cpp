@@ -15,17 +15,18 @@ static_assert(sizeof(__S_AbsoluteTime) == 16 && offsetof(__S_AbsoluteTime, uiSec
 static_assert(sizeof(tagUserDefineData) == 72, "user-defined data record is 72 bytes");
 static_assert(sizeof(tagLprInfo) == 8 + KX_UD_LPR_ENTRIES * KX_UD_LPR_ENTRY_MAX, "plate record");
 static_assert(offsetof(tagUserDataAll, tUserDefine) == 16 && offsetof(tagUserDataAll, aucVitalSign) == 88 &&
-                  offsetof(tagUserDataAll, aucDemographics) == 640 && offsetof(tagUserDataAll, tLpr) == 1176 &&
-                  offsetof(tagUserDataAll, bTimeValid) == 2384 && offsetof(tagUserDataAll, aucOsd1) == 2904 &&
-                  offsetof(tagUserDataAll, aucLdc) == 3992 && offsetof(tagUserDataAll, aucOsd7) == 4672 &&
-                  offsetof(tagUserDataAll, bOsd1Valid) == 5217 && offsetof(tagUserDataAll, aucZfMark) == 5222 &&
+                  offsetof(tagUserDataAll, aucDemographics) == 640 &&
+                  offsetof(tagUserDataAll, tLpr) == 1176 && offsetof(tagUserDataAll, bTimeValid) == 2384 &&
+                  offsetof(tagUserDataAll, aucOsd1) == 2904 && offsetof(tagUserDataAll, aucLdc) == 3992 &&
+                  offsetof(tagUserDataAll, aucOsd7) == 4672 && offsetof(tagUserDataAll, bOsd1Valid) == 5217 &&
+                  offsetof(tagUserDataAll, aucZfMark) == 5222 &&
                   offsetof(tagUserDataAll, bZfMarkValid) == 5234 && sizeof(tagUserDataAll) == 5236,
               "all-types record layout");
-static_assert(sizeof(void *) != 8 || (offsetof(tagUserDataOut, pOsd) == 8 &&
-                                      offsetof(tagUserDataOut, pUserDefine) == 152 &&
-                                      offsetof(tagUserDataOut, pucFrameRest) == 240 &&
-                                      offsetof(tagUserDataOut, iPoliceClothSize) == 252 &&
-                                      offsetof(tagUserDataOut, pWatermarkAdd) == 368 && sizeof(tagUserDataOut) == 376),
+static_assert(sizeof(void *) != 8 ||
+                  (offsetof(tagUserDataOut, pOsd) == 8 && offsetof(tagUserDataOut, pUserDefine) == 152 &&
+                   offsetof(tagUserDataOut, pucFrameRest) == 240 &&
+                   offsetof(tagUserDataOut, iPoliceClothSize) == 252 &&
+                   offsetof(tagUserDataOut, pWatermarkAdd) == 368 && sizeof(tagUserDataOut) == 376),
               "slot record layout");
 static_assert(sizeof(time_t) >= 8, "times behind 2038 need a 64-bit time_t");
 
@@ -33,13 +34,15 @@ namespace {
 
 // What distinguishes one simple decoder of the first form from another.
 struct OpaqueKind {
-    int limit;          // bytes stored at most
-    int cb_type;        // type number to the callback
-    size_t all_field;   // offset of its field in tagUserDataAll
-    size_t all_flag;    // offset of its valid flag there
+    int limit;         // bytes stored at most
+    int cb_type;       // type number to the callback
+    size_t all_field;  // offset of its field in tagUserDataAll
+    size_t all_flag;   // offset of its valid flag there
 };
 
-inline int non_negative(int len) { return len < 0 ? 0 : len; }
+inline int non_negative(int len) {
+    return len < 0 ? 0 : len;
+}
 
 // Reads up to 4 bytes little-endian; missing high bytes count as zero.
 uint32_t read_u32_padded(const void *p, int len) {
@@ -50,7 +53,8 @@ uint32_t read_u32_padded(const void *p, int len) {
 
 // The first form: copy the payload, cut at the kind's limit, to the start of the record or to the kind's
 // field of tagUserDataAll; then report it. The payload is not null.
-void decode_opaque(const OpaqueKind &k, bool all, const void *in, void *out, int len, const _tagInnerFramePara *para) {
+void decode_opaque(const OpaqueKind &k, bool all, const void *in, void *out, int len,
+                   const _tagInnerFramePara *para) {
     len = non_negative(len);
     if (out != nullptr) {
         if (len > k.limit) len = k.limit;
@@ -63,17 +67,19 @@ void decode_opaque(const OpaqueKind &k, bool all, const void *in, void *out, int
 
 }  // namespace
 
-// The slot rule: the slot's size comes in as the capacity (plus extra bytes) and goes out as the bytes
-// stored. A null output or slot pointer, or a size of 0 or below, stores nothing.
+// The slot rule: the slot's size comes in as the capacity and goes out as the bytes stored, so a second
+// block of the kind in one frame gets no more room than the first one left. Where the data carries a head
+// of `head` bytes, the buffer holds size + head bytes and the size counts without the head, in and out.
+// A null output or slot pointer, or a size of 0 or below, stores nothing.
 void ud_decode_slot(const void *in, int len, tagUserDataOut *out, const _tagInnerFramePara *para, int cb_type,
-                    int32_t tagUserDataOut::*size_field, void *tagUserDataOut::*ptr_field, int extra) {
+                    int32_t tagUserDataOut::*size_field, void *tagUserDataOut::*ptr_field, int head) {
     if (in == nullptr) return;
     len = non_negative(len);
     if (out != nullptr && ptr_field != nullptr && out->*ptr_field != nullptr && out->*size_field > 0) {
-        long long cap = (long long)(out->*size_field) + extra;
+        long long cap = (long long)(out->*size_field) + head;
         int n = len < cap ? len : (int)cap;
         memcpy(out->*ptr_field, in, (size_t)n);
-        out->*size_field = n;
+        out->*size_field = n > head ? n - head : 0;
     }
     DevCallbackFunc(cb_type, para, in, len);
 }
@@ -101,10 +107,11 @@ void GetPtzData(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf, in
     DevCallbackFunc(KX_CB_PTZ, _ptPara, _pvInBuf, non_negative(_iLen));
 }
 
-void GetPtzPosInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf, const _tagInnerFramePara *_ptPara) {
+void GetPtzPosInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
+                   const _tagInnerFramePara *_ptPara) {
     KX_UD_NEED_PAYLOAD(_pUDData);
     ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_PTZ_POS, &tagUserDataOut::iPtzPosSize,
-                &tagUserDataOut::pPtzPos, 0);
+                   &tagUserDataOut::pPtzPos, 0);
 }
 
 extern "C" {
@@ -128,8 +135,8 @@ KX_API void GetUserDefineData(bool _bAll, const void *_pvInBuf, void *_pvOutBuf,
     _iLen = non_negative(_iLen);
     if (_pvOutBuf != nullptr) {
         if (_iLen > KX_UD_USER_DEFINE_LEN) _iLen = KX_UD_USER_DEFINE_LEN;
-        tagUserDefineData *rec =
-            _bAll ? &static_cast<tagUserDataAll *>(_pvOutBuf)->tUserDefine : static_cast<tagUserDefineData *>(_pvOutBuf);
+        tagUserDefineData *rec = _bAll ? &static_cast<tagUserDataAll *>(_pvOutBuf)->tUserDefine
+                                       : static_cast<tagUserDefineData *>(_pvOutBuf);
         rec->iSize = (int32_t)sizeof(tagUserDefineData);
         memcpy(rec->aucData, _pvInBuf, (size_t)_iLen);
         rec->iDataSize = _iLen;
@@ -140,7 +147,8 @@ KX_API void GetUserDefineData(bool _bAll, const void *_pvInBuf, void *_pvOutBuf,
 
 KX_API void GetVitalSignData(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
                              const _tagInnerFramePara *_ptPara) {
-    static const OpaqueKind k = {KX_UD_VITAL_SIGN_LEN, KX_CB_VITAL_SIGN, offsetof(tagUserDataAll, aucVitalSign),
+    static const OpaqueKind k = {KX_UD_VITAL_SIGN_LEN, KX_CB_VITAL_SIGN,
+                                 offsetof(tagUserDataAll, aucVitalSign),
                                  offsetof(tagUserDataAll, bVitalSignValid)};
     KX_UD_NEED_PAYLOAD(_pvInBuf);
     decode_opaque(k, _bAll, _pvInBuf, _pvOutBuf, _iLen, _ptPara);
@@ -155,7 +163,8 @@ KX_API void GetDemographicsInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBu
     decode_opaque(k, _bAll, _pvInBuf, _pvOutBuf, _iLen, _ptPara);
 }
 
-KX_API void GetLdcInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen, const _tagInnerFramePara *_ptPara) {
+KX_API void GetLdcInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
+                       const _tagInnerFramePara *_ptPara) {
     static const OpaqueKind k = {KX_UD_LDC_LEN, KX_CB_LDC, offsetof(tagUserDataAll, aucLdc),
                                  offsetof(tagUserDataAll, bLdcValid)};
     KX_UD_NEED_PAYLOAD(_pvInBuf);
@@ -170,7 +179,8 @@ KX_API void GetZFMarkInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int
     decode_opaque(k, _bAll, _pvInBuf, _pvOutBuf, _iLen, _ptPara);
 }
 
-KX_API void GetOsdExInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen, const _tagInnerFramePara *_ptPara) {
+KX_API void GetOsdExInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
+                         const _tagInnerFramePara *_ptPara) {
     enum { kSubTypeText = 7, kTextLenAt = 28, kTextAt = 32 };
     KX_UD_NEED_PAYLOAD(_pvInBuf);
     _iLen = non_negative(_iLen);
@@ -181,33 +191,34 @@ KX_API void GetOsdExInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int 
         } else {
             tagUserDataAll *all = static_cast<tagUserDataAll *>(_pvOutBuf);
             const uint8_t *in = static_cast<const uint8_t *>(_pvInBuf);
-            uint8_t *target = nullptr;
-            uint8_t *flag = nullptr;
-            switch ((int32_t)read_u32_padded(in, _iLen)) {
-                case 1: target = all->aucOsd1, flag = &all->bOsd1Valid; break;
-                case 2: target = all->aucOsd2, flag = &all->bOsd2Valid; break;
-                case 4: target = all->aucOsd4, flag = &all->bOsd4Valid; break;
-                case kSubTypeText: target = all->aucOsd7, flag = &all->bOsd7Valid; break;
-                default: break;
-            }
-            if (target != nullptr) {
-                memcpy(target, in, (size_t)_iLen);
-                *flag = 1;
-                if (target == all->aucOsd7) {
-                    int text_len = _iLen > kTextLenAt ? (int32_t)read_u32_padded(in + kTextLenAt, _iLen - kTextLenAt) : 0;
-                    // The terminator stays inside the text area: a longer text is cut at its last byte.
-                    if (text_len > 0) {
-                        if (text_len > KX_UD_OSD_LEN - kTextAt - 1) text_len = KX_UD_OSD_LEN - kTextAt - 1;
-                        target[kTextAt + text_len] = 0;
-                    }
+            const struct {
+                int sub_type;
+                uint8_t *area;
+                uint8_t *flag;
+            } areas[] = {{1, all->aucOsd1, &all->bOsd1Valid},
+                         {2, all->aucOsd2, &all->bOsd2Valid},
+                         {4, all->aucOsd4, &all->bOsd4Valid},
+                         {kSubTypeText, all->aucOsd7, &all->bOsd7Valid}};
+            int sub_type = (int32_t)read_u32_padded(in, _iLen);
+            for (const auto &a : areas) {
+                if (a.sub_type != sub_type) continue;
+                memcpy(a.area, in, (size_t)_iLen);
+                *a.flag = 1;
+                int text_len = 0;
+                if (sub_type == kSubTypeText && _iLen > kTextLenAt) {
+                    text_len = (int32_t)read_u32_padded(in + kTextLenAt, _iLen - kTextLenAt);
                 }
+                // The terminator stays inside the text area: a longer text is cut at its last byte.
+                if (text_len > KX_UD_OSD_LEN - kTextAt - 1) text_len = KX_UD_OSD_LEN - kTextAt - 1;
+                if (text_len > 0) a.area[kTextAt + text_len] = 0;
             }
         }
     }
     DevCallbackFunc(KX_CB_OSD, _ptPara, _pvInBuf, _iLen);
 }
 
-KX_API void GetLPRInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen, const _tagInnerFramePara *_ptPara) {
+KX_API void GetLPRInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
+                       const _tagInnerFramePara *_ptPara) {
     enum { kEntriesAt = 4 };
     KX_UD_NEED_PAYLOAD(_pvInBuf);
     const uint8_t *in = static_cast<const uint8_t *>(_pvInBuf);
@@ -253,7 +264,8 @@ KX_API void GetLPRInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _i
     }
 }
 
-KX_API int GetFrameTimeInfo(const unsigned char *_pucData, int _iLen, unsigned long _ulReserved, unsigned int *_puiOut) {
+KX_API int GetFrameTimeInfo(const unsigned char *_pucData, int _iLen, unsigned long _ulReserved,
+                            unsigned int *_puiOut) {
     (void)_ulReserved;
     if (_pucData == nullptr || _puiOut == nullptr) return -1;
     if (_iLen == 4) memcpy(_puiOut, _pucData, 4);
@@ -270,57 +282,58 @@ KX_API void GetLawCaseData(const void *_pUDData, int _iLen, tagUserDataOut *_pvO
 KX_API void GetWaterMarkVideoData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                                   const _tagInnerFramePara *_ptPara) {
     KX_UD_NEED_PAYLOAD(_pUDData);
-    ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_WATERMARK_VIDEO, &tagUserDataOut::iWaterMarkVideoSize,
-                &tagUserDataOut::pWaterMarkVideo, 0);
+    ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_WATERMARK_VIDEO,
+                   &tagUserDataOut::iWaterMarkVideoSize, &tagUserDataOut::pWaterMarkVideo, 0);
 }
 
 KX_API void GetWaterMarkUserData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                                  const _tagInnerFramePara *_ptPara) {
     KX_UD_NEED_PAYLOAD(_pUDData);
-    ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_WATERMARK_USER, &tagUserDataOut::iWaterMarkUserSize,
-                &tagUserDataOut::pWaterMarkUser, 0);
+    ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_WATERMARK_USER,
+                   &tagUserDataOut::iWaterMarkUserSize, &tagUserDataOut::pWaterMarkUser, 0);
 }
 
 KX_API void GetPoliceClothInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                                const _tagInnerFramePara *_ptPara) {
     KX_UD_NEED_PAYLOAD(_pUDData);
     ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_POLICE_CLOTH, &tagUserDataOut::iPoliceClothSize,
-                &tagUserDataOut::pPoliceCloth, 0);
+                   &tagUserDataOut::pPoliceCloth, 0);
 }
 
 KX_API void GetVestClothInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                              const _tagInnerFramePara *_ptPara) {
     KX_UD_NEED_PAYLOAD(_pUDData);
     ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_VEST_CLOTH, &tagUserDataOut::iVestClothSize,
-                &tagUserDataOut::pVestCloth, 0);
+                   &tagUserDataOut::pVestCloth, 0);
 }
 
 KX_API void GetHmacInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                         const _tagInnerFramePara *_ptPara) {
     KX_UD_NEED_PAYLOAD(_pUDData);
-    ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_HMAC, &tagUserDataOut::iHmacSize, &tagUserDataOut::pHmac, 0);
+    ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_HMAC, &tagUserDataOut::iHmacSize,
+                   &tagUserDataOut::pHmac, 0);
 }
 
 KX_API void GetCheckHmacInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                              const _tagInnerFramePara *_ptPara) {
     KX_UD_NEED_PAYLOAD(_pUDData);
     ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_CHECK_HMAC, &tagUserDataOut::iCheckHmacSize,
-                &tagUserDataOut::pCheckHmac, 0);
+                   &tagUserDataOut::pCheckHmac, 0);
 }
 
 KX_API void GetTargetTrackStyle(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                                 const _tagInnerFramePara *_ptPara) {
     KX_UD_NEED_PAYLOAD(_pUDData);
     ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_TRACK_STYLE, &tagUserDataOut::iTrackStyleSize,
-                &tagUserDataOut::pTrackStyle, 0);
+                   &tagUserDataOut::pTrackStyle, 0);
 }
 
 KX_API void GetWatermarkAddData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                                 const _tagInnerFramePara *_ptPara) {
-    // The data comes with its 4-byte block head in front, which the slot's size doesn't count.
+    // The data comes with its 4-byte block head in front, which the slot's size doesn't count, in or out.
     KX_UD_NEED_PAYLOAD(_pUDData);
-    ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_WATERMARK_ADD, &tagUserDataOut::iWatermarkAddSize,
-                &tagUserDataOut::pWatermarkAdd, KX_UD_BLOCK_HEAD_LEN);
+    ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_WATERMARK_ADD,
+                   &tagUserDataOut::iWatermarkAddSize, &tagUserDataOut::pWatermarkAdd, KX_UD_BLOCK_HEAD_LEN);
 }
 
 }  // extern "C"

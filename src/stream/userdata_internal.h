@@ -10,17 +10,17 @@
 
 // --- Format numbers ---
 enum {
-    KX_UD_HEADER_LEN = 8,        // TUserDataHeader
-    KX_UD_BLOCK_HEAD_LEN = 4,    // TUserDataBlockHead
-    KX_UD_OLD_MAX = 1024,        // stated size of an old container (F0), and one split-state slot
-    KX_UD_NEW_MAX = 10240,       // stated size of a new container (F1), and the working buffer
-    KX_UD_STATED_MIN = 9,        // smallest stated size of either layout
-    KX_UD_OLD_SIZE_BYTES = 5,    // size bytes of an old unit, at most
-    KX_UD_PATTERN_MAX = 7,       // longest start pattern
-    KX_UD_FLAG_ALL = 0xFFFF,     // iFlag of a query for all types
-    KX_UD_TYPE_ALL = 255,        // the information type that asks for all types
-    KX_UD_CB_END = 0xFFFFFF,     // callback type: the walk over a container has ended
-    KX_UD_TYPE_BITS_MAX = 32,    // iTypeMask holds bits 0 to 31
+    KX_UD_HEADER_LEN = 8,      // TUserDataHeader
+    KX_UD_BLOCK_HEAD_LEN = 4,  // TUserDataBlockHead
+    KX_UD_OLD_MAX = 1024,      // stated size of an old container (F0), and one split-state slot
+    KX_UD_NEW_MAX = 10240,     // stated size of a new container (F1), and the working buffer
+    KX_UD_STATED_MIN = 9,      // smallest stated size of either layout
+    KX_UD_OLD_SIZE_BYTES = 5,  // size bytes of an old unit, at most
+    KX_UD_PATTERN_MAX = 7,     // longest start pattern
+    KX_UD_FLAG_ALL = 0xFFFF,   // iFlag of a query for all types
+    KX_UD_TYPE_ALL = 255,      // the information type that asks for all types
+    KX_UD_CB_END = 0xFFFFFF,   // callback type: the walk over a container has ended
+    KX_UD_TYPE_BITS_MAX = 32,  // iTypeMask holds bits 0 to 31
 };
 
 // iEncode values. 21 and 22 are H.264, 23 is H.265; 41 is an encoding without user data, which the
@@ -144,19 +144,20 @@ void ud_copy_padded(void *dst, int dst_len, const void *src, int src_len);
 // --- Decoders that stay inside the library ---
 
 // Ends the calling decoder with an error record naming its argument when the payload is null.
-#define KX_UD_NEED_PAYLOAD(arg)              \
-    do {                                     \
-        if ((arg) == nullptr) {              \
+#define KX_UD_NEED_PAYLOAD(arg)                \
+    do {                                       \
+        if ((arg) == nullptr) {                \
             KX_LOG_ERR("%s", #arg " == NULL"); \
-            return;                          \
-        }                                    \
+            return;                            \
+        }                                      \
     } while (0)
 
-// The common body of the slot decoders, behind their payload check: when
-// the output, the slot's pointer and a size above 0 are there, copies the smaller of _iLen and the size
-// plus extra bytes to the slot and sets the size to that; then reports the whole block with cb_type.
+// The common body of the slot decoders, behind their payload check: when the output, the slot's pointer
+// and a size above 0 are there, copies the smaller of len and size + head bytes to the slot and sets the
+// size to the bytes copied less head (head is 4 for data that carries its block head, else 0); then
+// reports the whole block with cb_type.
 void ud_decode_slot(const void *in, int len, tagUserDataOut *out, const _tagInnerFramePara *para, int cb_type,
-                    int32_t tagUserDataOut::*size_field, void *tagUserDataOut::*ptr_field, int extra);
+                    int32_t tagUserDataOut::*size_field, void *tagUserDataOut::*ptr_field, int head);
 
 // Fills an absolute-time record from seconds since 1970, in UTC, with a re-entrant conversion; values
 // above 2^31 lie behind 2038.
@@ -167,7 +168,8 @@ void MakeAbsoluteTime(__S_AbsoluteTime *ptTime, unsigned int uiSeconds);
 void GetPtzData(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf, int iOutSize,
                 const _tagInnerFramePara *_ptPara);
 // 0xFEF8, type 35: slot decoder into iPtzPosSize and pPtzPos.
-void GetPtzPosInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf, const _tagInnerFramePara *_ptPara);
+void GetPtzPosInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
+                   const _tagInnerFramePara *_ptPara);
 // 0xFED8, type 11: a 16-bit count and up to 16 entries of 16 bytes into atSrcVideo from the first entry on,
 // each marked valid. A null payload or output, or a count of 0, returns with no callback.
 void GetVcaSrcVideo(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf, int iOutSize,
@@ -179,8 +181,8 @@ void GetVcaTimestamp(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBu
 // 0xFEE0, type 13: slot decoder into iVcaAttrSize/pVcaAttr (selector 0, old containers and the single-frame
 // analysis) or iVcaAttrNewSize/pVcaAttrNew (selector 1, new containers). Logs the error "_pUDData == NULL"
 // on a null payload.
-void GetVcaTargetAttr(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf, const _tagInnerFramePara *_ptPara,
-                      int iSelector);
+void GetVcaTargetAttr(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
+                      const _tagInnerFramePara *_ptPara, int iSelector);
 
 // Note for the analyses: the slot decoders (GetHmacInfo, GetVcaTargetAttr, ...) read pointers out of a
 // tagUserDataOut. A tagUserDataAll has no slots, so an all-types run hands them a null output: they then

@@ -9,9 +9,11 @@
 #include "stream/userdata_internal.h"
 
 static_assert(sizeof(TVcaTarget) == 16 && sizeof(TVcaTargetRaw) == 20, "target entries");
-static_assert(offsetof(tagVcaTargetGet, atTarget) == 2 && offsetof(tagVcaTargetGet, usTargetNewCount) == 514 &&
-                  offsetof(tagVcaTargetGet, atTargetNew) == 516 && offsetof(tagVcaTargetGet, iRawLen) == 2564 &&
-                  offsetof(tagVcaTargetGet, aucRaw) == 2568 && offsetof(tagVcaTargetGet, atSrcVideo) == 3592 &&
+static_assert(offsetof(tagVcaTargetGet, atTarget) == 2 &&
+                  offsetof(tagVcaTargetGet, usTargetNewCount) == 514 &&
+                  offsetof(tagVcaTargetGet, atTargetNew) == 516 &&
+                  offsetof(tagVcaTargetGet, iRawLen) == 2564 && offsetof(tagVcaTargetGet, aucRaw) == 2568 &&
+                  offsetof(tagVcaTargetGet, atSrcVideo) == 3592 &&
                   offsetof(tagVcaTargetGet, iSrcVideoWidth) == 4232 &&
                   offsetof(tagVcaTargetGet, atTargetRaw) == 4244 &&
                   offsetof(tagVcaTargetGet, atTargetNewRaw) == 4884 &&
@@ -21,9 +23,9 @@ static_assert(offsetof(tagVcaTargetGet, atTarget) == 2 && offsetof(tagVcaTargetG
 namespace {
 
 enum {
-    kTargetLen = 16,   // a target of 0xFED2 and an entry of 0xFED8: eight 16-bit words
-    kRecordLen = 18,   // a target record of 0xFEE3: its length word and eight words
-    kListMax = 16,     // entries read from one 0xFED2 or 0xFED8 block
+    kTargetLen = 16,                         // a target of 0xFED2 and an entry of 0xFED8: eight 16-bit words
+    kRecordLen = 18,                         // a target record of 0xFEE3: its length word and eight words
+    kListMax = 16,                           // entries read from one 0xFED2 or 0xFED8 block
     kListBytes = 2 + kListMax * kTargetLen,  // 258
     kRawMax = 1024,
     kGridWidth = 176,
@@ -36,7 +38,8 @@ constexpr int kTargetsEnd = offsetof(tagVcaTargetGet, atTarget) + kListMax * siz
 constexpr int kRawAt = offsetof(tagVcaTargetGet, aucRaw);
 constexpr int kSrcVideoEnd = offsetof(tagVcaTargetGet, atSrcVideo) + kListMax * sizeof(TVcaTargetRaw);
 constexpr int kSrcSizeEnd = offsetof(tagVcaTargetGet, iSrcVideoSizeValid) + sizeof(int32_t);
-constexpr int kExEnd = offsetof(tagVcaTargetGet, atTargetRaw) + sizeof(((tagVcaTargetGet *)nullptr)->atTargetRaw);
+constexpr int kExEnd =
+    offsetof(tagVcaTargetGet, atTargetRaw) + sizeof(((tagVcaTargetGet *)nullptr)->atTargetRaw);
 constexpr int kNewEnd =
     offsetof(tagVcaTargetGet, atTargetNewRaw) + sizeof(((tagVcaTargetGet *)nullptr)->atTargetNewRaw);
 constexpr int kEnableEnd = sizeof(tagVcaTargetGet);
@@ -111,18 +114,20 @@ void GetVcaTimestamp(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBu
     KX_UD_NEED_PAYLOAD(_pvInBuf);
     if (_iLen < 0) _iLen = 0;
     if (!_bAll && _pvOutBuf != nullptr && iOutSize > 0) {
-        ud_copy_padded(_pvOutBuf, iOutSize < KX_UD_VCA_STAMP_LEN ? iOutSize : KX_UD_VCA_STAMP_LEN, _pvInBuf, _iLen);
+        ud_copy_padded(_pvOutBuf, iOutSize < KX_UD_VCA_STAMP_LEN ? iOutSize : KX_UD_VCA_STAMP_LEN, _pvInBuf,
+                       _iLen);
     }
     DevCallbackFunc(KX_CB_VCA_STAMP, _ptPara, _pvInBuf, _iLen);
 }
 
-void GetVcaTargetAttr(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf, const _tagInnerFramePara *_ptPara,
-                      int iSelector) {
+void GetVcaTargetAttr(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
+                      const _tagInnerFramePara *_ptPara, int iSelector) {
     KX_UD_NEED_PAYLOAD(_pUDData);
     // Selector 0 is the slot of old containers and of the single-frame analysis, 1 that of new containers;
     // any other selector has no slot.
     bool old_slot = iSelector == 0;
-    ud_decode_slot(_pUDData, _iLen, (iSelector == 0 || iSelector == 1) ? _pvOutBuf : nullptr, _ptPara, KX_CB_VCA_ATTR,
+    ud_decode_slot(_pUDData, _iLen, (iSelector == 0 || iSelector == 1) ? _pvOutBuf : nullptr, _ptPara,
+                   KX_CB_VCA_ATTR,
                    old_slot ? &tagUserDataOut::iVcaAttrSize : &tagUserDataOut::iVcaAttrNewSize,
                    old_slot ? &tagUserDataOut::pVcaAttr : &tagUserDataOut::pVcaAttrNew, 0);
 }
@@ -156,15 +161,15 @@ KX_API void GetVcaTargetnfo(bool _bAll, const void *_pvInBuf, int _iLen, void *_
 KX_API void GetVcaTargetnfoEx(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf, int iOutSize,
                               const _tagInnerFramePara *_ptPara) {
     if (_pvInBuf == nullptr || _pvOutBuf == nullptr) return;
-    decode_target_records(false, _pvInBuf, _iLen < 0 ? 0 : _iLen, vca_record(_bAll, _pvOutBuf, iOutSize, kExEnd),
-                          _ptPara);
+    decode_target_records(false, _pvInBuf, _iLen < 0 ? 0 : _iLen,
+                          vca_record(_bAll, _pvOutBuf, iOutSize, kExEnd), _ptPara);
 }
 
 KX_API void GetVcaTargetnfoNew(const void *_pUDData, int _iLen, tagVcaTargetGet *_pvOutBuf, int iOutSize,
                                const _tagInnerFramePara *_ptPara) {
     if (_pUDData == nullptr || _pvOutBuf == nullptr) return;
-    decode_target_records(true, _pUDData, _iLen < 0 ? 0 : _iLen, vca_record(false, _pvOutBuf, iOutSize, kNewEnd),
-                          _ptPara);
+    decode_target_records(true, _pUDData, _iLen < 0 ? 0 : _iLen,
+                          vca_record(false, _pvOutBuf, iOutSize, kNewEnd), _ptPara);
 }
 
 KX_API void GetVcaSrcVideoSize(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf, int iOutSize,
@@ -184,10 +189,11 @@ KX_API void GetVcaSrcVideoSize(bool _bAll, const void *_pvInBuf, int _iLen, void
     DevCallbackFunc(KX_CB_VCA_SRC_SIZE, _ptPara, _pvInBuf, _iLen);
 }
 
-KX_API void GetVcaSrcVideoSizeEnable(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf, int iOutSize,
-                                     const _tagInnerFramePara *_ptPara) {
+KX_API void GetVcaSrcVideoSizeEnable(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf,
+                                     int iOutSize, const _tagInnerFramePara *_ptPara) {
     if (_pvInBuf == nullptr || _pvOutBuf == nullptr) return;
-    if (tagVcaTargetGet *rec = vca_record(_bAll, _pvOutBuf, iOutSize, kEnableEnd)) rec->iSrcVideoSizeEnable = 1;
+    if (tagVcaTargetGet *rec = vca_record(_bAll, _pvOutBuf, iOutSize, kEnableEnd))
+        rec->iSrcVideoSizeEnable = 1;
     DevCallbackFunc(KX_CB_VCA_SRC_SIZE_ENABLE, _ptPara, _pvInBuf, _iLen < 0 ? 0 : _iLen);
 }
 

@@ -8,14 +8,22 @@ using fb::Bytes;
 
 namespace {
 
-bool valid(const Bytes &h) { return IsValidFrameHeader(reinterpret_cast<const __S_FrameHeader *>(h.data())); }
+bool valid(const Bytes &h) {
+    return IsValidFrameHeader(reinterpret_cast<const __S_FrameHeader *>(h.data()));
+}
 
-int probe264(const Bytes &b) { return H264_Probe(b.data(), int(b.size())); }
-int probe265(const Bytes &b) { return H265_Probe(b.data(), int(b.size())); }
+int probe264(const Bytes &b) {
+    return H264_Probe(b.data(), int(b.size()));
+}
+int probe265(const Bytes &b) {
+    return H265_Probe(b.data(), int(b.size()));
+}
 
 // An Annex B NAL unit: start code, the given bytes and two filler bytes, since the scan stops two bytes
 // before the end.
-Bytes nal(std::initializer_list<uint8_t> bytes) { return fb::cat({{0, 0, 0, 1}, Bytes(bytes), {0x55, 0x55}}); }
+Bytes nal(std::initializer_list<uint8_t> bytes) {
+    return fb::cat({{0, 0, 0, 1}, Bytes(bytes), {0x55, 0x55}});
+}
 
 }  // namespace
 
@@ -86,7 +94,8 @@ TEST(Probe, H265CountingRules) {
     EXPECT_EQ(1, probe265(fb::cat({vps, sps, pps, cra})));
     EXPECT_EQ(0, probe265(fb::cat({vps, sps, pps, nal({0x2C, 0x01})})));  // type 22 is no IRAP
     EXPECT_EQ(0, probe265(fb::cat({sps, pps, cra})));
-    EXPECT_EQ(0, probe265(fb::cat({vps, sps, pps, cra, nal({0x41, 0x01})})));  // layer id bit in the first byte
+    EXPECT_EQ(0,
+              probe265(fb::cat({vps, sps, pps, cra, nal({0x41, 0x01})})));  // layer id bit in the first byte
     EXPECT_EQ(0, probe265(fb::cat({vps, sps, pps, cra, nal({0x02, 0x09})})));  // layer id in the second byte
     EXPECT_EQ(0, probe265({0, 0}));
     EXPECT_EQ(-1, H265_Probe(nullptr, 100));

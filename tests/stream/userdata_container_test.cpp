@@ -12,8 +12,8 @@ using fb::Bytes;
 TEST(UserDataContainer, WorkedExampleDecodesEndToEnd) {
     Bytes c = fb::container("QZST", {fb::block(0xFED3, fb::le32(1700000000))});
     Bytes u = fb::unit(21, fb::kOld, c);
-    const Bytes expect = {0, 0, 0, 1, 6, 0xF0, 0x10, 0x51, 0x5A, 0x53, 0x54, 1, 0, 8, 0,
-                          0xD3, 0xFE, 4, 0, 0x00, 0xF1, 0x53, 0x65, 0x80};
+    const Bytes expect = {0, 0, 0, 1,    6,    0xF0, 0x10, 0x51, 0x5A, 0x53, 0x54, 1,
+                          0, 8, 0, 0xD3, 0xFE, 4,    0,    0x00, 0xF1, 0x53, 0x65, 0x80};
     ASSERT_EQ(expect, u);
     Bytes f = fb::frame(fb::cat({u, {0, 0, 0, 1, 0x65, 0x88}}), {.frame_no = 42, .attr = 3, .info = 0x1234});
     const auto *hdr = reinterpret_cast<const __S_FrameHeader *>(f.data());

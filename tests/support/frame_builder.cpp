@@ -2,12 +2,15 @@
 
 #include <string.h>
 
-
 namespace fb {
 
-Bytes le16(uint16_t v) { return {uint8_t(v), uint8_t(v >> 8)}; }
+Bytes le16(uint16_t v) {
+    return {uint8_t(v), uint8_t(v >> 8)};
+}
 
-Bytes le32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
+Bytes le32(uint32_t v) {
+    return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)};
+}
 
 Bytes cat(std::initializer_list<Bytes> parts) {
     Bytes out;
@@ -54,7 +57,8 @@ Bytes escape(const Bytes &raw) {
 }
 
 Bytes unit(int encode, Layout layout, const Bytes &c, int stated, uint8_t trailing) {
-    return cat({pattern(encode, layout), size_bytes(stated < 0 ? int(c.size()) : stated), escape(c), {trailing}});
+    return cat(
+        {pattern(encode, layout), size_bytes(stated < 0 ? int(c.size()) : stated), escape(c), {trailing}});
 }
 
 Bytes header(uint32_t frame_len, uint32_t payload_len, uint16_t ext_count, uint16_t ext_size) {
@@ -100,7 +104,8 @@ std::vector<int> CallbackLog::types() const {
     return t;
 }
 
-int CallbackLog::callback(int handle, int type, const void *data, int len, TUserDataFrameInfo *info, void *user) {
+int CallbackLog::callback(int handle, int type, const void *data, int len, TUserDataFrameInfo *info,
+                          void *user) {
     Call c{handle, type, {}, len, data == nullptr, *info};
     if (data != nullptr && len > 0) c.data.assign((const uint8_t *)data, (const uint8_t *)data + len);
     static_cast<CallbackLog *>(user)->calls.push_back(c);

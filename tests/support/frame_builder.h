@@ -72,7 +72,8 @@ struct CallbackLog {
     std::vector<Call> calls;
     _tagInnerFramePara para(const __S_FrameHeader *header = nullptr, int flag = 0xFFFF, int encode = 21);
     std::vector<int> types() const;
-    static int callback(int handle, int type, const void *data, int len, TUserDataFrameInfo *info, void *user);
+    static int callback(int handle, int type, const void *data, int len, TUserDataFrameInfo *info,
+                        void *user);
 };
 
 #ifdef KORVEX_TEST_DATA
