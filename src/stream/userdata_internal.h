@@ -184,6 +184,11 @@ void GetVcaTimestamp(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBu
 void GetVcaTargetAttr(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                       const _tagInnerFramePara *_ptPara, int iSelector);
 
-// Note for the analyses: the slot decoders (GetHmacInfo, GetVcaTargetAttr, ...) read pointers out of a
-// tagUserDataOut. A tagUserDataAll has no slots, so an all-types run hands them a null output: they then
-// store nothing and only report the block.
+// Notes for the analyses that call the decoders:
+// - The slot decoders (GetHmacInfo, GetVcaTargetAttr, ...) read pointers out of a tagUserDataOut. A
+//   tagUserDataAll has no slots, so an all-types run hands them a null output: they then store nothing and
+//   only report the block.
+// - The VCA decoders store only into fields that lie wholly inside iOutSize, so pass the slot's iVcaSize
+//   (or the caller's output size) as it came; with _bAll true they store nothing and only report.
+// - The copy of a new container's VCA time stamp to pVcaStampNew is ud_copy_padded with the smaller of
+//   iVcaStampNewSize and KX_UD_VCA_STAMP_LEN, when that is above 0.
