@@ -11,7 +11,7 @@ ff="ffmpeg -hide_banner -loglevel error -y"
 $ff $src -c:v libx264 -preset medium -x264-params log-level=error -f h264 testsrc_high.h264
 $ff $src -c:v libx264 -profile:v baseline -preset ultrafast -x264-params log-level=error -f h264 \
     testsrc_baseline.h264
-# H.265: Main, and Main with one slice per picture row of CTUs and no B-frames.
+# H.265: Main, and Main with two slices per picture and no B-frames.
 $ff $src -c:v libx265 -x265-params log-level=error -f hevc testsrc_main.h265
 $ff $src -c:v libx265 -x265-params log-level=error:bframes=0:slices=2 -f hevc testsrc_slices.h265
 ls -l ./*.h264 ./*.h265
