@@ -615,6 +615,31 @@ typedef struct __S_FrameHeader {
     uint16_t usFrameFlags;
 } __S_FrameHeader;
 
+/* What SA_GetStreamInfo reports of a frame and of the stream head block that goes with it. */
+typedef struct TStreamInfo {
+    int32_t iHeadWord2;      /* unsigned 16-bit word at offset 2 of the stream head block */
+    int32_t iHeadWord4;      /* word at offset 4 */
+    int32_t iFrameInfo;      /* uiFrameInfo of the header */
+    int32_t iFrameAttr;      /* ucFrameAttr of the header */
+    int32_t iStreamKind;     /* always 1 */
+    int32_t iHeadWord0;      /* word at offset 0 */
+    int32_t iStreamReserved; /* always 0 */
+} TStreamInfo;
+
+/* Reports what a frame header and a stream head block (at least 88 bytes) say: builds a TStreamInfo and
+ * copies its first _iOutSize bytes (28 at most) to _pvOutBuf. _iFrameLen is not read. Results, tested in
+ * this order: -1 null output, -2 null frame, -3 invalid frame header, -4 null stream head block, -5 stream
+ * head block shorter than 88 bytes, 0 written. Logs nothing. */
+KX_API int SA_GetStreamInfo(const unsigned char *_pucStreamHead, int _iStreamHeadLen,
+                            const unsigned char *_pucFrameBuf, int _iFrameLen, void *_pvOutBuf,
+                            int _iOutSize);
+/* Counts NAL units of a buffer: 1 when it looks like an H.264 Annex B byte stream (SPS, PPS, an IDR slice or
+ * more than three slices, no forbidden header), 0 when not, -1 for a null buffer. */
+KX_API int H264_Probe(const unsigned char *_pucBuf, int _iLen);
+/* 1 when the buffer looks like an H.265 Annex B byte stream (VPS, SPS, PPS and an IRAP picture, no forbidden
+ * header), 0 when not, -1 for a null buffer. */
+KX_API int H265_Probe(const unsigned char *_pucBuf, int _iLen);
+
 /* @section stream_frame */
 /* Frame encryption, in place. The key is a zero-terminated text of at least one character; for
  * enhanced frames 16 bytes must be readable at it. SA_DecryptOneFrame deciphers a frame that its flags
@@ -668,12 +693,306 @@ typedef struct TIFrameInfoQuery {
 KX_API int SA_GetIFrameInfo(int _iSignType, const void *_pvInBuf, int _iInBufSize, void *_pvOutBuf,
                             int *_piOutLen);
 /* @section stream_iframe */
+
+/* --- User data embedded in frames ---------------------------------------------------------------------
+ * Devices put a user-data unit into the coded stream of a frame, as an SEI NAL unit of a private payload
+ * type: a start pattern (00 00 00 01 06 F0/F1 for H.264, 00 00 00 01 4E 01 F0/F1 for H.265), size bytes
+ * (each adds to the size, 255 continues the run), the container with emulation-prevention bytes, and one
+ * trailing byte. The container is a TUserDataHeader and blocks, each a TUserDataBlockHead and its payload.
+ * Everything is little-endian and runs on the caller's thread without allocating. */
+
+/* The range of information types that a user-data query accepts; 255 asks for all types. */
+#define GET_USERDATA_INFO_MIN 0
+#define GET_USERDATA_INFO_MAX 46
+
+/* Head of a container: tag "QZST" complete, "QZSS" first, "QZSC" further, "QZSE" last fragment of a
+ * container split over consecutive frames. */
+typedef struct TUserDataHeader {
+    uint8_t aucTag[4];
+    uint16_t usBlockCount; /* blocks behind the header; in a further fragment its index */
+    uint16_t uiDataLen;    /* bytes behind the header */
+} TUserDataHeader;
+
+/* Head of one block; the next block starts 4 + usLen bytes behind it. */
+typedef struct TUserDataBlockHead {
+    uint16_t usType;
+    uint16_t usLen;
+} TUserDataBlockHead;
+
+/* Frame fields handed to the user-data callback; valid only during the call. */
+typedef struct TUserDataFrameInfo {
+    int32_t iSize;        /* 16 */
+    uint32_t uiFrameNo;   /* of the frame header; 0 without one */
+    uint32_t uiFrameAttr; /* ucFrameAttr, widened */
+    uint32_t uiFrameInfo;
+} TUserDataFrameInfo;
+
+/* The caller's user-data callback. iType is a decoder's type number (0 to 44), the block type of a block
+ * passed on raw, or 0xFFFFFF when the walk over a container has ended (no data, length 0). It runs on the
+ * calling thread inside the analysis; pvData is valid only during the call. The result is not read. */
+typedef int (*UserDataCallback)(int iCbHandle, int iType, const void *pvData, int iLen,
+                                TUserDataFrameInfo *ptFrameInfo, void *pvCbUser);
+
+/* One frame's parameters, carried through every analysis and decoder; nobody changes it. */
+typedef struct _tagInnerFramePara {
+    int32_t iSize;                 /* 72; not read */
+    int32_t iEncode;               /* 21 or 22 H.264, 23 H.265: selects the start patterns */
+    int32_t iFlag;                 /* block type asked for; 0xFFFF for all */
+    int32_t iCbHandle;             /* first argument of the callback */
+    const __S_FrameHeader *ptFrmHeader;
+    UserDataCallback pfnUserDataCb; /* may be null */
+    void *pvCbUser;                /* last argument of the callback */
+    int32_t iSplitStateSize;
+    void *pvSplitState;            /* the caller's split-container state, may be null */
+    const unsigned char *pucData;  /* first byte behind the frame header */
+    int32_t iDataLen;              /* bytes behind the frame header */
+    int32_t iTypeMask;             /* block-type bits wanted by the two-layout analysis */
+} _tagInnerFramePara;
+
+/* Reports one block to the callback of _ptPara with a TUserDataFrameInfo built from its frame header.
+ * A null _ptPara logs an error; a null callback does nothing. */
+KX_API void DevCallbackFunc(int iType, const _tagInnerFramePara *_ptPara, const void *pvData, int iLen);
+/* Position of the first occurrence of the pattern in the buffer, -1 for none (or a null or empty one). */
+KX_API int FindPosByFlag(const unsigned char *_pucBuf, int _iLen, const void *_pvFlag, int _iFlagLen);
+
+/* --- Decoded records --- */
+
+/* A time block, in UTC calendar fields (no zone, no daylight saving) and as it came. */
+typedef struct __S_AbsoluteTime {
+    uint16_t usYear;
+    uint16_t usMonth;  /* 1 to 12 */
+    uint16_t usDay;    /* 1 to 31 */
+    uint16_t usHour;
+    uint16_t usMinute;
+    uint16_t usSecond;
+    uint32_t uiSeconds; /* seconds since 1970-01-01 00:00:00 UTC */
+} __S_AbsoluteTime;
+
+typedef struct tagUserDefineData {
+    int32_t iSize; /* set to 72 */
+    uint8_t aucData[64];
+    int32_t iDataSize; /* bytes stored */
+} tagUserDefineData;
+
+/* Licence plates. The caller sets iEntrySize (bytes taken of each plate, at most 120) before the call; at
+ * most 10 plates are stored, and iCount says how many. */
+typedef struct tagLprInfo {
+    int32_t iCount;
+    int32_t iEntrySize;
+    uint8_t atEntry[10][120];
+} tagLprInfo;
+
+/* Output of a query for all types: every decoder writes its own field and sets its valid flag. The
+ * caller clears the record before each frame and sets tLpr.iEntrySize. */
+typedef struct tagUserDataAll {
+    __S_AbsoluteTime tAbsTime;
+    tagUserDefineData tUserDefine;
+    uint8_t aucVitalSign[552];
+    uint8_t aucDemographics[536];
+    tagLprInfo tLpr;
+    uint8_t bTimeValid;
+    uint8_t bUserDefineValid;
+    uint8_t bDemographicsValid;
+    uint8_t bLprValid;
+    uint8_t bVitalSignValid;
+    uint8_t aucReserved1[515];
+    uint8_t aucOsd1[544];
+    uint8_t aucOsd2[544];
+    uint8_t aucLdc[136];
+    uint8_t aucOsd4[544];
+    uint8_t aucOsd7[544];
+    uint8_t ucReserved2;
+    uint8_t bOsd1Valid;
+    uint8_t bOsd2Valid;
+    uint8_t bLdcValid;
+    uint8_t bOsd4Valid;
+    uint8_t bOsd7Valid;
+    uint8_t aucZfMark[12];
+    uint8_t bZfMarkValid;
+} tagUserDataAll;
+
+/* Output of the two-layout analysis: slots that the caller fills in before the call. A null pointer turns
+ * the storing of that kind off. Where a size is "in and out" it comes in as the capacity of the buffer and
+ * goes out as the bytes stored, so set it anew before each frame. Sizes of 0 or below store nothing. The
+ * sizes marked "not read" are not looked at: those buffers must hold the size given beside them. */
+typedef struct tagUserDataOut {
+    int32_t iOsdSize;          /* not read */
+    void *pOsd;                /* 544 bytes */
+    int32_t iVcaSize;          /* size of the record at pVca */
+    void *pVca;                /* tagVcaTargetGet */
+    int32_t iTimeSize;         /* not read */
+    void *pTime;               /* __S_AbsoluteTime */
+    int32_t iLprSize;          /* not read */
+    void *pLpr;                /* tagLprInfo, iEntrySize set */
+    int32_t iDemographicsSize; /* not read */
+    void *pDemographics;       /* 536 bytes */
+    int32_t iVitalSignSize;    /* not read */
+    void *pVitalSign;          /* 552 bytes */
+    int32_t iLdcSize;          /* not read */
+    void *pLdc;                /* 136 bytes */
+    int32_t iZfMarkSize;       /* not read */
+    void *pZfMark;             /* 12 bytes */
+    int32_t iVcaStampSize;     /* capacity at pVcaStamp */
+    void *pVcaStamp;           /* VCA time stamp of an old container, up to 4 bytes */
+    int32_t iUserDefineSize;   /* not read */
+    void *pUserDefine;         /* tagUserDefineData */
+    int32_t iVcaAttrSize;      /* in and out */
+    void *pVcaAttr;            /* VCA attributes of an old container */
+    int32_t iVcaStampNewSize;  /* capacity at pVcaStampNew */
+    void *pVcaStampNew;        /* VCA time stamp of a new container */
+    int32_t iVcaAttrNewSize;   /* in and out */
+    void *pVcaAttrNew;         /* VCA attributes of a new container */
+    int32_t iWaterMarkVideoSize; /* in and out */
+    void *pWaterMarkVideo;
+    int32_t iWaterMarkUserSize; /* in and out */
+    void *pWaterMarkUser;
+    const unsigned char *pucFrameRest; /* out: first byte behind the new user-data unit in the frame */
+    int32_t iFrameRestLen;             /* out: bytes from there to the end of the frame's data */
+    int32_t iPoliceClothSize;  /* in and out */
+    void *pPoliceCloth;
+    int32_t iVestClothSize;    /* in and out */
+    void *pVestCloth;
+    int32_t iHmacSize;         /* in and out */
+    void *pHmac;
+    int32_t iCheckHmacSize;    /* in and out */
+    void *pCheckHmac;
+    int32_t iPtzPosSize;       /* in and out */
+    void *pPtzPos;
+    int32_t iTrackStyleSize;   /* in and out */
+    void *pTrackStyle;
+    int32_t iReservedSize;     /* not read */
+    void *pReserved;           /* not read */
+    int32_t iWatermarkAddSize; /* in and out, without the 4-byte block head that the buffer also holds */
+    void *pWatermarkAdd;
+} tagUserDataOut;
+
+/* One VCA target: four coordinates (x, y, x, y) and four words passed on as they are. */
+typedef struct TVcaTarget {
+    uint16_t ausWord[8];
+} TVcaTarget;
+
+typedef struct TVcaTargetRaw {
+    uint16_t ausWord[8];
+    int32_t iValid; /* 1 once the entry is written */
+} TVcaTargetRaw;
+
+/* Output of the VCA decoders. The caller clears it before each frame: the counts grow from what they
+ * hold. Scaled targets are in a 176 x 144 grid; entry n of a raw table belongs to entry n of its scaled
+ * table. */
+typedef struct tagVcaTargetGet {
+    uint16_t usTargetCount;
+    TVcaTarget atTarget[32];
+    uint16_t usTargetNewCount;
+    TVcaTarget atTargetNew[128];
+    int32_t iRawLen;
+    uint8_t aucRaw[1024];
+    TVcaTargetRaw atSrcVideo[32];
+    int32_t iSrcVideoWidth;
+    int32_t iSrcVideoHeight;
+    int32_t iSrcVideoSizeValid;
+    TVcaTargetRaw atTargetRaw[32];
+    TVcaTargetRaw atTargetNewRaw[128];
+    int32_t iSrcVideoSizeEnable;
+} tagVcaTargetGet;
+
+/* --- Decoders ---
+ * Each takes one block's payload (valid only during the call), stores what it holds in the caller's
+ * output and reports the block through DevCallbackFunc with its type number. None returns a result; a
+ * fault costs that block alone. _ptPara is only handed on to DevCallbackFunc.
+ * With _bAll false _pvOutBuf is the record of the decoder's own kind; with _bAll true it is a
+ * tagUserDataAll, and the decoder writes its field there and sets its valid flag. A null _pvOutBuf stores
+ * nothing, and the callback then gets the block's whole length; with an output it gets the stored one. */
+
+/* 0xFED3, type 0: seconds since 1970 (up to 4 bytes; a shorter block counts as zero-padded). */
+KX_API void GetFrameAbsoluteTime(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
+                                 const _tagInnerFramePara *_ptPara);
+/* 0x0001, type 4: the first 64 bytes into tagUserDefineData. */
+KX_API void GetUserDefineData(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
+                              const _tagInnerFramePara *_ptPara);
+/* 0xFEDA, type 5: the first 552 bytes. */
+KX_API void GetVitalSignData(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
+                             const _tagInnerFramePara *_ptPara);
+/* 0xFED9, type 6: the first 536 bytes. */
+KX_API void GetDemographicsInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
+                                const _tagInnerFramePara *_ptPara);
+/* 0xFED5, type 7 once for each plate: a signed 32-bit count, then the plates, each _iLen / count bytes
+ * long. An entry length above iEntrySize is cut to it. */
+KX_API void GetLPRInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
+                       const _tagInnerFramePara *_ptPara);
+/* 0xFEDC, type 8: an OSD record of up to 544 bytes; with _bAll its sub-type (1, 2, 4, 7) picks the field. */
+KX_API void GetOsdExInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
+                         const _tagInnerFramePara *_ptPara);
+/* 0xFEDD, type 9: the first 136 bytes. */
+KX_API void GetLdcInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
+                       const _tagInnerFramePara *_ptPara);
+/* 0xFEDE, type 10: the first 12 bytes. */
+KX_API void GetZFMarkInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int _iLen,
+                          const _tagInnerFramePara *_ptPara);
+/* Copies a time block of exactly 4 bytes to *_puiOut unconverted. -1 for a null payload or output, else 0
+ * (also when the length isn't 4 and nothing was copied). */
+KX_API int GetFrameTimeInfo(const unsigned char *_pucData, int _iLen, unsigned long _ulReserved,
+                            unsigned int *_puiOut);
+
+/* The slot decoders: each copies the payload into its slot of tagUserDataOut (the smaller of _iLen and the
+ * slot's size, which then says the bytes stored) and reports the block whole. Block type, callback type: */
+KX_API void GetLawCaseData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
+                           const _tagInnerFramePara *_ptPara); /* 0xFEF1, 28; has no slot */
+KX_API void GetWaterMarkVideoData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
+                                  const _tagInnerFramePara *_ptPara); /* 0xFEF2, 29 */
+KX_API void GetWaterMarkUserData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
+                                 const _tagInnerFramePara *_ptPara); /* 0xFEF3, 30 */
+KX_API void GetPoliceClothInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
+                               const _tagInnerFramePara *_ptPara); /* 0xFEF4, 31 */
+KX_API void GetVestClothInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
+                             const _tagInnerFramePara *_ptPara); /* 0xFEF5, 32 */
+KX_API void GetHmacInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
+                        const _tagInnerFramePara *_ptPara); /* 0xFEF7, 34 */
+KX_API void GetCheckHmacInfo(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
+                             const _tagInnerFramePara *_ptPara); /* 0xFEFA, 37 */
+KX_API void GetTargetTrackStyle(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
+                                const _tagInnerFramePara *_ptPara); /* 0xFEFC, 40 */
+/* 0xFEFE, 42: given the block from its 4-byte head on. The slot's buffer holds iWatermarkAddSize + 4
+ * bytes; up to that many are stored, and the size goes out as the bytes stored less the 4 of the head. */
+KX_API void GetWatermarkAddData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
+                                const _tagInnerFramePara *_ptPara);
+
+/* VCA decoders. _pvOutBuf is a tagVcaTargetGet of iOutSize bytes; nothing is written past iOutSize, and
+ * with _bAll true (an all-types record has no VCA area) nothing is stored and only the callback runs. */
+/* 0xFED2, type 3: a 16-bit count and up to 16 targets of 16 bytes, stored unscaled; the payload as it came
+ * goes to aucRaw when iOutSize reaches it. */
+KX_API void GetVcaTargetnfo(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf, int iOutSize,
+                            const _tagInnerFramePara *_ptPara);
+/* 0xFEE3 in an old container, type 43: 18-byte target records, appended to atTarget (scaled to 176 x 144)
+ * and atTargetRaw, at most 16 from one block and 32 in all. A null payload or output stops it silently. */
+KX_API void GetVcaTargetnfoEx(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf, int iOutSize,
+                              const _tagInnerFramePara *_ptPara);
+/* 0xFEE3 in a new container, type 44: as GetVcaTargetnfoEx into atTargetNew and atTargetNewRaw, at most
+ * 128. */
+KX_API void GetVcaTargetnfoNew(const void *_pUDData, int _iLen, tagVcaTargetGet *_pvOutBuf, int iOutSize,
+                               const _tagInnerFramePara *_ptPara);
+/* 0xFED7, type 38: source video width and height (two signed 32-bit values), stored when both are above 0. */
+KX_API void GetVcaSrcVideoSize(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf, int iOutSize,
+                               const _tagInnerFramePara *_ptPara);
+/* 0xFEFB, type 39: sets iSrcVideoSizeEnable. */
+KX_API void GetVcaSrcVideoSizeEnable(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf,
+                                     int iOutSize, const _tagInnerFramePara *_ptPara);
+
 /* @section stream_userdata */
 
 #ifdef __cplusplus
 } /* extern "C" */
 
 /* Declarations whose signatures take C++ references. */
+extern "C" {
+/* Removes emulation-prevention bytes (the 03 of every 00 00 03) from a container of _iSize stated bytes:
+ * the target (_iLimit bytes; nothing is written beyond it) receives the stated number of bytes, and
+ * _iSize goes out as the bytes consumed from the source, the stated size plus one for each 03 removed.
+ * The source must hold that many bytes. Always 0. */
+KX_API int RevertUserData(const unsigned char *_pucSrc, unsigned char *_pucDst, int &_iSize, int _iLimit);
+/* Copies the first 8 bytes of a container into the header and gives its tag: 0 QZST, 1 QZSS, 2 QZSC,
+ * 3 QZSE, -1 another tag (the header is copied all the same) or a null buffer (the header is left alone). */
+KX_API int GetUserdataFlagType(const unsigned char *_pucData, TUserDataHeader &_tHeader);
+}
 /* @section cplusplus */
 #endif
 
