@@ -251,6 +251,12 @@ void select_clear_fd(int fd) {
     FD_CLR(fd, &fd_except);
 }
 
+int select_fd_is_set(int fd, int which) {
+    if (!fd_fits(fd)) return 0;
+    const fd_set *set = which == KX_SET_READ ? &fd_read : which == KX_SET_WRITE ? &fd_write : &fd_except;
+    return FD_ISSET(fd, set) ? 1 : 0;
+}
+
 const _SelectClient *select_table_entry(int i) {
     return (i >= 0 && i < s_iSelectTotalConn.load()) ? &s_select_clients[i] : nullptr;
 }
