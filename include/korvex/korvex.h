@@ -242,6 +242,42 @@ KX_API void sdk_os_set_cur_path(void *path);
 /* ======================================================================================
  * TCP client
  * ====================================================================================== */
+/* A client is a slot of the pool of 200. Addresses are texts of at most 15 characters; a text that
+ * is no dotted IPv4 address takes the IPv6 road. Callbacks run on the event thread with the main lock
+ * held, in the order on_connect, on_write, on_read, on_disconnect within one pass; on_disconnect also
+ * runs on the thread of net_tcp_client_close and net_tcp_client_destroy. */
+KX_API _NetTcpClient *net_tcp_client_create(void);
+/* Closes the client and gives its slot back; 1, or 0 for null. Destroying a free slot ends the process. */
+KX_API int net_tcp_client_destroy(_NetTcpClient *client);
+/* Closes the socket; the addresses and callbacks stay, and the client can be opened again. 1, 0 for null. */
+KX_API int net_tcp_client_close(_NetTcpClient *client);
+/* Only while disconnected. 1 or 0. */
+KX_API int net_tcp_client_set_remote(_NetTcpClient *client, const char *ip, uint16_t port);
+KX_API int net_tcp_client_set_local(_NetTcpClient *client, const char *ip, uint16_t port);
+/* ip has room for 16 bytes. 1 or 0. */
+KX_API int net_tcp_client_get_remote(_NetTcpClient *client, char *ip, uint16_t *port);
+KX_API int net_tcp_client_get_local(_NetTcpClient *client, char *ip, uint16_t *port);
+/* 0 disconnected, 1 connecting, 2 connected; -1 for null. */
+KX_API int net_tcp_client_get_status(_NetTcpClient *client);
+/* fd -1: makes a non-blocking socket, enters it in the event thread's table and starts connect.
+ * Any other fd: adopts that connected descriptor as it is; the event thread does not serve it and its
+ * owner reads and sends directly. 1 or 0. */
+KX_API int net_tcp_client_open(_NetTcpClient *client, int fd);
+/* One send: bytes taken (maybe fewer than len), 0 would block or still connecting, -1 failure. */
+KX_API int net_tcp_client_send(_NetTcpClient *client, const char *data, uint32_t len);
+/* One recv: bytes read, 0 would block, -1 peer closed, failure or not connected. */
+KX_API int net_tcp_client_read(_NetTcpClient *client, char *buf, uint32_t len);
+KX_API int net_tcp_client_set_udata(_NetTcpClient *client, void *udata);
+KX_API void *net_tcp_client_get_udata(_NetTcpClient *client);
+/* A null callback unbinds. 1, 0 for a null client. */
+KX_API int net_tcp_client_bind_connect(_NetTcpClient *client, NetTcpClientCallback cb, void *arg);
+KX_API int net_tcp_client_bind_disconnect(_NetTcpClient *client, NetTcpClientCallback cb, void *arg);
+KX_API int net_tcp_client_bind_read(_NetTcpClient *client, NetTcpClientCallback cb, void *arg);
+KX_API int net_tcp_client_bind_write(_NetTcpClient *client, NetTcpClientCallback cb, void *arg);
+/* SO_RCVBUF of the open socket. 1 or 0. */
+KX_API int net_tcp_client_set_rcvbuf_len(_NetTcpClient *client, uint32_t len);
+/* Accepted for compatibility; the version has no effect. 1, 0 for null. */
+KX_API int net_tcp_client_set_ip_ver(_NetTcpClient *client, uint8_t ver);
 /* @section tcp_client */
 
 /* ======================================================================================
@@ -257,6 +293,77 @@ KX_API void sdk_os_set_cur_path(void *path);
 /* ======================================================================================
  * Link layer
  * ====================================================================================== */
+/* A link frames device protocols over one TCP client: it gathers the stream in a 2048-byte buffer,
+ * cuts packets at their heads and hands each to the bound parser, and it sends through a queue that
+ * keeps what the socket refuses. Heads and body are little-endian. */
+#define LINK_BUF_SIZE 2048
+/* Head types handed to the parser. */
+#define LINK_HEAD_COMMAND 0 /* F1 F5 EA F5, u16 length at offset 6 */
+#define LINK_HEAD_DATA 1    /* F1 F5 EA F9, u16 length at offset 14 */
+#define LINK_HEAD_ODNS 2    /* ODNS_DATAPACKHEAD: word 225, i32 length at offset 4 */
+#define LINK_HEAD_MOBILE 3  /* "MOBILEDEVICEIRRIHEAD": everything buffered behind it */
+
+struct _NetLink;
+/* Called for each packet on the event thread, under the main lock and the link's process lock. data
+ * points at the packet's head inside the link's buffer and is valid only during the call; len counts
+ * head and body. Returning 999 hands the same packet to the parser bound at that moment once more. */
+typedef int (*NetLinkParaseCallback)(struct _NetLink *link, void *udata, int head_type, char *data, int len);
+/* Called once when the connection ends without net_link_destroy. */
+typedef int (*NetLinkDisconnectCallback)(struct _NetLink *link, void *udata);
+
+typedef struct _NetLink {
+    struct _NetTcpClient *client; /* owned from net_link_set_core to net_link_destroy */
+    _OS_DList *send_buf_ls;       /* queue of unsent blocks, oldest first */
+    char buf[LINK_BUF_SIZE];      /* receive buffer */
+    int32_t buf_len;
+    NetLinkParaseCallback parase_protocol;
+    NetLinkDisconnectCallback disconnect_protocol;
+    void *udata;
+    sdk_mutex_t *mtx_send;    /* recursive; guards the send queue */
+    int32_t time_count;       /* time-out counter of the owner */
+    int32_t type;             /* 0, or a type whose read events clear time_count */
+    uint32_t seq;             /* sequence of the heads this link writes */
+    sdk_mutex_t *mtx_process; /* recursive; held around every parser call */
+    int32_t ip_ver;           /* 1: heads carry the address 0.0.0.0 */
+} _NetLink;
+
+/* Link calls give 0 (or a handle) and -1 (or null) on failure. Order of use: create, bind, then
+ * net_link_set_core, then net_tcp_client_open on the client. */
+KX_API _NetLink *net_link_create(void);
+/* Closes and gives back the client, drops the queue and frees the link. Not from its own callbacks. */
+KX_API int net_link_destroy(_NetLink *link);
+/* Hands the client to the link: the client's user data becomes the link and its read, write and
+ * disconnect callbacks are the link's. */
+KX_API int net_link_set_core(_NetLink *link, struct _NetTcpClient *client);
+KX_API int net_link_set_udata(_NetLink *link, void *udata);
+KX_API int net_link_get_udata(_NetLink *link, void **udata);
+KX_API int net_link_bind_parase_protocol(_NetLink *link, NetLinkParaseCallback cb);
+KX_API int net_link_bind_disconnect_protocol(_NetLink *link, NetLinkDisconnectCallback cb);
+KX_API int net_link_set_ip_ver(_NetLink *link, int ver);
+KX_API int net_link_get_ip_ver(_NetLink *link);
+KX_API int net_link_set_type(_NetLink *link, int type);
+KX_API int net_link_get_type(_NetLink *link);
+/* Shuts the parser out while the owner changes what it reads. Do not close or destroy while held. */
+KX_API int net_link_lock(_NetLink *link);
+KX_API int net_link_unlock(_NetLink *link);
+KX_API int net_link_time_add(_NetLink *link);
+KX_API int net_link_time_add_ex(_NetLink *link, int count);
+/* 1 once time_count reached 60. */
+KX_API int net_link_check_timeout(_NetLink *link);
+/* ip has room for 16 bytes. 1 or 0 as net_tcp_client_get_remote, -1 for a null argument. */
+KX_API int net_link_get_remote(_NetLink *link, char *ip, uint16_t *port);
+/* Send calls copy what the socket cannot take at once, so the bytes are the caller's again on return.
+ * A result of 0 or more is success (queued bytes count as sent), -1 failure. */
+KX_API int net_link_send_package(_NetLink *link, const char *data, int size);
+/* One command head and a body of at most 1440 bytes. */
+KX_API int net_link_send_command(_NetLink *link, const char *data, int size);
+/* Any length, in chunks of 1440 bytes each behind a data head. Serialise it with other sends on the
+ * same link: another thread's bytes could fall between a head and its body. */
+KX_API int net_link_send_data(_NetLink *link, const char *data, int size);
+/* Queued blocks at which a link's queue is dropped as overflowed; 20000 by default, for all links. */
+KX_API extern int g_iMaxPackageBufNum;
+/* 1 to 20000: 1; anything else: 0 and the limit stays. */
+KX_API int sdk_os_set_max_package_buf(int count);
 /* @section link */
 
 /* ======================================================================================
