@@ -7,6 +7,7 @@
 
 #include "link/link_internal.h"
 #include "net/tcp_peer.h"
+#include "support/stderr_capture.h"
 
 namespace {
 
@@ -209,8 +210,9 @@ TEST(LinkQueue, OverflowDropsTheQueue) {
     for (int i = 0; i < 3; i++) EXPECT_EQ(net_link_send_package(link, "abc", 3), 0);
     EXPECT_EQ(adt_dlist_size(link->send_buf_ls), 3u);
     StderrCapture log;
+    log.start();
     EXPECT_EQ(net_link_send_package(link, "defg", 4), 0);
-    EXPECT_NE(log.text().find("net_link_send_package buffer overflow 3"), std::string::npos);
+    EXPECT_NE(log.stop().find("net_link_send_package buffer overflow 3"), std::string::npos);
     ASSERT_EQ(adt_dlist_size(link->send_buf_ls), 1u);
     EXPECT_EQ(net_link_send_package(link, "", 0), 0);  // nothing to keep: no empty block
     EXPECT_EQ(adt_dlist_size(link->send_buf_ls), 1u);

@@ -1,12 +1,10 @@
-// Test peers written with plain POSIX calls: a loopback listener, bounded waits and reads, and a
-// capture of the log lines that go to standard error.
+// Test peers written with plain POSIX calls: a loopback listener, bounded waits and reads.
 #pragma once
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -82,30 +80,3 @@ inline void send_all(int fd, const std::string &s) {
         off += (size_t)r;
     }
 }
-
-// Everything written to standard error between construction and text().
-class StderrCapture {
-public:
-    StderrCapture() : file_(tmpfile()), saved_(dup(2)) {
-        fflush(stderr);
-        dup2(fileno(file_), 2);
-    }
-    std::string text() {
-        fflush(stderr);
-        dup2(saved_, 2);
-        std::string out;
-        char buf[4096];
-        rewind(file_);
-        for (size_t n; (n = fread(buf, 1, sizeof(buf), file_)) > 0;) out.append(buf, n);
-        return out;
-    }
-    ~StderrCapture() {
-        dup2(saved_, 2);
-        close(saved_);
-        fclose(file_);
-    }
-
-private:
-    FILE *file_;
-    int saved_;
-};
