@@ -11,7 +11,7 @@
 
 namespace {
 
-std::string le(uint32_t v, int n) {
+std::string le(uint64_t v, int n) {
     std::string s;
     for (int i = 0; i < n; i++) s += (char)(v >> (8 * i));
     return s;
