@@ -60,9 +60,12 @@ void run_posted_functions(void) {
 
 void *select_thread(void *) {
     for (;;) {
+        // The closing paths clear bits under the main lock: the sets are only touched under it.
+        sdk_main_lock();
         FD_ZERO(&fd_read);
         FD_ZERO(&fd_write);
         FD_ZERO(&fd_except);
+        sdk_main_unlock();
         for (int i = 0; i < s_iSelectTotalConn.load(); i++) {
             sdk_main_lock();
             int fd = s_select_clients[i].fd;
