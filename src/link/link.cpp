@@ -5,6 +5,7 @@
 
 #include "link/link_internal.h"
 #include "log/log_internal.h"
+#include "net/net_internal.h"
 
 namespace {
 
@@ -54,7 +55,7 @@ int net_client_read(_NetTcpClient *client, void *arg) {
         KX_LOG_ERR("param NULL");
         return -1;
     }
-    _NetLink *link = static_cast<_NetLink *>(client->udata);
+    _NetLink *link = static_cast<_NetLink *>(client_udata(client));
     if (link == nullptr) return -1;
     if (link->type != 0) link->time_count = 0;
     for (;;) {
@@ -84,10 +85,10 @@ int net_client_server_disconnect(_NetTcpClient *client, void *arg) {
         KX_LOG_ERR("param NULL");
         return -1;
     }
-    _NetLink *link = static_cast<_NetLink *>(client->udata);
+    _NetLink *link = static_cast<_NetLink *>(client_udata(client));
     if (link == nullptr) return 0;
     if (link->disconnect_protocol != nullptr) link->disconnect_protocol(link, link->udata);
-    client->udata = nullptr;
+    client_set_udata(client, nullptr);
     return 0;
 }
 

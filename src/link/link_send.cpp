@@ -6,6 +6,7 @@
 
 #include "link/link_internal.h"
 #include "log/log_internal.h"
+#include "net/net_internal.h"
 
 namespace {
 
@@ -106,7 +107,7 @@ int net_client_write(_NetTcpClient *client, void *arg) {
         KX_LOG_ERR("param NULL");
         return -1;
     }
-    _NetLink *link = static_cast<_NetLink *>(client->udata);
+    _NetLink *link = static_cast<_NetLink *>(client_udata(client));
     if (link == nullptr) {
         KX_LOG_ERR("NULL == link");
         return -1;

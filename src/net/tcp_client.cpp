@@ -36,15 +36,15 @@ inline void call(NetTcpClientCallback cb, _NetTcpClient *client, void *arg) {
 // entry leaves the table before the descriptor is closed, so its number cannot come back through
 // another open while the old entry still stands. Main lock held.
 void close_connection(_NetTcpClient *client) {
-    int fd = client->connectfd;
+    int fd = client_fd(client);
     if (fd != -1) {
         select_clear_fd(fd);
         select_Del_clientfd(fd);
         close(fd);
-        client->connectfd = -1;
+        client_set_fd(client, -1);
     }
-    int was = client->status;
-    client->status = 0;
+    int was = client_status(client);
+    client_set_status(client, 0);
     if (was != 0) call(client->on_disconnect, client, client->disconnect_arg);
 }
 
@@ -90,12 +90,12 @@ void addr_text(bool v4, const sockaddr_storage *ss, char *ip, uint16_t *port) {
 }
 
 int open_adopted(_NetTcpClient *client, int fd) {
-    if (client->connectfd != -1) {
+    if (client_fd(client) != -1) {
         sdk_log_msg("connectfd is not -1");
         return 0;
     }
-    client->connectfd = fd;
-    client->status = 2;
+    client_set_fd(client, fd);
+    client_set_status(client, 2);
     kx_platform_nosigpipe(fd);
     bool v4 = is_v4(client);
     sockaddr_storage ss;
@@ -125,7 +125,7 @@ int open_new(_NetTcpClient *client) {
         sdk_log_msg("socket fail");
         return 0;
     }
-    client->connectfd = fd;
+    client_set_fd(client, fd);
     net_set_nonblocking(fd);
     // Where the system has the socket option it guards both families; elsewhere every send carries
     // the no-signal flag (net_tcp_client_send).
@@ -136,23 +136,19 @@ int open_new(_NetTcpClient *client) {
         if (bind(fd, reinterpret_cast<sockaddr *>(&ss), len) != 0) {
             sdk_log_msg("bind fail");
             close(fd);
-            client->connectfd = -1;
+            client_set_fd(client, -1);
             return 0;
         }
     }
     socklen_t len = make_addr(v4, client->remote_ip, client->remote_port, &ss);
-    // The entry and the connect happen under one hold of the main lock: the event thread serves no
-    // entry meanwhile, so it never sees the socket before connect has run (a socket that has not
-    // begun to connect reads as writable and would be taken for connected).
-    MainLock lock;
-    client->status = 1;
+    client_set_status(client, 1);
     if (select_add_clientfd(client, fd))
         os_post_main_thread_func(wake_only, nullptr);  // the pass under way does not know the entry yet
     else
         sdk_log_msg("select_add_clientfd(client,client->connectfd) repeat");
     if (connect(fd, reinterpret_cast<sockaddr *>(&ss), len) == 0) {
         // Still under the lock, so on_connect comes before the event thread's first on_write.
-        client->status = 2;
+        client_set_status(client, 2);
         call(client->on_connect, client, client->connect_arg);
         return 1;
     }
@@ -180,7 +176,7 @@ bool drain(int fd) {
 void probe(_NetTcpClient *client) {
     int value = 0;
     socklen_t len = sizeof(value);
-    int ret = getsockopt(client->connectfd, SOL_SOCKET, SO_ERROR, &value, &len);
+    int ret = getsockopt(client_fd(client), SOL_SOCKET, SO_ERROR, &value, &len);
     if (ret != 0)
         KX_LOG_ERR("select_dispath_client : Socket getsockopt failed,ret=%d,ip=%s,port=%d", ret, client->remote_ip,
                    client->remote_port);
@@ -200,11 +196,11 @@ int select_dispath_client(_NetTcpClient *client) {
         sdk_log_msg("client index == -1 fail");
         return 0;
     }
-    const int fd = client->connectfd;
+    const int fd = client_fd(client);
     const bool rd = select_fd_is_set(fd, KX_SET_READ) != 0;
     bool wr = select_fd_is_set(fd, KX_SET_WRITE) != 0;
     if (select_fd_is_set(fd, KX_SET_EXCEPT) || (!rd && !wr)) return 0;
-    if (client->status == 1) {
+    if (client_status(client) == 1) {
         // A connecting client is served only on a current report, and one that reports has ended
         // its connect either way: it is served as writable.
         if (!reports_now(fd)) return 0;
@@ -212,24 +208,24 @@ int select_dispath_client(_NetTcpClient *client) {
     }
 
     if (wr) {
-        if (client->status == 1) {
-            client->status = 2;
+        if (client_status(client) == 1) {
+            client_set_status(client, 2);
             call(client->on_connect, client, client->connect_arg);
         }
         call(client->on_write, client, client->write_arg);
     }
     // A callback may have closed, re-opened or destroyed the client: the rest of the pass belongs to
     // the connection it was given for.
-    if (client->index == -1 || client->connectfd != fd) return 0;
+    if (client->index == -1 || client_fd(client) != fd) return 0;
     if (rd) {
         bool close_it;
         if (client->on_read != nullptr)
             close_it = client->on_read(client, client->read_arg) == -1;
         else
             close_it = drain(fd);
-        if (close_it && client->index != -1 && client->connectfd == fd) close_connection(client);
+        if (close_it && client->index != -1 && client_fd(client) == fd) close_connection(client);
     }
-    if (client->index != -1 && client->connectfd != -1) probe(client);
+    if (client->index != -1 && client_fd(client) != -1) probe(client);
     return 0;
 }
 
@@ -237,7 +233,7 @@ extern "C" {
 
 KX_API _NetTcpClient *net_tcp_client_create(void) {
     _NetTcpClient *client = pool_take_client();
-    if (client != nullptr) client->connectfd = -1;
+    if (client != nullptr) client_set_fd(client, -1);
     return client;
 }
 
@@ -264,7 +260,7 @@ KX_API int net_tcp_client_close(_NetTcpClient *client) {
         return 0;
     }
     MainLock lock;
-    if (client->status != 0) close_connection(client);
+    if (client_status(client) != 0) close_connection(client);
     return 1;
 }
 
@@ -281,7 +277,7 @@ int set_addr(_NetTcpClient *client, const char *ip, uint16_t port, bool remote) 
         sdk_log_msg("ip length out");
         return 0;
     }
-    if (client->status != 0) {
+    if (client_status(client) != 0) {
         sdk_log_msg("client is not disconnect");
         return 0;
     }
@@ -338,7 +334,7 @@ KX_API int net_tcp_client_get_status(_NetTcpClient *client) {
         sdk_log_msg("client is null");
         return -1;
     }
-    return client->status;
+    return client_status(client);
 }
 
 KX_API int net_tcp_client_open(_NetTcpClient *client, int fd) {
@@ -346,7 +342,11 @@ KX_API int net_tcp_client_open(_NetTcpClient *client, int fd) {
         sdk_log_msg("client is null");
         return 0;
     }
-    if (client->status != 0) {
+    // The whole open happens under one hold of the main lock: the event thread serves no entry
+    // meanwhile, so it never sees the new socket before connect has run (a socket that has not begun
+    // to connect reads as writable and would be taken for connected).
+    MainLock lock;
+    if (client_status(client) != 0) {
         sdk_log_msg("client is not disconnect");
         return 0;
     }
@@ -362,10 +362,11 @@ KX_API int net_tcp_client_send(_NetTcpClient *client, const char *data, uint32_t
         sdk_log_msg("data is null");
         return -1;
     }
-    if (client->status == 1) return 0;
-    if (client->status != 2) return -1;
+    int status = client_status(client);
+    if (status == 1) return 0;
+    if (status != 2) return -1;
     // The no-signal flag: a peer that has gone raises no SIGPIPE, whatever the family.
-    ssize_t n = send(client->connectfd, data, len, kx_platform_send_flags());
+    ssize_t n = send(client_fd(client), data, len, kx_platform_send_flags());
     if (n >= 0) return (int)n;
     return would_block(errno) ? 0 : -1;
 }
@@ -379,8 +380,8 @@ KX_API int net_tcp_client_read(_NetTcpClient *client, char *buf, uint32_t len) {
         sdk_log_msg("data is null");
         return -1;
     }
-    if (client->status != 2) return -1;
-    ssize_t n = recv(client->connectfd, buf, len, 0);
+    if (client_status(client) != 2) return -1;
+    ssize_t n = recv(client_fd(client), buf, len, 0);
     if (n > 0) return (int)n;
     if (n < 0 && would_block(errno)) return 0;
     return -1;
@@ -391,7 +392,7 @@ KX_API int net_tcp_client_set_udata(_NetTcpClient *client, void *udata) {
         sdk_log_msg("client is null");
         return 0;
     }
-    client->udata = udata;
+    client_set_udata(client, udata);
     return 1;
 }
 
@@ -400,7 +401,7 @@ KX_API void *net_tcp_client_get_udata(_NetTcpClient *client) {
         sdk_log_msg("client is null");
         return nullptr;
     }
-    return client->udata;
+    return client_udata(client);
 }
 
 KX_API int net_tcp_client_bind_connect(_NetTcpClient *client, NetTcpClientCallback cb, void *arg) {
@@ -425,7 +426,7 @@ KX_API int net_tcp_client_set_rcvbuf_len(_NetTcpClient *client, uint32_t len) {
         return 0;
     }
     int value = (int)len;
-    if (setsockopt(client->connectfd, SOL_SOCKET, SO_RCVBUF, &value, sizeof(value)) != 0) {
+    if (setsockopt(client_fd(client), SOL_SOCKET, SO_RCVBUF, &value, sizeof(value)) != 0) {
         KX_LOG_ERR("%s", "");
         return 0;
     }

@@ -192,7 +192,12 @@ TEST_F(LinkSlowPeer, QueuesWhatTheSocketRefusesAndFlushesInOrder) {
     }
     EXPECT_TRUE(queued);
     EXPECT_EQ(read_n(peer, want.size()), want);
-    ASSERT_TRUE(wait_for([&] { return adt_dlist_empty(link->send_buf_ls) == 1; }));
+    ASSERT_TRUE(wait_for([&] {
+        sdk_mutex_lock(link->mtx_send);
+        bool empty = adt_dlist_empty(link->send_buf_ls) == 1;
+        sdk_mutex_unlock(link->mtx_send);
+        return empty;
+    }));
 }
 
 TEST(LinkQueue, OverflowDropsTheQueue) {
