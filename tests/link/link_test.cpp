@@ -223,6 +223,7 @@ TEST(LinkQueue, OverflowDropsTheQueue) {
     EXPECT_EQ(adt_dlist_size(link->send_buf_ls), 1u);
     EXPECT_EQ(net_link_send_package(link, "x", -1), -1);
     net_link_destroy(link);
+    sdk_os_set_max_package_buf(20000);
 }
 
 }  // namespace
