@@ -199,7 +199,14 @@ int select_dispath_client(_NetTcpClient *client) {
     const int fd = client_fd(client);
     const bool rd = select_fd_is_set(fd, KX_SET_READ) != 0;
     bool wr = select_fd_is_set(fd, KX_SET_WRITE) != 0;
-    if (select_fd_is_set(fd, KX_SET_EXCEPT) || (!rd && !wr)) return 0;
+    if (select_fd_is_set(fd, KX_SET_EXCEPT)) {
+        // Urgent data: no service in this pass. The urgent byte is taken off and dropped, since it
+        // would otherwise hold the condition, and with it the client, unserved for good.
+        char urgent;
+        recv(fd, &urgent, 1, MSG_OOB | MSG_DONTWAIT);
+        return 0;
+    }
+    if (!rd && !wr) return 0;
     if (client_status(client) == 1) {
         // A connecting client is served only on a current report, and one that reports has ended
         // its connect either way: it is served as writable.
