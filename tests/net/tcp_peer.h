@@ -24,28 +24,47 @@ bool wait_for(F cond, int ms = 5000) {
     return cond();
 }
 
-// A listening socket on 127.0.0.1 or ::1 at a free port; rcvbuf > 0 sets SO_RCVBUF, which the
-// accepted socket inherits.
-inline int listen_on(const char *ip, uint16_t *port, int rcvbuf = 0) {
-    bool v6 = strchr(ip, ':') != nullptr;
-    int fd = socket(v6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
-    if (rcvbuf > 0) setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
-    sockaddr_storage ss = {};
-    socklen_t len;
-    if (v6) {
-        auto *a = reinterpret_cast<sockaddr_in6 *>(&ss);
-        a->sin6_family = AF_INET6;
-        inet_pton(AF_INET6, ip, &a->sin6_addr);
-        len = sizeof(*a);
-    } else {
-        auto *a = reinterpret_cast<sockaddr_in *>(&ss);
-        a->sin_family = AF_INET;
-        a->sin_addr.s_addr = inet_addr(ip);
-        len = sizeof(*a);
+// The address of a numeric IPv4 or IPv6 text and a port.
+inline socklen_t make_addr(const char *ip, uint16_t port, sockaddr_storage *ss) {
+    *ss = {};
+    auto *a6 = reinterpret_cast<sockaddr_in6 *>(ss);
+    auto *a4 = reinterpret_cast<sockaddr_in *>(ss);
+    if (inet_pton(AF_INET6, ip, &a6->sin6_addr) == 1) {
+        a6->sin6_family = AF_INET6;
+        a6->sin6_port = htons(port);
+        return sizeof(*a6);
     }
+    a4->sin_family = AF_INET;
+    a4->sin_port = htons(port);
+    a4->sin_addr.s_addr = inet_addr(ip);
+    return sizeof(*a4);
+}
+
+inline uint16_t port_of(const sockaddr_storage &ss) {
+    return ntohs(ss.ss_family == AF_INET6 ? reinterpret_cast<const sockaddr_in6 *>(&ss)->sin6_port
+                                          : reinterpret_cast<const sockaddr_in *>(&ss)->sin_port);
+}
+
+// A listening socket on ip at a free port; rcvbuf > 0 sets SO_RCVBUF, which accepted sockets inherit.
+inline int listen_on(const char *ip, uint16_t *port, int rcvbuf = 0) {
+    sockaddr_storage ss;
+    socklen_t len = make_addr(ip, 0, &ss);
+    int fd = socket(ss.ss_family, SOCK_STREAM, 0);
+    if (rcvbuf > 0) setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
     if (bind(fd, reinterpret_cast<sockaddr *>(&ss), len) != 0 || listen(fd, 8) != 0) return -1;
     getsockname(fd, reinterpret_cast<sockaddr *>(&ss), &len);
-    *port = ntohs(v6 ? reinterpret_cast<sockaddr_in6 *>(&ss)->sin6_port : reinterpret_cast<sockaddr_in *>(&ss)->sin_port);
+    *port = port_of(ss);
+    return fd;
+}
+
+// A blocking connection to ip and port; *local_port gets its own port.
+inline int connect_to(const char *ip, uint16_t port, uint16_t *local_port) {
+    sockaddr_storage ss;
+    socklen_t len = make_addr(ip, port, &ss);
+    int fd = socket(ss.ss_family, SOCK_STREAM, 0);
+    if (connect(fd, reinterpret_cast<sockaddr *>(&ss), len) != 0) return -1;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&ss), &len);
+    *local_port = port_of(ss);
     return fd;
 }
 
