@@ -9,6 +9,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "log/log_internal.h"
 #include "net/net_internal.h"
 #include "platform/platform.h"
@@ -114,11 +116,24 @@ int open_adopted(_NetTcpClient *client, int fd) {
     return 1;
 }
 
-// Posted after a new entry: the event thread leaves its select, which waits up to a second when
-// nothing else is ready, and takes the new descriptor into its next pass.
-int wake_only(void *) { return 0; }
+// A new entry wakes the event thread from its select, which waits up to a second when nothing else
+// is ready, so the next pass takes the descriptor in. At most one wake is under way at a time, none
+// is posted from the event thread itself (its next pass comes anyway), and none under the main
+// lock: a full post pipe then only waits for the event thread to read it.
+std::atomic<bool> s_wake_pending{false};
 
-int open_new(_NetTcpClient *client) {
+int wake_done(void *) {
+    s_wake_pending = false;
+    return 0;
+}
+
+void wake_event_thread(void) {
+    if (pthread_equal(pthread_self(), runtime_event_thread())) return;
+    if (s_wake_pending.exchange(true)) return;
+    if (!os_post_main_thread_func(wake_done, nullptr)) s_wake_pending = false;
+}
+
+int open_new(_NetTcpClient *client, bool *entered) {
     bool v4 = is_v4(client);
     int fd = socket(v4 ? AF_INET : AF_INET6, SOCK_STREAM, 0);
     if (fd < 0) {
@@ -142,10 +157,8 @@ int open_new(_NetTcpClient *client) {
     }
     socklen_t len = make_addr(v4, client->remote_ip, client->remote_port, &ss);
     client_set_status(client, 1);
-    if (select_add_clientfd(client, fd))
-        os_post_main_thread_func(wake_only, nullptr);  // the pass under way does not know the entry yet
-    else
-        sdk_log_msg("select_add_clientfd(client,client->connectfd) repeat");
+    *entered = select_add_clientfd(client, fd) != 0;
+    if (!*entered) sdk_log_msg("select_add_clientfd(client,client->connectfd) repeat");
     if (connect(fd, reinterpret_cast<sockaddr *>(&ss), len) == 0) {
         // Still under the lock, so on_connect comes before the event thread's first on_write.
         client_set_status(client, 2);
@@ -352,12 +365,18 @@ KX_API int net_tcp_client_open(_NetTcpClient *client, int fd) {
     // The whole open happens under one hold of the main lock: the event thread serves no entry
     // meanwhile, so it never sees the new socket before connect has run (a socket that has not begun
     // to connect reads as writable and would be taken for connected).
-    MainLock lock;
-    if (client_status(client) != 0) {
-        sdk_log_msg("client is not disconnect");
-        return 0;
+    bool entered = false;
+    int ret;
+    {
+        MainLock lock;
+        if (client_status(client) != 0) {
+            sdk_log_msg("client is not disconnect");
+            return 0;
+        }
+        ret = fd == -1 ? open_new(client, &entered) : open_adopted(client, fd);
     }
-    return fd == -1 ? open_new(client) : open_adopted(client, fd);
+    if (entered) wake_event_thread();
+    return ret;
 }
 
 KX_API int net_tcp_client_send(_NetTcpClient *client, const char *data, uint32_t len) {
