@@ -283,11 +283,70 @@ KX_API int net_tcp_client_set_ip_ver(_NetTcpClient *client, uint8_t ver);
 /* ======================================================================================
  * TCP server
  * ====================================================================================== */
+/* A server is a bound, listening, non-blocking socket from the server pool (servernum slots). The event
+ * thread doesn't serve it. Taking connections is polled:
+ *
+ *     int fd;
+ *     if (net_tcp_server_accept(server, &fd) == 1) {     // 0: none pending, -1: failure
+ *         _NetTcpClient *peer = net_tcp_client_create();
+ *         net_tcp_client_open(peer, fd);                 // adopts the connected descriptor
+ *         ... net_tcp_client_send / net_tcp_client_read on peer ...
+ *     }
+ *
+ * An adopted client is not served by the event thread: its owner sends and reads directly. */
+KX_API _NetTcpServer *net_tcp_server_create(void);
+/* Closes if listening, then gives the slot back. 1; 0 on null or a free slot. */
+KX_API int net_tcp_server_destroy(_NetTcpServer *server);
+/* Stops listening; the server can be opened again. Always 1 for a server. */
+KX_API int net_tcp_server_close(_NetTcpServer *server);
+/* Stores the port, then the address if ip is not null; 0 for a text that is no IPv4 address. */
+KX_API int net_tcp_server_set_local(_NetTcpServer *server, const char *ip, uint16_t port);
+/* Copies 16 bytes of the address and the port as set (port 0 stays 0 after an open on port 0). */
+KX_API int net_tcp_server_get_local(_NetTcpServer *server, char *ip, uint16_t *port);
+KX_API int net_tcp_server_get_status(_NetTcpServer *server);
+/* Binds and listens: a dotted IPv4 address takes IPv4, any other text IPv6. 1 or 0. */
+KX_API int net_tcp_server_open(_NetTcpServer *server);
+/* Stores a callback and its value; the library never calls it (connections are polled). */
+KX_API int net_tcp_server_bind_accept(_NetTcpServer *server, NetTcpServerCallback callback, void *arg);
+/* Accepts one pending connection without blocking. 1 and *fd set to a connected, non-blocking,
+ * close-on-exec descriptor ready for net_tcp_client_open; 0 when none is pending; -1 on failure or
+ * a server that isn't listening. Caller's thread; the descriptor is the caller's until adopted. */
+KX_API int net_tcp_server_accept(_NetTcpServer *server, int *fd);
+
 /* @section tcp_server */
 
 /* ======================================================================================
  * UDP client
  * ====================================================================================== */
+/* A UDP client owns a non-blocking IPv4 datagram socket from create to destroy; its owner polls it. */
+KX_API _NetUdpClient *net_udp_client_create(void);
+/* Closes the socket and gives the slot back. A free slot is a fatal misuse. */
+KX_API int net_udp_client_destroy(_NetUdpClient *client);
+/* Marks the client closed; the socket stays bound and receiving until destroy. */
+KX_API int net_udp_client_close(_NetUdpClient *client);
+/* Address (at most 15 characters, empty for any) and port (0: the system picks) of the next bind. */
+KX_API int net_udp_client_set_local(_NetUdpClient *client, const char *ip, uint16_t port);
+KX_API int net_udp_client_get_local(_NetUdpClient *client, char *ip, uint16_t *port);
+KX_API int net_udp_client_get_status(_NetUdpClient *client);
+/* Binds the socket; a socket is bound once, so a second open gives 0. */
+KX_API int net_udp_client_open(_NetUdpClient *client);
+/* One datagram to ip:port. Bytes sent; 0 would block; -1 on failure. */
+KX_API int net_udp_client_send(_NetUdpClient *client, const void *data, uint32_t len, const char *ip,
+                               uint16_t port);
+/* One datagram, cut to len. Bytes read with the sender's address (16 bytes) and port; 0 when nothing
+ * waits; -1 on failure, also for an empty datagram. */
+KX_API int net_udp_client_read(_NetUdpClient *client, void *data, uint32_t len, char *ip, uint16_t *port);
+KX_API int net_udp_client_set_udata(_NetUdpClient *client, void *udata);
+KX_API void *net_udp_client_get_udata(_NetUdpClient *client);
+/* Stored only; the library never calls them. */
+KX_API int net_udp_client_bind_read(_NetUdpClient *client, NetUdpClientCallback callback, void *arg);
+KX_API int net_udp_client_bind_write(_NetUdpClient *client, NetUdpClientCallback callback, void *arg);
+/* Allows sends to broadcast addresses and sets a multicast TTL of 64. */
+KX_API int net_udp_client_set_broadcast(_NetUdpClient *client);
+/* Joins or leaves a multicast group on all interfaces. */
+KX_API int net_udp_client_add_multicase(_NetUdpClient *client, const char *ip);
+KX_API int net_udp_client_drop_multicase(_NetUdpClient *client, const char *ip);
+
 /* @section udp_client */
 
 /* ======================================================================================
