@@ -5,7 +5,7 @@ PACKAGES := cmake ninja-build g++ clang libclang-rt-dev googletest libgtest-dev 
 JOBS ?= 2
 FUZZ_SECONDS ?= 20
 
-.PHONY: all deps build test test-asan test-tsan demo install fuzz bench clean
+.PHONY: all deps build test test-asan test-tsan demo install fuzz soak test-valgrind bench clean
 
 all: build
 
@@ -42,7 +42,10 @@ demo: build
 install: build
 	cmake --install build/default --prefix $(PREFIX)
 
-# Each harness runs FUZZ_SECONDS on its seed corpus (fuzz/corpus/<name>, when present).
+# Each harness runs FUZZ_SECONDS (or FUZZ_RUNS executions, when given) on a work copy of its seed
+# corpus (fuzz/corpus/<name>), with leak detection; a crash, leak or timeout stops the target and
+# leaves its input in build/fuzz/.
+FUZZ_RUNS ?= -1
 fuzz: deps
 	cmake --preset fuzz
 	cmake --build --preset fuzz -j $(JOBS)
@@ -51,8 +54,15 @@ fuzz: deps
 	  work=build/fuzz/corpus/$${name#fuzz_}; mkdir -p $$work; \
 	  [ -d $$corpus ] && seeds=$$corpus || seeds=""; \
 	  echo "== $$name ($(FUZZ_SECONDS)s)"; \
-	  $$h -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 -artifact_prefix=build/fuzz/ $$work $$seeds 2>&1 | tail -n 12; \
+	  rc=0; ASAN_OPTIONS=detect_leaks=1 $$h -max_total_time=$(FUZZ_SECONDS) -runs=$(FUZZ_RUNS) -timeout=25 \
+	    -print_final_stats=1 -artifact_prefix=build/fuzz/ $$work $$seeds > build/fuzz/$$name.log 2>&1 || rc=$$?; \
+	  grep -E '^#[0-9]+ +DONE|stat::number_of_executed_units|ERROR|SUMMARY' build/fuzz/$$name.log || true; \
+	  if [ $$rc -ne 0 ]; then tail -n 40 build/fuzz/$$name.log; exit $$rc; fi; \
 	done
+
+# Load and soak over loopback (a few minutes); not part of `make test`.
+soak: build
+	./build/default/tests/korvex_soak
 
 bench: deps
 	cmake --preset bench
