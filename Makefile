@@ -60,6 +60,10 @@ fuzz: deps
 	  if [ $$rc -ne 0 ]; then tail -n 40 build/fuzz/$$name.log; exit $$rc; fi; \
 	done
 
+# Every unit test under valgrind memcheck, one process per test: no error, no definite leak.
+test-valgrind: build
+	tests/valgrind.sh build/default $(JOBS)
+
 # Load and soak over loopback (a few minutes); not part of `make test`.
 soak: build
 	./build/default/tests/korvex_soak
