@@ -17,7 +17,7 @@ for bin in "$build"/tests/test_*; do
 done
 run_one() {
   bin=$1 name=$2 out=$3
-  log=$out/$(basename "$bin").$name.log
+  log=$out/$(basename "$bin").${name//\//_}.log
   valgrind --tool=memcheck --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite \
     --show-leak-kinds=definite --child-silent-after-fork=yes --track-origins=no \
     "$bin" --gtest_filter="$name" > "$log" 2>&1
@@ -27,7 +27,9 @@ run_one() {
 export -f run_one
 total=$(wc -l < "$list")
 echo "valgrind memcheck over $total tests ($jobs at a time), logs in $out"
-failed=$(xargs -P "$jobs" -L 1 bash -c 'run_one "$0" "$1" '"$out" < "$list" | tee /dev/stderr | grep -c '^FAIL')
+xargs -P "$jobs" -L 1 bash -c 'run_one "$0" "$1" '"$out" < "$list" > "$out/failures.txt"
+cat "$out/failures.txt"
+failed=$(grep -c '^FAIL' "$out/failures.txt")
 errors=$(grep -h "ERROR SUMMARY" "$out"/*.log | awk '{s += $4} END {print s + 0}')
 definite=$(grep -h "definitely lost:" "$out"/*.log | awk '{gsub(",", "", $4); s += $4} END {print s + 0}')
 echo "valgrind: $total tests, $failed failed, $errors memcheck errors, $definite bytes definitely lost"
