@@ -56,7 +56,7 @@ fuzz: deps
 	  echo "== $$name ($(FUZZ_SECONDS)s)"; \
 	  rc=0; ASAN_OPTIONS=detect_leaks=1 $$h -max_total_time=$(FUZZ_SECONDS) -runs=$(FUZZ_RUNS) -timeout=25 \
 	    -print_final_stats=1 -artifact_prefix=build/fuzz/ $$work $$seeds > build/fuzz/$$name.log 2>&1 || rc=$$?; \
-	  grep -E '^#[0-9]+ +DONE|stat::number_of_executed_units|ERROR|SUMMARY' build/fuzz/$$name.log || true; \
+	  grep -E '^#[0-9]+[[:space:]]+DONE|stat::number_of_executed_units|ERROR|SUMMARY' build/fuzz/$$name.log || true; \
 	  if [ $$rc -ne 0 ]; then tail -n 40 build/fuzz/$$name.log; exit $$rc; fi; \
 	done
 
