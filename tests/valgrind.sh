@@ -3,7 +3,7 @@
 # A test fails on any memcheck error or definite leak (exit code 99) as well as on its own failure.
 # Usage: tests/valgrind.sh <build dir> [jobs]
 set -uo pipefail
-build=${1:-build/default}
+build=$(cd "${1:-build/default}" && pwd)
 jobs=${2:-2}
 out=$build/valgrind
 mkdir -p "$out"
@@ -18,6 +18,8 @@ done
 run_one() {
   bin=$1 name=$2 out=$3
   log=$out/$(basename "$bin").${name//\//_}.log
+  # From the test program's directory, as ctest runs it: log tests write files there.
+  cd "$(dirname "$bin")" || return
   valgrind --tool=memcheck --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite \
     --show-leak-kinds=definite --child-silent-after-fork=yes --track-origins=no \
     "$bin" --gtest_filter="$name" > "$log" 2>&1
