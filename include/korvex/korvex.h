@@ -242,21 +242,187 @@ KX_API void sdk_os_set_cur_path(void *path);
 /* ======================================================================================
  * TCP client
  * ====================================================================================== */
+/* A client is a slot of the pool of 200. Addresses are texts of at most 15 characters; a text that
+ * is no dotted IPv4 address takes the IPv6 road. Callbacks run on the event thread with the main lock
+ * held, in the order on_connect, on_write, on_read, on_disconnect within one pass; on_disconnect also
+ * runs on the thread of net_tcp_client_close and net_tcp_client_destroy. */
+KX_API _NetTcpClient *net_tcp_client_create(void);
+/* Closes the client and gives its slot back; 1, or 0 for null. Destroying a free slot ends the process. */
+KX_API int net_tcp_client_destroy(_NetTcpClient *client);
+/* Closes the socket; the addresses and callbacks stay, and the client can be opened again. 1, 0 for null. */
+KX_API int net_tcp_client_close(_NetTcpClient *client);
+/* Only while disconnected. 1 or 0. */
+KX_API int net_tcp_client_set_remote(_NetTcpClient *client, const char *ip, uint16_t port);
+KX_API int net_tcp_client_set_local(_NetTcpClient *client, const char *ip, uint16_t port);
+/* ip has room for 16 bytes. 1 or 0. */
+KX_API int net_tcp_client_get_remote(_NetTcpClient *client, char *ip, uint16_t *port);
+KX_API int net_tcp_client_get_local(_NetTcpClient *client, char *ip, uint16_t *port);
+/* 0 disconnected, 1 connecting, 2 connected; -1 for null. */
+KX_API int net_tcp_client_get_status(_NetTcpClient *client);
+/* fd -1: makes a non-blocking socket, enters it in the event thread's table and starts connect.
+ * Any other fd: adopts that connected descriptor as it is; the event thread does not serve it and its
+ * owner reads and sends directly. 1 or 0. */
+KX_API int net_tcp_client_open(_NetTcpClient *client, int fd);
+/* One send: bytes taken (maybe fewer than len), 0 would block or still connecting, -1 failure. */
+KX_API int net_tcp_client_send(_NetTcpClient *client, const char *data, uint32_t len);
+/* One recv: bytes read, 0 would block, -1 peer closed, failure or not connected. */
+KX_API int net_tcp_client_read(_NetTcpClient *client, char *buf, uint32_t len);
+KX_API int net_tcp_client_set_udata(_NetTcpClient *client, void *udata);
+KX_API void *net_tcp_client_get_udata(_NetTcpClient *client);
+/* A null callback unbinds. 1, 0 for a null client. */
+KX_API int net_tcp_client_bind_connect(_NetTcpClient *client, NetTcpClientCallback cb, void *arg);
+KX_API int net_tcp_client_bind_disconnect(_NetTcpClient *client, NetTcpClientCallback cb, void *arg);
+KX_API int net_tcp_client_bind_read(_NetTcpClient *client, NetTcpClientCallback cb, void *arg);
+KX_API int net_tcp_client_bind_write(_NetTcpClient *client, NetTcpClientCallback cb, void *arg);
+/* SO_RCVBUF of the open socket. 1 or 0. */
+KX_API int net_tcp_client_set_rcvbuf_len(_NetTcpClient *client, uint32_t len);
+/* Accepted for compatibility; the version has no effect. 1, 0 for null. */
+KX_API int net_tcp_client_set_ip_ver(_NetTcpClient *client, uint8_t ver);
 /* @section tcp_client */
 
 /* ======================================================================================
  * TCP server
  * ====================================================================================== */
+/* A server is a bound, listening, non-blocking socket from the server pool (servernum slots). The event
+ * thread doesn't serve it. Taking connections is polled:
+ *
+ *     int fd;
+ *     if (net_tcp_server_accept(server, &fd) == 1) {     // 0: none pending, -1: failure
+ *         _NetTcpClient *peer = net_tcp_client_create();
+ *         net_tcp_client_open(peer, fd);                 // adopts the connected descriptor
+ *         ... net_tcp_client_send / net_tcp_client_read on peer ...
+ *     }
+ *
+ * An adopted client is not served by the event thread: its owner sends and reads directly. */
+KX_API _NetTcpServer *net_tcp_server_create(void);
+/* Closes if listening, then gives the slot back. 1; 0 on null or a free slot. */
+KX_API int net_tcp_server_destroy(_NetTcpServer *server);
+/* Stops listening; the server can be opened again. Always 1 for a server. */
+KX_API int net_tcp_server_close(_NetTcpServer *server);
+/* Stores the port, then the address if ip is not null; 0 for a text that is no IPv4 address. */
+KX_API int net_tcp_server_set_local(_NetTcpServer *server, const char *ip, uint16_t port);
+/* Copies 16 bytes of the address and the port as set (port 0 stays 0 after an open on port 0). */
+KX_API int net_tcp_server_get_local(_NetTcpServer *server, char *ip, uint16_t *port);
+KX_API int net_tcp_server_get_status(_NetTcpServer *server);
+/* Binds and listens: a dotted IPv4 address takes IPv4, any other text IPv6. 1 or 0. */
+KX_API int net_tcp_server_open(_NetTcpServer *server);
+/* Stores a callback and its value; the library never calls it (connections are polled). */
+KX_API int net_tcp_server_bind_accept(_NetTcpServer *server, NetTcpServerCallback callback, void *arg);
+/* Accepts one pending connection without blocking. 1 and *fd set to a connected, non-blocking,
+ * close-on-exec descriptor ready for net_tcp_client_open; 0 when none is pending; -1 on failure or
+ * a server that isn't listening. Caller's thread; the descriptor is the caller's until adopted. */
+KX_API int net_tcp_server_accept(_NetTcpServer *server, int *fd);
+
 /* @section tcp_server */
 
 /* ======================================================================================
  * UDP client
  * ====================================================================================== */
+/* A UDP client owns a non-blocking IPv4 datagram socket from create to destroy; its owner polls it. */
+KX_API _NetUdpClient *net_udp_client_create(void);
+/* Closes the socket and gives the slot back. A free slot is a fatal misuse. */
+KX_API int net_udp_client_destroy(_NetUdpClient *client);
+/* Marks the client closed; the socket stays bound and receiving until destroy. */
+KX_API int net_udp_client_close(_NetUdpClient *client);
+/* Address (at most 15 characters, empty for any) and port (0: the system picks) of the next bind. */
+KX_API int net_udp_client_set_local(_NetUdpClient *client, const char *ip, uint16_t port);
+KX_API int net_udp_client_get_local(_NetUdpClient *client, char *ip, uint16_t *port);
+KX_API int net_udp_client_get_status(_NetUdpClient *client);
+/* Binds the socket; a socket is bound once, so a second open gives 0. */
+KX_API int net_udp_client_open(_NetUdpClient *client);
+/* One datagram to ip:port. Bytes sent; 0 would block; -1 on failure. */
+KX_API int net_udp_client_send(_NetUdpClient *client, const void *data, uint32_t len, const char *ip,
+                               uint16_t port);
+/* One datagram, cut to len. Bytes read with the sender's address (16 bytes) and port; 0 when nothing
+ * waits; -1 on failure, also for an empty datagram. */
+KX_API int net_udp_client_read(_NetUdpClient *client, void *data, uint32_t len, char *ip, uint16_t *port);
+KX_API int net_udp_client_set_udata(_NetUdpClient *client, void *udata);
+KX_API void *net_udp_client_get_udata(_NetUdpClient *client);
+/* Stored only; the library never calls them. */
+KX_API int net_udp_client_bind_read(_NetUdpClient *client, NetUdpClientCallback callback, void *arg);
+KX_API int net_udp_client_bind_write(_NetUdpClient *client, NetUdpClientCallback callback, void *arg);
+/* Allows sends to broadcast addresses and sets a multicast TTL of 64. */
+KX_API int net_udp_client_set_broadcast(_NetUdpClient *client);
+/* Joins or leaves a multicast group on all interfaces. */
+KX_API int net_udp_client_add_multicase(_NetUdpClient *client, const char *ip);
+KX_API int net_udp_client_drop_multicase(_NetUdpClient *client, const char *ip);
+
 /* @section udp_client */
 
 /* ======================================================================================
  * Link layer
  * ====================================================================================== */
+/* A link frames device protocols over one TCP client: it gathers the stream in a 2048-byte buffer,
+ * cuts packets at their heads and hands each to the bound parser, and it sends through a queue that
+ * keeps what the socket refuses. Heads and body are little-endian. */
+#define LINK_BUF_SIZE 2048
+/* Head types handed to the parser. */
+#define LINK_HEAD_COMMAND 0 /* F1 F5 EA F5, u16 length at offset 6 */
+#define LINK_HEAD_DATA 1    /* F1 F5 EA F9, u16 length at offset 14 */
+#define LINK_HEAD_ODNS 2    /* ODNS_DATAPACKHEAD: word 225, i32 length at offset 4 */
+#define LINK_HEAD_MOBILE 3  /* "MOBILEDEVICEIRRIHEAD": everything buffered behind it */
+
+struct _NetLink;
+/* Called for each packet on the event thread, under the main lock and the link's process lock. data
+ * points at the packet's head inside the link's buffer and is valid only during the call; len counts
+ * head and body. Returning 999 hands the same packet to the parser bound at that moment once more. */
+typedef int (*NetLinkParaseCallback)(struct _NetLink *link, void *udata, int head_type, char *data, int len);
+/* Called once when the connection ends without net_link_destroy. */
+typedef int (*NetLinkDisconnectCallback)(struct _NetLink *link, void *udata);
+
+typedef struct _NetLink {
+    struct _NetTcpClient *client; /* owned from net_link_set_core to net_link_destroy */
+    _OS_DList *send_buf_ls;       /* queue of unsent blocks, oldest first */
+    char buf[LINK_BUF_SIZE];      /* receive buffer */
+    int32_t buf_len;
+    NetLinkParaseCallback parase_protocol;
+    NetLinkDisconnectCallback disconnect_protocol;
+    void *udata;
+    sdk_mutex_t *mtx_send;    /* recursive; guards the send queue */
+    int32_t time_count;       /* time-out counter of the owner */
+    int32_t type;             /* 0, or a type whose read events clear time_count */
+    uint32_t seq;             /* sequence of the heads this link writes */
+    sdk_mutex_t *mtx_process; /* recursive; held around every parser call */
+    int32_t ip_ver;           /* 1: heads carry the address 0.0.0.0 */
+} _NetLink;
+
+/* Link calls give 0 (or a handle) and -1 (or null) on failure. Order of use: create, bind, then
+ * net_link_set_core, then net_tcp_client_open on the client. */
+KX_API _NetLink *net_link_create(void);
+/* Closes and gives back the client, drops the queue and frees the link. Not from its own callbacks. */
+KX_API int net_link_destroy(_NetLink *link);
+/* Hands the client to the link: the client's user data becomes the link and its read, write and
+ * disconnect callbacks are the link's. */
+KX_API int net_link_set_core(_NetLink *link, struct _NetTcpClient *client);
+KX_API int net_link_set_udata(_NetLink *link, void *udata);
+KX_API int net_link_get_udata(_NetLink *link, void **udata);
+KX_API int net_link_bind_parase_protocol(_NetLink *link, NetLinkParaseCallback cb);
+KX_API int net_link_bind_disconnect_protocol(_NetLink *link, NetLinkDisconnectCallback cb);
+KX_API int net_link_set_ip_ver(_NetLink *link, int ver);
+KX_API int net_link_get_ip_ver(_NetLink *link);
+KX_API int net_link_set_type(_NetLink *link, int type);
+KX_API int net_link_get_type(_NetLink *link);
+/* Shuts the parser out while the owner changes what it reads. Do not close or destroy while held. */
+KX_API int net_link_lock(_NetLink *link);
+KX_API int net_link_unlock(_NetLink *link);
+KX_API int net_link_time_add(_NetLink *link);
+KX_API int net_link_time_add_ex(_NetLink *link, int count);
+/* 1 once time_count reached 60. */
+KX_API int net_link_check_timeout(_NetLink *link);
+/* ip has room for 16 bytes. 1 or 0 as net_tcp_client_get_remote, -1 for a null argument. */
+KX_API int net_link_get_remote(_NetLink *link, char *ip, uint16_t *port);
+/* Send calls copy what the socket cannot take at once, so the bytes are the caller's again on return.
+ * A result of 0 or more is success (queued bytes count as sent), -1 failure. */
+KX_API int net_link_send_package(_NetLink *link, const char *data, int size);
+/* One command head and a body of at most 1440 bytes. */
+KX_API int net_link_send_command(_NetLink *link, const char *data, int size);
+/* Any length, in chunks of 1440 bytes each behind a data head. Serialise it with other sends on the
+ * same link: another thread's bytes could fall between a head and its body. */
+KX_API int net_link_send_data(_NetLink *link, const char *data, int size);
+/* Queued blocks at which a link's queue is dropped as overflowed; 20000 by default, for all links. */
+KX_API extern int g_iMaxPackageBufNum;
+/* 1 to 20000: 1; anything else: 0 and the limit stays. */
+KX_API int sdk_os_set_max_package_buf(int count);
 /* @section link */
 
 /* ======================================================================================
@@ -977,6 +1143,66 @@ KX_API void GetVcaSrcVideoSize(bool _bAll, const void *_pvInBuf, int _iLen, void
 KX_API void GetVcaSrcVideoSizeEnable(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf,
                                      int iOutSize, const _tagInnerFramePara *_ptPara);
 
+/* --- User-data calls ---
+ * Result codes: 0 done; -100 iType outside 0..46 (and not 255); -101 a required pointer is null, or a
+ * position lies beyond the frame's data; -102 no frame, or an invalid header (also a buffer shorter than
+ * a header); -104 iFrameLen 0 or below; -105 malformed user data; -106 a fragment of a split container
+ * was stored and the container isn't complete yet (no decoder ran). */
+
+/* The caller's record for containers that a device splits over consecutive frames (tags QZSS, QZSC,
+ * QZSE). One for each stream, zeroed before the first frame and handed in with every frame. Slot n holds
+ * the fragment of frame uiFirstFrameNo + n: slot 0 the first fragment whole, with its header, the others
+ * the data behind their own header. A joined container must fit 10240 bytes; a fragment that would not
+ * fit, or that claims more data than it carries, is refused with -105 and nothing is stored. */
+typedef struct TUserDataSplitState {
+    uint32_t uiFirstFrameNo; /* frame of the first fragment */
+    uint32_t uiLastFrameNo;  /* frame of the latest fragment stored */
+    int32_t iFragCount;      /* fragments collected */
+    int32_t aiFragLen[10];   /* bytes in each slot */
+    uint8_t aucFrag[10][1024];
+} TUserDataSplitState;
+
+/* Input of SA_GetUserDataInfoEx. A shorter record (by _iInParamSize) counts as zeros behind its end. */
+typedef struct tagUserDataInfoPara {
+    int32_t iSize;                    /* size of the record; not tested */
+    int32_t iType;                    /* information type 0..46, or 255 for all */
+    const unsigned char *pucFrameBuf; /* the frame, at its 32-byte header */
+    int32_t iFrameLen;                /* bytes that the caller holds of the frame */
+    int32_t iEncode;                  /* 21 or 22 H.264, 23 H.265; 41 no user data */
+    int32_t iCbHandle;                /* first argument of the callback */
+    UserDataCallback pfnUserDataCb;   /* may be null */
+    void *pvCbUser;                   /* last argument of the callback */
+    int32_t iSplitStateSize;          /* size of the buffer at pvSplitState */
+    void *pvSplitState;               /* TUserDataSplitState of this stream, may be null */
+    int32_t iTypeMask;                /* above 0: the two-layout analysis with this mask of block-type bits */
+} tagUserDataInfoPara;
+
+/* Finds and decodes the user data of one frame.
+ * iTypeMask 0 or below, the single-frame analysis: an old container (F0) whose pattern stands within the
+ * first 64 bytes behind the header; only blocks of iType are decoded, into _pvOutBuf as the record of
+ * that type (a tagUserDataAll for 255; when _iOutBufSize is below the size of that record, it is left
+ * alone and the blocks only reach the callback). A frame without the pattern gives 0.
+ * iTypeMask above 0, the two-layout analysis: the frame's data must begin with an old or a new container
+ * (else -105), an old one may have a new one behind it, blocks whose bit is set in the mask (all for type
+ * 255) go to the slots of the tagUserDataOut at _pvOutBuf, and the frame's rest behind a new container is
+ * reported in pucFrameRest and iFrameRestLen. iEncode 41 gives 0 at once.
+ * Every walk over a container ends with a callback of type 0xFFFFFF. iFrameLen above uiFrameLen counts as
+ * uiFrameLen. */
+KX_API int SA_GetUserDataInfoEx(const tagUserDataInfoPara *pInParam, int _iInParamSize, void *_pvOutBuf,
+                                int _iOutBufSize);
+/* The single-frame analysis of an H.264 frame, without callback, split state or mask. */
+KX_API int SA_GetUserDataInfo(int _iType, const unsigned char *_pucFrameBuf, int _iFrameLen, void *_pvOutBuf,
+                              int _iOutBufSize);
+
+/* The analyses behind SA_GetUserDataInfoEx, on a filled _tagInnerFramePara. The two-layout analysis: */
+KX_API int InnerAnalyzeUserData(const _tagInnerFramePara *_pInParam, tagUserDataOut *_pOut, int _iOutSize);
+/* The new container whose pattern may stand at _iOldUDLen of pucData; 0 when it doesn't stand there. */
+KX_API int InnerAnalyzeNewUserData(const _tagInnerFramePara *_pInParam, int _iOldUDLen, tagUserDataOut *_pOut,
+                                   int _iOutSize);
+/* The single-frame analysis over _iDataLen bytes of data; _pOut may be null (then only the callback). */
+KX_API int AnalyzeUserDataInOneFrame(const _tagInnerFramePara *_ptPara, const unsigned char *_pucData,
+                                     int _iDataLen, void *_pOut, int _iOutSize);
+
 /* @section stream_userdata */
 
 #ifdef __cplusplus
@@ -992,6 +1218,12 @@ KX_API int RevertUserData(const unsigned char *_pucSrc, unsigned char *_pucDst, 
 /* Copies the first 8 bytes of a container into the header and gives its tag: 0 QZST, 1 QZSS, 2 QZSC,
  * 3 QZSE, -1 another tag (the header is copied all the same) or a null buffer (the header is left alone). */
 KX_API int GetUserdataFlagType(const unsigned char *_pucData, TUserDataHeader &_tHeader);
+/* The old container behind the size bytes at _iOffset of pucData, of _iUserDataSize stated bytes (9 to
+ * 1024), with the split state of _pInParam. _iUserDataSize goes out as the bytes that the container takes
+ * in the stream (stated size plus the emulation-prevention bytes), where a new container may follow
+ * behind one trailing byte. 0, -101, -105 or -106. */
+KX_API int InnerAnalyzeOldUserData(const _tagInnerFramePara *_pInParam, int _iOffset, int &_iUserDataSize,
+                                   tagUserDataOut *_pOut, int _iOutSize);
 }
 /* @section cplusplus */
 #endif

@@ -60,9 +60,12 @@ void run_posted_functions(void) {
 
 void *select_thread(void *) {
     for (;;) {
+        // The closing paths clear bits under the main lock: the sets are only touched under it.
+        sdk_main_lock();
         FD_ZERO(&fd_read);
         FD_ZERO(&fd_write);
         FD_ZERO(&fd_except);
+        sdk_main_unlock();
         for (int i = 0; i < s_iSelectTotalConn.load(); i++) {
             sdk_main_lock();
             int fd = s_select_clients[i].fd;
@@ -249,6 +252,12 @@ void select_clear_fd(int fd) {
     FD_CLR(fd, &fd_read);
     FD_CLR(fd, &fd_write);
     FD_CLR(fd, &fd_except);
+}
+
+int select_fd_is_set(int fd, int which) {
+    if (!fd_fits(fd)) return 0;
+    const fd_set *set = which == KX_SET_READ ? &fd_read : which == KX_SET_WRITE ? &fd_write : &fd_except;
+    return FD_ISSET(fd, set) ? 1 : 0;
 }
 
 const _SelectClient *select_table_entry(int i) {

@@ -39,6 +39,10 @@ int get_maxfd_socketfd(void);
 // Clears the bits of fd in the three sets of the current pass, so that a descriptor closed (and
 // possibly reused) during a walk is not served on the old readiness. Call with the main lock held.
 void select_clear_fd(int fd);
+// Readiness of fd in the sets of the current pass: which is one of KX_SET_READ, KX_SET_WRITE,
+// KX_SET_EXCEPT. 1 when the bit is set. Read with the main lock held, as the event thread does.
+enum { KX_SET_READ = 0, KX_SET_WRITE = 1, KX_SET_EXCEPT = 2 };
+int select_fd_is_set(int fd, int which);
 // Read-only views for inspection: the entry at i (below the total) and the total.
 const _SelectClient *select_table_entry(int i);
 int select_table_total(void);

@@ -1,0 +1,205 @@
+// A link over loopback against raw send/recv of the same bytes: packets per second and bytes per
+// second, each way. Every iteration moves one batch of command packets and waits until the other
+// side has all of them.
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "link/link_internal.h"
+
+namespace {
+
+constexpr int kBatch = 4096;
+
+int listener(uint16_t *port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(a);
+    bind(fd, reinterpret_cast<sockaddr *>(&a), len);
+    listen(fd, 4);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+    *port = ntohs(a.sin_port);
+    return fd;
+}
+
+// Both sides of every connection send at once, so that Nagle's algorithm does not time the runs.
+int nodelay(int fd) {
+    int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    return fd;
+}
+
+int accept_nodelay(int lfd) { return nodelay(accept(lfd, nullptr, nullptr)); }
+
+int connect_nodelay(uint16_t port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a = {};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof(a));
+    return nodelay(fd);
+}
+
+// A batch of command packets as the link writes them (remote 127.0.0.1, no local text).
+std::string batch(int body) {
+    std::string one(20 + (size_t)body, 'b');
+    uint8_t head[20];
+    link_write_command_head(head, 0, body, inet_addr("127.0.0.1"), INADDR_NONE);
+    memcpy(&one[0], head, 20);
+    std::string all;
+    for (int i = 0; i < kBatch; i++) all += one;
+    return all;
+}
+
+void send_all(int fd, const char *p, size_t n) {
+    for (size_t off = 0; off < n;) {
+        ssize_t r = send(fd, p + off, n - off, MSG_NOSIGNAL);
+        if (r <= 0) return;
+        off += (size_t)r;
+    }
+}
+void send_all(int fd, const std::string &s) { send_all(fd, s.data(), s.size()); }
+
+// Reads and counts bytes until the peer closes.
+struct Reader {
+    std::atomic<uint64_t> bytes{0};
+    std::thread thread;
+    explicit Reader(int fd) {
+        thread = std::thread([this, fd] {
+            char buf[65536];
+            for (ssize_t n; (n = recv(fd, buf, sizeof(buf), 0)) > 0;) bytes += (uint64_t)n;
+        });
+    }
+    void wait(uint64_t want) {
+        while (bytes.load() < want) std::this_thread::yield();
+    }
+};
+
+struct LinkEnd {
+    std::atomic<uint64_t> packets{0};
+    _NetLink *link = nullptr;
+    int peer = -1;
+    static int count(_NetLink *, void *u, int, char *, int) {
+        static_cast<LinkEnd *>(u)->packets++;
+        return 0;
+    }
+    explicit LinkEnd(int lfd, uint16_t port) {
+        sdk_log_set_level(SDK_LOG_LEVEL_ERR, SDK_LOG_LEVEL_ERR, 0);
+        sdk_os_startup(0, 1);
+        link = net_link_create();
+        net_link_set_udata(link, this);
+        net_link_bind_parase_protocol(link, count);
+        _NetTcpClient *client = net_tcp_client_create();
+        net_tcp_client_set_remote(client, "127.0.0.1", port);
+        net_link_set_core(link, client);
+        net_tcp_client_open(client, -1);
+        peer = accept_nodelay(lfd);
+        while (net_tcp_client_get_status(client) != 2) std::this_thread::yield();
+        nodelay(client->connectfd);
+    }
+    ~LinkEnd() {
+        net_link_destroy(link);
+        close(peer);
+    }
+};
+
+void finish(benchmark::State &state, size_t batch_bytes) {
+    state.SetItemsProcessed(state.iterations() * kBatch);
+    state.SetBytesProcessed(state.iterations() * (int64_t)batch_bytes);
+}
+
+void BM_LinkReceive(benchmark::State &state) {
+    uint16_t port;
+    int lfd = listener(&port);
+    std::string bytes = batch((int)state.range(0));
+    LinkEnd end(lfd, port);
+    uint64_t want = 0;
+    for (auto _ : state) {
+        send_all(end.peer, bytes);
+        want += kBatch;
+        while (end.packets.load() < want) std::this_thread::yield();
+    }
+    finish(state, bytes.size());
+    close(lfd);
+}
+
+void BM_RawReceive(benchmark::State &state) {
+    uint16_t port;
+    int lfd = listener(&port);
+    std::string bytes = batch((int)state.range(0));
+    int out = connect_nodelay(port);
+    int in = accept_nodelay(lfd);
+    Reader reader(in);
+    uint64_t want = 0;
+    for (auto _ : state) {
+        send_all(out, bytes);
+        want += bytes.size();
+        reader.wait(want);
+    }
+    finish(state, bytes.size());
+    close(out);
+    reader.thread.join();
+    close(in);
+    close(lfd);
+}
+
+void BM_LinkSend(benchmark::State &state) {
+    uint16_t port;
+    int lfd = listener(&port);
+    int body = (int)state.range(0);
+    std::string payload((size_t)body, 'b');
+    LinkEnd *end = new LinkEnd(lfd, port);
+    Reader reader(end->peer);
+    uint64_t want = 0;
+    for (auto _ : state) {
+        for (int i = 0; i < kBatch; i++) net_link_send_command(end->link, payload.data(), body);
+        want += (uint64_t)kBatch * (20 + (uint64_t)body);
+        reader.wait(want);
+    }
+    finish(state, (size_t)kBatch * (20 + (size_t)body));
+    net_link_destroy(end->link);  // the reader sees the close and ends
+    end->link = nullptr;
+    reader.thread.join();
+    delete end;
+    close(lfd);
+}
+
+void BM_RawSend(benchmark::State &state) {
+    uint16_t port;
+    int lfd = listener(&port);
+    std::string bytes = batch((int)state.range(0));
+    size_t one = bytes.size() / kBatch;
+    int out = connect_nodelay(port);
+    int in = accept_nodelay(lfd);
+    Reader reader(in);
+    uint64_t want = 0;
+    for (auto _ : state) {
+        for (int i = 0; i < kBatch; i++) send_all(out, bytes.data() + i * one, one);
+        want += bytes.size();
+        reader.wait(want);
+    }
+    finish(state, bytes.size());
+    close(out);
+    reader.thread.join();
+    close(in);
+    close(lfd);
+}
+
+}  // namespace
+
+BENCHMARK(BM_LinkReceive)->Arg(64)->Arg(1440)->UseRealTime();
+BENCHMARK(BM_RawReceive)->Arg(64)->Arg(1440)->UseRealTime();
+BENCHMARK(BM_LinkSend)->Arg(64)->Arg(1440)->UseRealTime();
+BENCHMARK(BM_RawSend)->Arg(64)->Arg(1440)->UseRealTime();
+BENCHMARK_MAIN();

@@ -1,0 +1,283 @@
+// The link object and its receive path: the stream of one TCP client is gathered in the link's
+// buffer, cut into packets at their heads and handed to the bound parser.
+#include <stdlib.h>
+#include <string.h>
+
+#include "link/link_internal.h"
+#include "log/log_internal.h"
+#include "net/net_internal.h"
+
+namespace {
+
+// Hands one packet to the parser under mtx_process. A parser that answers 999 passes the packet on
+// to whatever parser is bound by then (itself again, if it bound nothing else).
+void deliver(_NetLink *link, char *packet, int package_len) {
+    int type = link_head_type(packet, package_len);
+    sdk_mutex_lock(link->mtx_process);
+    NetLinkParaseCallback parser = link->parase_protocol;
+    if (parser != nullptr && parser(link, link->udata, type, packet, package_len) == LINK_PARSE_AGAIN) {
+        parser = link->parase_protocol;
+        if (parser != nullptr) parser(link, link->udata, type, packet, package_len);
+    }
+    sdk_mutex_unlock(link->mtx_process);
+}
+
+// Cuts every whole packet out of buf and gives the count of bytes consumed (dropped noise
+// included). The parser only ever sees bytes inside buf[0, buf_len).
+int cut_packets(_NetLink *link) {
+    int i = 0;
+    while (i < link->buf_len) {
+        int package_len = 0;
+        int parase_len = link->buf_len - i;
+        if (parase_len < 1 || parase_len > LINK_BUF_SIZE - i) {
+            KX_LOG_ERR("invalid parase_len(%d)", parase_len);
+            break;
+        }
+        int skip = protocol_parase_net_data(link->buf + i, parase_len, &package_len);
+        if (skip < 0) break;
+        i += skip;
+        if (package_len < 1 || package_len > link->buf_len - i) break;
+        if (i + package_len > LINK_BUF_SIZE) {
+            KX_LOG_ERR("i(%d) + package_len(%d) > LINK_BUF_SIZE(%d)", i, package_len, LINK_BUF_SIZE);
+            break;
+        }
+        deliver(link, link->buf + i, package_len);
+        i += package_len;
+    }
+    return i;
+}
+
+}  // namespace
+
+int net_client_read(_NetTcpClient *client, void *arg) {
+    (void)arg;
+    if (client == nullptr) {
+        KX_LOG_ERR("param NULL");
+        return -1;
+    }
+    _NetLink *link = static_cast<_NetLink *>(client_udata(client));
+    if (link == nullptr) return -1;
+    if (link->type != 0) link->time_count = 0;
+    for (;;) {
+        // A full buffer without a whole packet in it cannot make progress: a head that the scan
+        // cannot pass stands first. That is the one case in which the framing ends a connection.
+        int room = LINK_BUF_SIZE - link->buf_len;
+        if (room <= 0) return -1;
+        int n = net_tcp_client_read(client, link->buf + link->buf_len, (uint32_t)room);
+        if (n <= 0) return n;
+        link->buf_len += n;
+        int i = cut_packets(link);
+        if (i == 0) continue;
+        int rest = link->buf_len - i;
+        if (rest > 0) {
+            memmove(link->buf, link->buf + i, (size_t)rest);
+            link->buf_len = rest;
+        } else {
+            if (rest < 0) KX_LOG_ERR("%s", "");
+            link->buf_len = 0;
+        }
+    }
+}
+
+int net_client_server_disconnect(_NetTcpClient *client, void *arg) {
+    (void)arg;
+    if (client == nullptr) {
+        KX_LOG_ERR("param NULL");
+        return -1;
+    }
+    _NetLink *link = static_cast<_NetLink *>(client_udata(client));
+    if (link == nullptr) return 0;
+    if (link->disconnect_protocol != nullptr) link->disconnect_protocol(link, link->udata);
+    client_set_udata(client, nullptr);
+    return 0;
+}
+
+extern "C" {
+
+KX_API _NetLink *net_link_create(void) {
+    _NetLink *link = static_cast<_NetLink *>(calloc(1, sizeof(_NetLink)));
+    if (link == nullptr) {
+        KX_LOG_ERR("malloc faild");
+        return nullptr;
+    }
+    link->send_buf_ls = adt_dlist_create(sizeof(void *));
+    if (link->send_buf_ls == nullptr) {
+        KX_LOG_ERR("link->send_buf_ls == NULL");
+        net_link_destroy(link);
+        return nullptr;
+    }
+    link->mtx_send = sdk_mutex_create(1);
+    if (link->mtx_send == nullptr) {
+        KX_LOG_ERR("link->mtx_send == NULL");
+        net_link_destroy(link);
+        return nullptr;
+    }
+    link->mtx_process = sdk_mutex_create(1);
+    if (link->mtx_process == nullptr) {
+        KX_LOG_ERR("link->mtx_process == NULL");
+        net_link_destroy(link);
+        return nullptr;
+    }
+    return link;
+}
+
+// The client's user data is cleared first, so an event that starts later finds no link; the close
+// then waits on the main lock for a dispatch under way. Only then is the link freed.
+KX_API int net_link_destroy(_NetLink *link) {
+    if (link == nullptr) return 0;
+    if (link->client != nullptr) {
+        net_tcp_client_set_udata(link->client, nullptr);
+        net_tcp_client_close(link->client);
+        net_tcp_client_destroy(link->client);
+        link->client = nullptr;
+    }
+    if (link->send_buf_ls != nullptr) {
+        link_clear_send_ls(link);
+        adt_dlist_destroy(link->send_buf_ls);
+    }
+    if (link->mtx_send != nullptr) sdk_mutex_free(link->mtx_send);
+    if (link->mtx_process != nullptr) sdk_mutex_free(link->mtx_process);
+    free(link);
+    return 0;
+}
+
+KX_API int net_link_set_core(_NetLink *link, _NetTcpClient *client) {
+    if (link == nullptr || client == nullptr) {
+        KX_LOG_ERR("NULL == link || NULL == client");
+        return -1;
+    }
+    link->client = client;
+    if (!net_tcp_client_set_udata(client, link)) {
+        KX_LOG_ERR("net_tcp_client_set_udata faild");
+        return -1;
+    }
+    if (!net_tcp_client_bind_disconnect(client, net_client_server_disconnect, nullptr)) {
+        KX_LOG_ERR("net_tcp_client_bind_disconnect faild");
+        return -1;
+    }
+    if (!net_tcp_client_bind_read(client, net_client_read, nullptr)) {
+        KX_LOG_ERR("net_tcp_client_bind_read faild");
+        return -1;
+    }
+    if (!net_tcp_client_bind_write(client, net_client_write, nullptr)) {
+        KX_LOG_ERR("net_tcp_client_bind_write faild");
+        return -1;
+    }
+    return 0;
+}
+
+KX_API int net_link_set_udata(_NetLink *link, void *udata) {
+    if (link == nullptr) {
+        KX_LOG_ERR("link == NULL || udata == NULL");
+        return -1;
+    }
+    link->udata = udata;
+    return 0;
+}
+
+KX_API int net_link_get_udata(_NetLink *link, void **udata) {
+    if (link == nullptr || udata == nullptr) {
+        KX_LOG_ERR("NULL == link");
+        return 0;
+    }
+    *udata = link->udata;
+    return 0;
+}
+
+KX_API int net_link_bind_parase_protocol(_NetLink *link, NetLinkParaseCallback cb) {
+    if (link == nullptr) {
+        KX_LOG_ERR("param NULL");
+        return -1;
+    }
+    link->parase_protocol = cb;
+    return 0;
+}
+
+KX_API int net_link_bind_disconnect_protocol(_NetLink *link, NetLinkDisconnectCallback cb) {
+    if (link == nullptr) {
+        KX_LOG_ERR("param NULL");
+        return -1;
+    }
+    link->disconnect_protocol = cb;
+    return 0;
+}
+
+KX_API int net_link_set_ip_ver(_NetLink *link, int ver) {
+    if (link == nullptr) {
+        KX_LOG_ERR("net_link_set_ip_ver:NULL == link");
+        return -1;
+    }
+    link->ip_ver = ver;
+    return 0;
+}
+
+KX_API int net_link_get_ip_ver(_NetLink *link) {
+    if (link == nullptr) {
+        KX_LOG_ERR("net_link_get_ip_ver:NULL == link");
+        return -1;
+    }
+    return link->ip_ver;
+}
+
+KX_API int net_link_set_type(_NetLink *link, int type) {
+    if (link == nullptr) {
+        KX_LOG_ERR("param NULL");
+        return -1;
+    }
+    link->type = type;
+    return 0;
+}
+
+KX_API int net_link_get_type(_NetLink *link) {
+    if (link == nullptr) {
+        KX_LOG_ERR("param NULL");
+        return -1;
+    }
+    return link->type;
+}
+
+KX_API int net_link_lock(_NetLink *link) {
+    if (link == nullptr) {
+        KX_LOG_ERR("NULL == link");
+        return -1;
+    }
+    return sdk_mutex_lock(link->mtx_process);
+}
+
+KX_API int net_link_unlock(_NetLink *link) {
+    if (link == nullptr) {
+        KX_LOG_ERR("NULL == link");
+        return -1;
+    }
+    return sdk_mutex_unlock(link->mtx_process);
+}
+
+KX_API int net_link_time_add(_NetLink *link) { return net_link_time_add_ex(link, 1); }
+
+KX_API int net_link_time_add_ex(_NetLink *link, int count) {
+    if (link == nullptr) {
+        KX_LOG_ERR("NULL == link");
+        return -1;
+    }
+    // Wraps instead of overflowing, whatever the owner adds.
+    link->time_count = (int32_t)((uint32_t)link->time_count + (uint32_t)count);
+    return 0;
+}
+
+KX_API int net_link_check_timeout(_NetLink *link) {
+    if (link == nullptr) {
+        KX_LOG_ERR("NULL == link");
+        return 0;
+    }
+    return link->time_count >= LINK_TIMEOUT_COUNT ? 1 : 0;
+}
+
+KX_API int net_link_get_remote(_NetLink *link, char *ip, uint16_t *port) {
+    if (link == nullptr || ip == nullptr || port == nullptr) {
+        KX_LOG_ERR("param NULL");
+        return -1;
+    }
+    return net_tcp_client_get_remote(link->client, ip, port);
+}
+
+}  // extern "C"

@@ -1,0 +1,53 @@
+// Internal side of the link layer: the wire heads, the scan that finds them, the three callbacks a
+// link gives its client, and the steps of the send queue.
+#pragma once
+
+#include <stdint.h>
+
+#include "korvex/korvex.h"
+
+enum {
+    LINK_HEAD_SIZE = 20,         // command head, data head, and the mobile literal
+    LINK_MAX_PACKAGE_LEN = 1460, // largest length of a magic head, head included
+    LINK_MAX_BODY = 1440,        // largest body behind one head on the send path
+    LINK_ODNS_MAX_LEN = 2048,    // largest length of an ODNS_DATAPACKHEAD packet
+    LINK_SCAN_TAIL = 4,          // bytes a fruitless scan leaves for the next one
+    LINK_MAX_PACKAGE_BUF = 20000,
+    LINK_TIMEOUT_COUNT = 60,
+    LINK_PARSE_AGAIN = 999,      // parser result: hand this packet to the parser bound now
+};
+
+extern const uint8_t kLinkCommandMagic[4];  // F1 F5 EA F5
+extern const uint8_t kLinkDataMagic[4];     // F1 F5 EA F9
+extern const uint8_t kLinkOdnsMagic[4];     // E1 00 00 00, the word 225
+extern const char kLinkMobileHead[LINK_HEAD_SIZE + 1];
+
+// Scans a run of buffered bytes for the next head. Gives the offset of the head found (the bytes
+// before it may be dropped) with *package_len set when the whole packet stands there; len - 4 when
+// no head was found; 0 for a run of 4 bytes or fewer; -1 for a null argument. Never reads outside
+// data[0, len), and *package_len, when set, never reaches past the run.
+int protocol_parase_net_data(const char *data, int len, int *package_len);
+// Head type of a packet that the scan found at p, with n bytes buffered from p on.
+int link_head_type(const char *p, int n);
+
+// Writes the 20-byte heads. Addresses are inet_addr values (network order in memory).
+void link_write_command_head(uint8_t *head, uint16_t seq, int body_len, uint32_t remote_addr,
+                             uint32_t local_addr);
+void link_write_data_head(uint8_t *head, uint32_t seq, int body_len, uint32_t local_addr);
+
+// The client's callbacks. The client's user data leads back to the link.
+int net_client_read(_NetTcpClient *client, void *arg);
+int net_client_write(_NetTcpClient *client, void *arg);
+int net_client_server_disconnect(_NetTcpClient *client, void *arg);
+
+// Send queue steps, called with mtx_send held where noted.
+// Copies data[sent, size) into a new block at the tail of the queue. 0, or -1 when the block
+// cannot be had (logged); nothing to copy queues nothing.
+int net_link_put_in_send_ls(_NetLink *link, const char *data, int size, int sent);
+// Sends from the head of the queue until the socket takes no more; mtx_send held. The count of the
+// last send, 0 for an empty queue, -1 on failure.
+int net_link_send_buffer_data(_NetLink *link);
+// One data head and a body of at most 1440 bytes.
+int net_link_package_send_data(_NetLink *link, const char *data, int size);
+// Drops every queued block; mtx_send held.
+void link_clear_send_ls(_NetLink *link);

@@ -1,0 +1,232 @@
+// The send side of a link: bytes go to the socket at once while nothing waits, and whatever the
+// socket refuses is copied into a queue of blocks that the write events flush in order.
+#include <arpa/inet.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "link/link_internal.h"
+#include "log/log_internal.h"
+#include "net/net_internal.h"
+
+namespace {
+
+// One queued block: the unsent bytes follow the two fields in the same allocation.
+struct SendBlock {
+    uint32_t remain_len;
+    char *cursor;
+};
+
+inline char *block_data(SendBlock *b) { return reinterpret_cast<char *>(b + 1); }
+
+inline SendBlock *block_at(_OS_DListNode *node) { return *static_cast<SendBlock **>(adt_dlist_getdata(node)); }
+
+// Holds a link's mtx_send for one scope.
+struct SendLock {
+    explicit SendLock(_NetLink *l) : link(l) { sdk_mutex_lock(link->mtx_send); }
+    ~SendLock() { sdk_mutex_unlock(link->mtx_send); }
+    SendLock(const SendLock &) = delete;
+    SendLock &operator=(const SendLock &) = delete;
+    _NetLink *link;
+};
+
+// The addresses a head carries, as inet_addr gives them: 0.0.0.0 with ip_ver 1, otherwise the
+// client's texts (a text that is no dotted quad gives all bits set).
+void head_addresses(_NetLink *link, uint32_t *remote, uint32_t *local) {
+    if (link->ip_ver == 1) {
+        *remote = *local = inet_addr("0.0.0.0");
+        return;
+    }
+    char rip[16] = "", lip[16] = "";
+    uint16_t port = 0;
+    net_tcp_client_get_local(link->client, lip, &port);
+    net_tcp_client_get_remote(link->client, rip, &port);
+    rip[15] = lip[15] = '\0';
+    *remote = inet_addr(rip);
+    *local = inet_addr(lip);
+}
+
+}  // namespace
+
+int net_link_put_in_send_ls(_NetLink *link, const char *data, int size, int sent) {
+    if (link == nullptr || data == nullptr) {
+        KX_LOG_ERR("param NULL");
+        return -1;
+    }
+    // An empty block would stand at the head for good: a send of 0 bytes reads as a full socket.
+    if (sent < 0 || size - sent <= 0) return 0;
+    uint32_t n = (uint32_t)(size - sent);
+    SendBlock *b = static_cast<SendBlock *>(malloc(sizeof(SendBlock) + n));
+    if (b == nullptr) {
+        KX_LOG_ERR("net_link_put_in_send_ls malloc %u fail", n);
+        return -1;
+    }
+    memcpy(block_data(b), data + sent, n);
+    b->cursor = block_data(b);
+    b->remain_len = n;
+    if (adt_dlist_add(link->send_buf_ls, nullptr, &b) == nullptr) {
+        KX_LOG_ERR("net_link_put_in_send_ls queue fail");
+        free(b);
+        return -1;
+    }
+    return 0;
+}
+
+void link_clear_send_ls(_NetLink *link) {
+    _OS_DListNode *node;
+    while ((node = adt_dlist_head(link->send_buf_ls)) != nullptr) {
+        free(block_at(node));
+        adt_dlist_delete(link->send_buf_ls, node);
+    }
+}
+
+int net_link_send_buffer_data(_NetLink *link) {
+    if (link == nullptr) {
+        KX_LOG_ERR("NULL == link");
+        return -1;
+    }
+    int ret = 0;
+    _OS_DListNode *node;
+    while ((node = adt_dlist_head(link->send_buf_ls)) != nullptr) {
+        SendBlock *b = block_at(node);
+        ret = net_tcp_client_send(link->client, b->cursor, b->remain_len);
+        if (ret < 1) return ret;
+        if ((uint32_t)ret < b->remain_len) {
+            b->cursor += ret;
+            b->remain_len -= (uint32_t)ret;
+            return ret;
+        }
+        free(b);
+        adt_dlist_delete(link->send_buf_ls, node);
+    }
+    return ret;
+}
+
+int net_client_write(_NetTcpClient *client, void *arg) {
+    (void)arg;
+    if (client == nullptr) {
+        KX_LOG_ERR("param NULL");
+        return -1;
+    }
+    _NetLink *link = static_cast<_NetLink *>(client_udata(client));
+    if (link == nullptr) {
+        KX_LOG_ERR("NULL == link");
+        return -1;
+    }
+    SendLock lock(link);
+    net_link_send_buffer_data(link);
+    return 0;
+}
+
+int net_link_package_send_data(_NetLink *link, const char *data, int size) {
+    if (link == nullptr || data == nullptr) {
+        KX_LOG_ERR("param NULL");
+        return -1;
+    }
+    if (size < 0 || size > LINK_MAX_BODY) {
+        KX_LOG_ERR("net_link_package_send_data invalid size %d", size);
+        return -1;
+    }
+    uint32_t remote, local;
+    head_addresses(link, &remote, &local);
+    uint8_t head[LINK_HEAD_SIZE];
+    link_write_data_head(head, link->seq++, size, local);
+    int ret = net_link_send_package(link, reinterpret_cast<const char *>(head), LINK_HEAD_SIZE);
+    if (ret < 0) {
+        KX_LOG_ERR("net_link_send_package failed");
+        return ret;
+    }
+    ret = net_link_send_package(link, data, size);
+    if (ret < 0) KX_LOG_ERR("net_link_send_package failed");
+    return ret;
+}
+
+extern "C" {
+
+KX_API int g_iMaxPackageBufNum = LINK_MAX_PACKAGE_BUF;
+
+KX_API int sdk_os_set_max_package_buf(int count) {
+    if (count < 1 || count > LINK_MAX_PACKAGE_BUF) {
+        sdk_log_msg("sdk_os_set_max_package_buf Illegal num = %d", count);
+        return 0;
+    }
+    g_iMaxPackageBufNum = count;
+    return 1;
+}
+
+KX_API int net_link_send_package(_NetLink *link, const char *data, int size) {
+    if (link == nullptr || data == nullptr) {
+        KX_LOG_ERR("param NULL");
+        return -1;
+    }
+    if (size < 0) {
+        KX_LOG_ERR("net_link_send_package invalid size %d", size);
+        return -1;
+    }
+    SendLock lock(link);
+    int ret = 0;
+    uint32_t n = adt_dlist_size(link->send_buf_ls);
+    if (n >= (uint32_t)(g_iMaxPackageBufNum > 0 ? g_iMaxPackageBufNum : 1)) {
+        // A peer that reads nothing costs at most this many blocks: the whole queue goes, a half-sent
+        // block included, and the peer's scan finds the next head.
+        link_clear_send_ls(link);
+        char ip[16] = "";
+        uint16_t port = 0;
+        net_link_get_remote(link, ip, &port);
+        ip[15] = '\0';
+        KX_LOG_ERR("net_link_send_package buffer overflow %d, this 0x%08x, ip = %s, port = %d", (int)n,
+                   (unsigned)(uintptr_t)link, ip, port);
+    }
+    if (adt_dlist_empty(link->send_buf_ls)) {
+        int sent = net_tcp_client_send(link->client, data, (uint32_t)size);
+        if (sent < 0)
+            ret = -1;
+        else if (sent < size && net_link_put_in_send_ls(link, data, size, sent) < 0)
+            ret = -1;
+    } else if (net_link_put_in_send_ls(link, data, size, 0) < 0) {
+        ret = -1;
+    }
+    if (ret >= 0) ret = net_link_send_buffer_data(link);
+    return ret;
+}
+
+KX_API int net_link_send_command(_NetLink *link, const char *data, int size) {
+    if (link == nullptr || data == nullptr) {
+        KX_LOG_ERR("param NULL");
+        return -1;
+    }
+    if (size < 0 || size > LINK_MAX_BODY) {
+        KX_LOG_ERR("net_link_send_command invalid size %d", size);
+        return -1;
+    }
+    uint32_t remote, local;
+    head_addresses(link, &remote, &local);
+    char packet[LINK_MAX_PACKAGE_LEN];
+    link_write_command_head(reinterpret_cast<uint8_t *>(packet), (uint16_t)link->seq++, size, remote, local);
+    memcpy(packet + LINK_HEAD_SIZE, data, (size_t)size);
+    int ret = net_link_send_package(link, packet, size + LINK_HEAD_SIZE);
+    if (ret < 0) KX_LOG_ERR("net_link_send_package failed");
+    return ret;
+}
+
+KX_API int net_link_send_data(_NetLink *link, const char *data, int size) {
+    if (link == nullptr || data == nullptr) {
+        KX_LOG_ERR("param NULL");
+        return -1;
+    }
+    int ret = -1;
+    int off = 0;
+    for (; size - off >= LINK_MAX_BODY; off += LINK_MAX_BODY) {
+        ret = net_link_package_send_data(link, data + off, LINK_MAX_BODY);
+        if (ret < 0) {
+            KX_LOG_ERR("net_link_package_send_data failed");
+            return ret;
+        }
+    }
+    if (size - off > 0) {
+        ret = net_link_package_send_data(link, data + off, size - off);
+        if (ret < 0) KX_LOG_ERR("net_link_package_send_data failed");
+    }
+    return ret;
+}
+
+}  // extern "C"

@@ -1,0 +1,229 @@
+// A link over loopback, the device side written with plain sockets: heads on the wire, packets cut
+// out of the stream, the 999 re-dispatch, the framing close, and the send queue.
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <vector>
+
+#include "link/link_internal.h"
+#include "net/tcp_peer.h"
+#include "support/stderr_capture.h"
+
+namespace {
+
+std::string le(uint64_t v, int n) {
+    std::string s;
+    for (int i = 0; i < n; i++) s += (char)(v >> (8 * i));
+    return s;
+}
+std::string command_packet(const std::string &body, uint16_t seq = 7) {
+    return "\xF1\xF5\xEA\xF5" + le(seq, 2) + le(body.size() + 20, 2) + le(0, 8) + le(0, 2) + le(body.size(), 2) + body;
+}
+
+struct Packet {
+    int type;
+    std::string bytes;
+};
+
+// Records every packet; parsers share it through the link's udata.
+struct Device {
+    std::mutex m;
+    std::vector<Packet> got;
+    std::vector<std::string> by;  // which parser saw each packet
+    int disconnects = 0;
+    std::vector<Packet> packets() {
+        std::lock_guard<std::mutex> g(m);
+        return got;
+    }
+};
+
+int record(_NetLink *, void *u, int type, char *data, int len, const char *who) {
+    Device *d = static_cast<Device *>(u);
+    std::lock_guard<std::mutex> g(d->m);
+    d->got.push_back({type, std::string(data, (size_t)len)});
+    d->by.push_back(who);
+    return 0;
+}
+int parser(_NetLink *l, void *u, int t, char *p, int n) { return record(l, u, t, p, n, "main"); }
+int other(_NetLink *l, void *u, int t, char *p, int n) { return record(l, u, t, p, n, "other"); }
+int handing_over(_NetLink *l, void *u, int t, char *p, int n) {
+    record(l, u, t, p, n, "handing");
+    net_link_bind_parase_protocol(l, other);
+    return 999;
+}
+int twice(_NetLink *l, void *u, int t, char *p, int n) { return record(l, u, t, p, n, "twice"), 999; }
+int on_gone(_NetLink *, void *u) {
+    std::lock_guard<std::mutex> g(static_cast<Device *>(u)->m);
+    return ++static_cast<Device *>(u)->disconnects;
+}
+
+class Link : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(sdk_os_startup(0, 1), 1);
+        lfd = listen_on("127.0.0.1", &port, rcvbuf);
+        link = net_link_create();
+        ASSERT_NE(link, nullptr);
+        net_link_set_udata(link, &dev);
+        net_link_bind_parase_protocol(link, parser);
+        net_link_bind_disconnect_protocol(link, on_gone);
+        client = net_tcp_client_create();
+        net_tcp_client_set_remote(client, "127.0.0.1", port);
+        ASSERT_EQ(net_link_set_core(link, client), 0);
+        ASSERT_EQ(net_tcp_client_open(client, -1), 1);
+        peer = accept_within(lfd);
+        ASSERT_GE(peer, 0);
+        ASSERT_TRUE(wait_for([&] { return net_tcp_client_get_status(client) == 2; }));
+    }
+    void TearDown() override {
+        net_link_destroy(link);
+        close(peer);
+        close(lfd);
+    }
+    bool wait_packets(size_t n) {
+        return wait_for([&] { return dev.packets().size() >= n; });
+    }
+    int rcvbuf = 0;
+    uint16_t port = 0;
+    int lfd = -1, peer = -1;
+    Device dev;
+    _NetLink *link = nullptr;
+    _NetTcpClient *client = nullptr;
+};
+
+TEST_F(Link, WritesHeadsByteForByte) {
+    // The link writes the addresses its client holds.
+    strcpy(client->local_ip, "10.0.0.2");
+    strcpy(client->remote_ip, "10.0.0.1");
+    ASSERT_GE(net_link_send_command(link, "abc", 3), 0);
+    EXPECT_EQ(read_n(peer, 23), std::string("\xF1\xF5\xEA\xF5\x00\x00\x17\x00\x01\x00\x00\x0A\x02\x00\x00\x0A\x00\x00\x03\x00"
+                                            "abc", 23));
+    // The data head takes the next number of the same counter.
+    ASSERT_GE(net_link_send_data(link, "abc", 3), 0);
+    EXPECT_EQ(read_n(peer, 23), std::string("\xF1\xF5\xEA\xF9\x01\x00\x00\x00\x0A\x00\x00\x02\x00\x00\x17\x00\x01\x00\x00\x00"
+                                            "abc", 23));
+    // The command head keeps the low 16 bits, the data head the whole counter; ip_ver 1 zeroes the addresses.
+    link->seq = 0xFFFF;
+    net_link_set_ip_ver(link, 1);
+    net_link_send_command(link, "", 0);
+    net_link_send_command(link, "", 0);
+    net_link_send_data(link, "z", 1);
+    std::string w = read_n(peer, 61);
+    ASSERT_EQ(w.size(), 61u);
+    EXPECT_EQ(w.substr(4, 4), le(0xFFFF, 2) + le(20, 2));
+    EXPECT_EQ(w.substr(24, 4), le(0, 2) + le(20, 2));
+    EXPECT_EQ(w.substr(8, 8), le(0, 8));
+    EXPECT_EQ(w.substr(44, 8), le(0x10001, 4) + le(0, 4));
+    // Body limits and chunking.
+    EXPECT_EQ(net_link_send_command(link, std::string(1441, 'x').data(), 1441), -1);
+    EXPECT_GE(net_link_send_data(link, std::string(1441, 'x').data(), 1441), 0);
+    std::string two = read_n(peer, 1441 + 40);
+    EXPECT_EQ(two.substr(14, 2), le(1460, 2));
+    EXPECT_EQ(two.substr(1460 + 14, 2), le(21, 2));
+    EXPECT_EQ(net_link_send_data(link, "x", 0), -1);
+}
+
+TEST_F(Link, CutsPacketsOutOfTheStream) {
+    std::string a = command_packet("first"), c = le(225, 4) + le(12, 4) + "odns", e = command_packet("slowly");
+    std::string b = "\xF1\xF5\xEA\xF9" + le(9, 4) + le(0, 6) + le(23, 2) + le(1, 4) + "dat";
+    send_all(peer, "noise" + a + "\x01\x02" + b + c + "xx" + a);
+    ASSERT_TRUE(wait_packets(4));
+    // Byte by byte: delivered once, when the last byte is in.
+    for (char ch : e) {
+        send_all(peer, std::string(1, ch));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_TRUE(wait_packets(5));
+    send_all(peer, "MOBILEDEVICEIRRIHEADtail");
+    ASSERT_TRUE(wait_packets(6));
+    auto got = dev.packets();
+    ASSERT_EQ(got.size(), 6u);
+    const Packet want[] = {{0, a}, {1, b}, {2, c}, {0, a}, {0, e}, {3, "MOBILEDEVICEIRRIHEADtail"}};
+    for (int i = 0; i < 6; i++) {
+        EXPECT_EQ(got[i].type, want[i].type) << i;
+        EXPECT_EQ(got[i].bytes, want[i].bytes) << i;
+    }
+}
+
+TEST_F(Link, ParserAnswering999HandsThePacketOn) {
+    net_link_bind_parase_protocol(link, handing_over);
+    send_all(peer, command_packet("one") + command_packet("two"));
+    ASSERT_TRUE(wait_packets(3));
+    net_link_bind_parase_protocol(link, twice);
+    send_all(peer, command_packet("three"));
+    ASSERT_TRUE(wait_packets(5));
+    std::lock_guard<std::mutex> g(dev.m);
+    EXPECT_EQ(dev.by, (std::vector<std::string>{"handing", "other", "other", "twice", "twice"}));
+    EXPECT_EQ(dev.got[0].bytes, dev.got[1].bytes);
+    EXPECT_EQ(dev.got[3].bytes, dev.got[4].bytes);
+}
+
+TEST_F(Link, HeadThatCannotBePassedFillsTheBufferAndCloses) {
+    send_all(peer, le(225, 4) + le(5000, 4) + std::string(3000, 'f'));
+    ASSERT_TRUE(wait_for([&] { std::lock_guard<std::mutex> g(dev.m); return dev.disconnects == 1; }));
+    EXPECT_EQ(net_tcp_client_get_status(client), 0);
+    EXPECT_TRUE(dev.packets().empty());
+    EXPECT_EQ(net_link_send_command(link, "x", 1), -1);  // detached: the socket is gone
+}
+
+class LinkSlowPeer : public Link {
+protected:
+    void SetUp() override {
+        rcvbuf = 4096;
+        Link::SetUp();
+    }
+};
+
+TEST_F(LinkSlowPeer, QueuesWhatTheSocketRefusesAndFlushesInOrder) {
+    int small = 4096;
+    setsockopt(client->connectfd, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+    const int kPackets = 400;
+    std::string want;
+    bool queued = false;
+    for (int i = 0; i < kPackets; i++) {
+        std::string body = std::to_string(i) + std::string(1000, (char)('a' + i % 26));
+        ASSERT_GE(net_link_send_command(link, body.data(), (int)body.size()), 0);
+        // Remote 127.0.0.1; no local text after a connect, which inet_addr reads as all bits set.
+        want += "\xF1\xF5\xEA\xF5" + le(i, 2) + le(body.size() + 20, 2) + le(0x7F000001, 4) + le(0xFFFFFFFF, 4) +
+                le(0, 2) + le(body.size(), 2) + body;
+        sdk_mutex_lock(link->mtx_send);
+        queued = queued || adt_dlist_size(link->send_buf_ls) > 0;
+        sdk_mutex_unlock(link->mtx_send);
+    }
+    EXPECT_TRUE(queued);
+    EXPECT_EQ(read_n(peer, want.size()), want);
+    ASSERT_TRUE(wait_for([&] {
+        sdk_mutex_lock(link->mtx_send);
+        bool empty = adt_dlist_empty(link->send_buf_ls) == 1;
+        sdk_mutex_unlock(link->mtx_send);
+        return empty;
+    }));
+}
+
+TEST(LinkQueue, OverflowDropsTheQueue) {
+    ASSERT_EQ(sdk_os_startup(0, 1), 1);
+    _NetLink *link = net_link_create();
+    _NetTcpClient *client = net_tcp_client_create();
+    net_link_set_core(link, client);
+    client->status = 1;  // still connecting: every send is queued
+    EXPECT_EQ(sdk_os_set_max_package_buf(0), 0);
+    EXPECT_EQ(sdk_os_set_max_package_buf(20001), 0);
+    EXPECT_EQ(sdk_os_set_max_package_buf(-5), 0);
+    EXPECT_EQ(sdk_os_set_max_package_buf(20000), 1);
+    EXPECT_EQ(sdk_os_set_max_package_buf(3), 1);
+    EXPECT_EQ(g_iMaxPackageBufNum, 3);
+    for (int i = 0; i < 3; i++) EXPECT_EQ(net_link_send_package(link, "abc", 3), 0);
+    EXPECT_EQ(adt_dlist_size(link->send_buf_ls), 3u);
+    StderrCapture log;
+    log.start();
+    EXPECT_EQ(net_link_send_package(link, "defg", 4), 0);
+    EXPECT_NE(log.stop().find("net_link_send_package buffer overflow 3"), std::string::npos);
+    ASSERT_EQ(adt_dlist_size(link->send_buf_ls), 1u);
+    EXPECT_EQ(net_link_send_package(link, "", 0), 0);  // nothing to keep: no empty block
+    EXPECT_EQ(adt_dlist_size(link->send_buf_ls), 1u);
+    EXPECT_EQ(net_link_send_package(link, "x", -1), -1);
+    net_link_destroy(link);
+    sdk_os_set_max_package_buf(20000);
+}
+
+}  // namespace
