@@ -156,6 +156,23 @@ TEST_F(ToolsTest, WrongOrMissingKey) {
     }
 }
 
+TEST_F(ToolsTest, PlainModeLeavesShortFramesClear) {
+    // Without user data the pictures behind the first are shorter than the 96 bytes the cipher needs.
+    Result made = mkframe("--encrypt plain --key k -o " + path("p") + " " + data("testsrc_high.h264"));
+    ASSERT_EQ(made.status, 0);
+    EXPECT_NE(made.err.find("1 encrypted (plain), 7 too short to encrypt"), std::string::npos) << made.err;
+    Result r = dump("--json --key k " + path("p"));
+    EXPECT_EQ(r.status, 0) << r.err;
+    std::vector<Json> frames = json_lines(r.out);
+    ASSERT_EQ(frames.size(), 8u);
+    EXPECT_EQ(frames[0]["decrypt"], "ok");
+    for (int i = 1; i < 8; ++i) {
+        EXPECT_LT(frames[i]["frame_len"].get<int>(), 96);
+        EXPECT_EQ(frames[i]["encryption"], "none");
+        EXPECT_EQ(frames[i]["flags"], 0);
+    }
+}
+
 TEST_F(ToolsTest, NewLayoutIsReadByTheTwoLayoutAnalysis) {
     ASSERT_EQ(mkframe("-q -o " + path("bare") + " " + data("testsrc_slices.h265")).status, 0);
     std::vector<Json> bare = json_lines(dump("--json " + path("bare")).out);
@@ -285,7 +302,7 @@ TEST_F(ToolsTest, IndexOfTheMadeFrames) {
     EXPECT_NE(foreign.err.find("not a usable I-frame index"), std::string::npos);
 }
 
-TEST_F(ToolsTest, HelpAndBadOptions) {
+TEST_F(ToolsTest, HelpOptionsAndLimits) {
     for (const char *tool : {KORVEX_DUMP, KORVEX_MKFRAME}) {
         Result help = run(tool, "--help");
         EXPECT_EQ(help.status, 0);
@@ -295,6 +312,12 @@ TEST_F(ToolsTest, HelpAndBadOptions) {
     }
     EXPECT_EQ(mkframe("--vca 1,2,3 -o " + path("x") + " " + data("testsrc_high.h264")).status, 2);
     EXPECT_EQ(mkframe("--encrypt plain -o " + path("x") + " " + data("testsrc_high.h264")).status, 2);
+    // Two OSD texts of 512 bytes overflow the 1024 bytes of an old container, not a new one.
+    std::string osd = " --osd " + std::string(512, 'o') + " --osd " + std::string(512, 'p') + " -o " + path("x") + " ";
+    Result big = mkframe(osd + data("testsrc_high.h264"));
+    EXPECT_EQ(big.status, 1);
+    EXPECT_NE(big.err.find("more than the 1024 of the old layout"), std::string::npos) << big.err;
+    EXPECT_EQ(mkframe("--layout new" + osd + data("testsrc_high.h264")).status, 0);
     spill(path("text"), "no video in here");
     Result foreign = mkframe("-o " + path("x") + " " + path("text"));
     EXPECT_EQ(foreign.status, 1);

@@ -178,7 +178,7 @@ int parse_options(int argc, char **argv, Options *o) {
             o->vca.push_back(r);
         } else if (a == "--plate") {
             if (!value(&v)) return 2;
-            if (v.empty() || v.size() > kPlateTextMax || v.find('\0') != std::string::npos) {
+            if (v.empty() || v.size() > kPlateTextMax) {
                 return errorf("a plate has 1 to %d characters", kPlateTextMax), 2;
             }
             o->plates.push_back(v);
