@@ -36,8 +36,12 @@ test-tsan: deps
 	cmake --build --preset tsan -j $(JOBS)
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --preset tsan
 
+# A device session over loopback, then a sample stream made, encrypted and inspected with the tools.
 demo: build
+	@echo "== device session"
 	./build/default/examples/korvex_demo
+	@echo "== sample stream"
+	tools/demo_stream.sh build/default
 
 install: build
 	cmake --install build/default --prefix $(PREFIX)
