@@ -71,6 +71,25 @@ TEST(LinkScan, FindsHeadsAndTheirLengths) {
     EXPECT_EQ(protocol_parase_net_data("abcdef", 6, nullptr), -1);
 }
 
+// Heads at every offset, in noise with and without bytes that begin a head, up to the last offset
+// the scan looks at.
+TEST(LinkScan, FindsAHeadAtAnyOffset) {
+    const std::string fills[] = {std::string(64, 'n'), std::string("\xF1\xE1M\xF1\xF5\xEA\x00M") + std::string(56, 'M')};
+    for (const std::string &fill : fills) {
+        for (int at = 0; at < 40; at++) {
+            std::string run = fill.substr(0, (size_t)at) + cmd(20, 20);
+            int plen = 0;
+            EXPECT_EQ(protocol_parase_net_data(run.data(), (int)run.size(), &plen), at) << at;
+            EXPECT_EQ(plen, 20) << at;
+            run = fill.substr(0, (size_t)at) + "\xF1\xF5\xEA\xF9" "b";  // a data magic at the last offset
+            plen = 0;
+            EXPECT_EQ(protocol_parase_net_data(run.data(), (int)run.size(), &plen), at) << at;
+            EXPECT_EQ(plen, 0) << at;
+            EXPECT_EQ(protocol_parase_net_data(fill.data(), at + 5, &plen), at + 1) << at;
+        }
+    }
+}
+
 TEST(LinkScan, HeadTypes) {
     EXPECT_EQ(link_head_type(cmd(20, 20).data(), 20), LINK_HEAD_COMMAND);
     EXPECT_EQ(link_head_type(dat(20, 20).data(), 20), LINK_HEAD_DATA);
