@@ -95,6 +95,22 @@ inline uint32_t inv_mix_col(uint32_t w) {
            it_tab[2][sbx_tab[byte_of(w, 2)]] ^ it_tab[3][sbx_tab[byte_of(w, 3)]];
 }
 
+// The encryption round keys of a key of nk words: 4 * (nk + 7) words at w.
+void expand_enc_schedule(uint32_t *w, const unsigned char *key, uint32_t nk) {
+    const uint32_t total = 4 * (nk + 7);
+    for (uint32_t i = 0; i < nk; ++i) w[i] = kx_rd32le(key + 4 * i);
+    for (uint32_t i = nk; i < total; ++i) {
+        uint32_t t = w[i - 1];
+        if (i % nk == 0) {
+            // RotWord moves byte 1 to byte 0: a right rotation of the little-endian word.
+            t = sub_word(rotl32(t, 24)) ^ rco_tab[i / nk - 1];
+        } else if (nk > 6 && i % nk == 4) {
+            t = sub_word(t);
+        }
+        w[i] = w[i - nk] ^ t;
+    }
+}
+
 inline bool key_words_ok(uint32_t nk) { return nk == 4 || nk == 6 || nk == 8; }
 
 // One round on the state a0..a3 into b0..b3 with round key rk. Forward: row r of column c comes
@@ -112,9 +128,9 @@ inline bool key_words_ok(uint32_t nk) { return nk == 4 || nk == 6 || nk == 8; }
 
 // Runs a whole cipher with the given round macro, schedule and tables. The state lives in four
 // locals, two rounds per pass, so that it stays in registers; nr is even (10, 12 or 14).
-#define RUN_CIPHER(ROUND, sched, tab, last_tab)                                                       \
+#define RUN_CIPHER(ROUND, rounds, sched, tab, last_tab)                                               \
     do {                                                                                              \
-        const uint32_t nr = aes->uiKeyWords + 6;                                                      \
+        const uint32_t nr = (rounds);                                                                 \
         const uint32_t *k = (sched);                                                                  \
         uint32_t s0 = kx_rd32le(in) ^ k[0], s1 = kx_rd32le(in + 4) ^ k[1];                            \
         uint32_t s2 = kx_rd32le(in + 8) ^ k[2], s3 = kx_rd32le(in + 12) ^ k[3];                       \
@@ -134,6 +150,13 @@ inline bool key_words_ok(uint32_t nk) { return nk == 4 || nk == 6 || nk == 8; }
 
 }  // namespace
 
+void aes128_encrypt_block(const unsigned char *key, const unsigned char *in, unsigned char *out) {
+    if (tab_gen.load(std::memory_order_acquire) == 0) gen_tabs();
+    uint32_t sched[44];
+    expand_enc_schedule(sched, key, 4);
+    RUN_CIPHER(FWD_ROUND, 10, sched, ft_tab, fl_tab);
+}
+
 extern "C" {
 
 KX_API void gen_tabs(void) { pthread_once(&s_tabs_once, build_tables); }
@@ -152,18 +175,7 @@ KX_API void set_key(STR_AES *aes, const unsigned char *key, unsigned long key_bi
     }
     uint32_t *w = aes->auiEncSchedule;
     const uint32_t nr = nk + 6;
-    const uint32_t total = 4 * (nr + 1);
-    for (uint32_t i = 0; i < nk; ++i) w[i] = kx_rd32le(key + 4 * i);
-    for (uint32_t i = nk; i < total; ++i) {
-        uint32_t t = w[i - 1];
-        if (i % nk == 0) {
-            // RotWord moves byte 1 to byte 0: a right rotation of the little-endian word.
-            t = sub_word(rotl32(t, 24)) ^ rco_tab[i / nk - 1];
-        } else if (nk > 6 && i % nk == 4) {
-            t = sub_word(t);
-        }
-        w[i] = w[i - nk] ^ t;
-    }
+    expand_enc_schedule(w, key, nk);
     // Equivalent inverse cipher: round keys in reverse order, the inner ones through InvMixColumns.
     uint32_t *d = aes->auiDecSchedule;
     for (uint32_t r = 0; r <= nr; ++r) {
@@ -178,7 +190,7 @@ KX_API void encrypt(const STR_AES *aes, const unsigned char *in, unsigned char *
         memset(out, 0, KX_AES_BLOCK);
         return;
     }
-    RUN_CIPHER(FWD_ROUND, aes->auiEncSchedule, ft_tab, fl_tab);
+    RUN_CIPHER(FWD_ROUND, aes->uiKeyWords + 6, aes->auiEncSchedule, ft_tab, fl_tab);
 }
 
 KX_API void decrypt(const STR_AES *aes, const unsigned char *in, unsigned char *out) {
@@ -187,7 +199,7 @@ KX_API void decrypt(const STR_AES *aes, const unsigned char *in, unsigned char *
         memset(out, 0, KX_AES_BLOCK);
         return;
     }
-    RUN_CIPHER(INV_ROUND, aes->auiDecSchedule, it_tab, il_tab);
+    RUN_CIPHER(INV_ROUND, aes->uiKeyWords + 6, aes->auiDecSchedule, it_tab, il_tab);
 }
 
 KX_API int expand_key(const unsigned char *key, int len, unsigned char *out) {
