@@ -1143,6 +1143,66 @@ KX_API void GetVcaSrcVideoSize(bool _bAll, const void *_pvInBuf, int _iLen, void
 KX_API void GetVcaSrcVideoSizeEnable(bool _bAll, const void *_pvInBuf, int _iLen, void *_pvOutBuf,
                                      int iOutSize, const _tagInnerFramePara *_ptPara);
 
+/* --- User-data calls ---
+ * Result codes: 0 done; -100 iType outside 0..46 (and not 255); -101 a required pointer is null, or a
+ * position lies beyond the frame's data; -102 no frame, or an invalid header (also a buffer shorter than
+ * a header); -104 iFrameLen 0 or below; -105 malformed user data; -106 a fragment of a split container
+ * was stored and the container isn't complete yet (no decoder ran). */
+
+/* The caller's record for containers that a device splits over consecutive frames (tags QZSS, QZSC,
+ * QZSE). One for each stream, zeroed before the first frame and handed in with every frame. Slot n holds
+ * the fragment of frame uiFirstFrameNo + n: slot 0 the first fragment whole, with its header, the others
+ * the data behind their own header. A joined container must fit 10240 bytes; a fragment that would not
+ * fit, or that claims more data than it carries, is refused with -105 and nothing is stored. */
+typedef struct TUserDataSplitState {
+    uint32_t uiFirstFrameNo; /* frame of the first fragment */
+    uint32_t uiLastFrameNo;  /* frame of the latest fragment stored */
+    int32_t iFragCount;      /* fragments collected */
+    int32_t aiFragLen[10];   /* bytes in each slot */
+    uint8_t aucFrag[10][1024];
+} TUserDataSplitState;
+
+/* Input of SA_GetUserDataInfoEx. A shorter record (by _iInParamSize) counts as zeros behind its end. */
+typedef struct tagUserDataInfoPara {
+    int32_t iSize;                    /* size of the record; not tested */
+    int32_t iType;                    /* information type 0..46, or 255 for all */
+    const unsigned char *pucFrameBuf; /* the frame, at its 32-byte header */
+    int32_t iFrameLen;                /* bytes that the caller holds of the frame */
+    int32_t iEncode;                  /* 21 or 22 H.264, 23 H.265; 41 no user data */
+    int32_t iCbHandle;                /* first argument of the callback */
+    UserDataCallback pfnUserDataCb;   /* may be null */
+    void *pvCbUser;                   /* last argument of the callback */
+    int32_t iSplitStateSize;          /* size of the buffer at pvSplitState */
+    void *pvSplitState;               /* TUserDataSplitState of this stream, may be null */
+    int32_t iTypeMask;                /* above 0: the two-layout analysis with this mask of block-type bits */
+} tagUserDataInfoPara;
+
+/* Finds and decodes the user data of one frame.
+ * iTypeMask 0 or below, the single-frame analysis: an old container (F0) whose pattern stands within the
+ * first 64 bytes behind the header; only blocks of iType are decoded, into _pvOutBuf as the record of
+ * that type (a tagUserDataAll for 255; when _iOutBufSize is below the size of that record, it is left
+ * alone and the blocks only reach the callback). A frame without the pattern gives 0.
+ * iTypeMask above 0, the two-layout analysis: the frame's data must begin with an old or a new container
+ * (else -105), an old one may have a new one behind it, blocks whose bit is set in the mask (all for type
+ * 255) go to the slots of the tagUserDataOut at _pvOutBuf, and the frame's rest behind a new container is
+ * reported in pucFrameRest and iFrameRestLen. iEncode 41 gives 0 at once.
+ * Every walk over a container ends with a callback of type 0xFFFFFF. iFrameLen above uiFrameLen counts as
+ * uiFrameLen. */
+KX_API int SA_GetUserDataInfoEx(const tagUserDataInfoPara *pInParam, int _iInParamSize, void *_pvOutBuf,
+                                int _iOutBufSize);
+/* The single-frame analysis of an H.264 frame, without callback, split state or mask. */
+KX_API int SA_GetUserDataInfo(int _iType, const unsigned char *_pucFrameBuf, int _iFrameLen, void *_pvOutBuf,
+                              int _iOutBufSize);
+
+/* The analyses behind SA_GetUserDataInfoEx, on a filled _tagInnerFramePara. The two-layout analysis: */
+KX_API int InnerAnalyzeUserData(const _tagInnerFramePara *_pInParam, tagUserDataOut *_pOut, int _iOutSize);
+/* The new container whose pattern may stand at _iOldUDLen of pucData; 0 when it doesn't stand there. */
+KX_API int InnerAnalyzeNewUserData(const _tagInnerFramePara *_pInParam, int _iOldUDLen, tagUserDataOut *_pOut,
+                                   int _iOutSize);
+/* The single-frame analysis over _iDataLen bytes of data; _pOut may be null (then only the callback). */
+KX_API int AnalyzeUserDataInOneFrame(const _tagInnerFramePara *_ptPara, const unsigned char *_pucData,
+                                     int _iDataLen, void *_pOut, int _iOutSize);
+
 /* @section stream_userdata */
 
 #ifdef __cplusplus
@@ -1158,6 +1218,12 @@ KX_API int RevertUserData(const unsigned char *_pucSrc, unsigned char *_pucDst, 
 /* Copies the first 8 bytes of a container into the header and gives its tag: 0 QZST, 1 QZSS, 2 QZSC,
  * 3 QZSE, -1 another tag (the header is copied all the same) or a null buffer (the header is left alone). */
 KX_API int GetUserdataFlagType(const unsigned char *_pucData, TUserDataHeader &_tHeader);
+/* The old container behind the size bytes at _iOffset of pucData, of _iUserDataSize stated bytes (9 to
+ * 1024), with the split state of _pInParam. _iUserDataSize goes out as the bytes that the container takes
+ * in the stream (stated size plus the emulation-prevention bytes), where a new container may follow
+ * behind one trailing byte. 0, -101, -105 or -106. */
+KX_API int InnerAnalyzeOldUserData(const _tagInnerFramePara *_pInParam, int _iOffset, int &_iUserDataSize,
+                                   tagUserDataOut *_pOut, int _iOutSize);
 }
 /* @section cplusplus */
 #endif

@@ -192,3 +192,45 @@ void GetVcaTargetAttr(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf
 //   (or the caller's output size) as it came; with _bAll true they store nothing and only report.
 // - The copy of a new container's VCA time stamp to pVcaStampNew is ud_copy_padded with the smaller of
 //   iVcaStampNewSize and KX_UD_VCA_STAMP_LEN, when that is above 0.
+
+// --- The walk over a container, shared by the analyses ---
+
+enum { KX_UD_FRAG_SLOTS = 10 };  // slots of TUserDataSplitState
+
+// uiFrameNo of the frame header that para carries, 0 without one.
+uint32_t ud_frame_no(const _tagInnerFramePara *para);
+
+// Loads a container into the working buffer of KX_UD_NEW_MAX bytes: removes the emulation-prevention
+// bytes from src (src_len bytes readable) for *size stated bytes, and zeroes the buffer behind them up to
+// the stream length (at most the buffer) and at least over the header, so that every byte a walk up to
+// the stream length reaches is defined. *size goes out as the stream length. false when the frame ends
+// inside the container; *size then lies beyond src_len.
+bool ud_load_container(const uint8_t *src, int src_len, uint8_t *work, int *size);
+
+// One step of the walk over the blocks of a container in the working buffer, whose blocks must end
+// within limit bytes (cut to the buffer). Reads the block head at *pos; when the block ends inside the
+// limit, moves *pos behind it and gives its payload; else gives null, which ends the walk.
+const uint8_t *ud_next_block(const uint8_t *work, int limit, int *pos, TUserDataBlockHead *head);
+
+// The mask filter of the two-layout analysis: true when the block is to be handled, that is for type
+// 255, for a mask of 0 or below, and for a block type whose bit is set in the mask.
+bool ud_mask_takes(const _tagInnerFramePara *para, int usType);
+
+// Hands one block of a container walked by the two-layout analysis to its decoder, into the slots of
+// out: the dispatch of an old container, or with new_layout that of a new one. payload lies in the
+// working buffer, 4 bytes behind its block head.
+void ud_dispatch_slot_block(bool new_layout, const _tagInnerFramePara *para, const TUserDataBlockHead &head,
+                            const uint8_t *payload, tagUserDataOut *out);
+
+// The split scheme of old containers, for the container in work (stated bytes of it are real, at least
+// the header defined) whose tag is tag and whose header is *hdr:
+// - QZST: KX_UD_SPLIT_COMPLETE, nothing touched.
+// - QZSS, QZSC: the fragment goes to the caller's split state; -106.
+// - QZSE: the stored fragments and this last one are joined in work, *hdr becomes the first fragment's
+//   header and *joined the joined size; KX_UD_SPLIT_JOINED.
+// -105, with the state as it was, when there is no usable state (null, or iSplitStateSize below the
+// record), the frame numbers are out of sequence, a fragment claims more data than its container holds,
+// or the joined container would not fit the working buffer. The frame number comes from ud_frame_no.
+enum { KX_UD_SPLIT_COMPLETE = 0, KX_UD_SPLIT_JOINED = 1 };
+int ud_split_fragment(const _tagInnerFramePara *para, int tag, uint8_t *work, int stated,
+                      TUserDataHeader *hdr, int *joined);
