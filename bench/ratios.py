@@ -106,10 +106,12 @@ def table(res):
         dec = sub(res.ns("BM_Decrypt%s/100000" % mode), res.ns("BM_Restore%s/100000" % mode))
         add("`SA_DecryptOneFrame` %s, 100 KB frame" % mode.lower(), fmt_ns(dec),
             "memcpy of the frame: %s" % fmt_ns(copy), div(dec, copy))
-    copy10 = res.ns("BM_FrameMemcpyPlus10K")
-    for name, label in (("BM_UserDataInfo", "`SA_GetUserDataInfo`"), ("BM_UserDataInfoEx", "`SA_GetUserDataInfoEx`")):
+    copy10 = res.ns("BM_MemcpyFramePlus10KiB")
+    for name, label in (("BM_SingleFrameAllTypes", "`SA_GetUserDataInfoEx` single-frame analysis"),
+                        ("BM_TwoLayoutOldContainer", "`SA_GetUserDataInfoEx` two-layout analysis, old container"),
+                        ("BM_TwoLayoutNewContainer", "`SA_GetUserDataInfoEx` two-layout analysis, new container")):
         ours = res.ns(name)
-        add("%s, 100 KB frame" % label, fmt_ns(ours), "memcpy of frame + 10 KiB: %s" % fmt_ns(copy10),
+        add("%s, 100 KB frame" % label, fmt_ns(ours), "memcpy of the frame + 10 KiB: %s" % fmt_ns(copy10),
             div(ours, copy10), "within 3x", 3.0)
     scan, peer = res.ns("BM_HeadScan"), res.ns("BM_Memchr")
     rate = None if scan is None else (1 << 20) / scan
