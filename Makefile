@@ -4,6 +4,7 @@ PACKAGES := cmake ninja-build g++ clang libclang-rt-dev googletest libgtest-dev 
             nlohmann-json3-dev pkg-config
 JOBS ?= 2
 FUZZ_SECONDS ?= 20
+BENCH_SECONDS ?= 0.2
 
 .PHONY: all deps build test test-asan test-tsan demo install fuzz bench clean
 
@@ -58,10 +59,11 @@ fuzz: deps
 	  $$h -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 -artifact_prefix=build/fuzz/ $$work $$seeds 2>&1 | tail -n 12; \
 	done
 
+# Every benchmark beside its peer, then the table of ratios against the targets.
 bench: deps
 	cmake --preset bench
 	cmake --build --preset bench -j $(JOBS)
-	@for b in build/bench/bench/bench_*; do [ -x "$$b" ] && $$b; done; true
+	python3 bench/ratios.py build/bench/bench --min-time $(BENCH_SECONDS)
 
 clean:
 	rm -rf build
