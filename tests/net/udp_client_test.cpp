@@ -6,18 +6,16 @@
 #include <string>
 
 #include "net/net_internal.h"
+#include "net/tcp_peer.h"
 #include "runtime/runtime_internal.h"
 #include "support/stderr_capture.h"
 
 namespace {
 
 int read_one(_NetUdpClient *c, char *buf, uint32_t room, char *ip, uint16_t *port) {
-    for (int i = 0; i < 2000; i++) {
-        int r = net_udp_client_read(c, buf, room, ip, port);
-        if (r != 0) return r;
-        usleep(1000);
-    }
-    return 0;
+    int r = 0;
+    wait_for([&] { return (r = net_udp_client_read(c, buf, room, ip, port)) != 0; }, 2000);
+    return r;
 }
 
 _NetUdpClient *open_on_loopback(uint16_t *port) {
