@@ -43,11 +43,6 @@ TEST(TcpServer, AddressRulesAndStates) {
     ASSERT_NE(nullptr, s);
     char ip[16];
     uint16_t port = 1;
-    EXPECT_EQ(1, net_tcp_server_get_local(s, ip, &port));
-    EXPECT_STREQ("0.0.0.0", ip);
-    EXPECT_EQ(0, port);
-    EXPECT_EQ(0, net_tcp_server_get_status(s));
-
     StderrCapture cap;
     cap.start();
     EXPECT_EQ(1, net_tcp_server_set_local(s, nullptr, 5000));  // port alone
@@ -56,7 +51,7 @@ TEST(TcpServer, AddressRulesAndStates) {
     EXPECT_EQ(1, net_tcp_server_close(s));                                  // not listening
     EXPECT_EQ(0, net_tcp_server_open(nullptr));
     EXPECT_NE(cap.stop().find("ip length out\n"), std::string::npos);
-    net_tcp_server_get_local(s, ip, &port);
+    EXPECT_EQ(1, net_tcp_server_get_local(s, ip, &port));
     EXPECT_STREQ("0.0.0.0", ip);
     EXPECT_EQ(5002, port);  // stored before the text was looked at
 
@@ -71,10 +66,8 @@ TEST(TcpServer, AddressRulesAndStates) {
     EXPECT_EQ(0, net_tcp_server_open(s));
     EXPECT_NE(cap.stop().find("server is not dislisten\n"), std::string::npos);
     EXPECT_EQ(1, net_tcp_server_close(s));
-    EXPECT_EQ(-1, s->socketfd);
     EXPECT_EQ(1, net_tcp_server_open(s));
     EXPECT_EQ(1, net_tcp_server_destroy(s));
-    EXPECT_EQ(-1, s->index);
     EXPECT_EQ(0u, pool_server_used());
 }
 
