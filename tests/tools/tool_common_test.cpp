@@ -114,14 +114,11 @@ TEST(ToolCommon, CommandLineValues) {
     Bytes b;
     EXPECT_TRUE(kxt::parse_hex("0a1B ff:00", &b));
     EXPECT_EQ(b, Bytes({0x0A, 0x1B, 0xFF, 0x00}));
-    EXPECT_FALSE(kxt::parse_hex("0a1", &b));
-    EXPECT_FALSE(kxt::parse_hex("0 a", &b));
-    EXPECT_FALSE(kxt::parse_hex("zz", &b));
+    EXPECT_FALSE(kxt::parse_hex("0a1", &b) || kxt::parse_hex("0 a", &b) || kxt::parse_hex("zz", &b));
     long long n = 0;
     EXPECT_TRUE(kxt::parse_int("0xFEE2", 0, 0xFFFF, &n));
     EXPECT_EQ(n, 0xFEE2);
-    EXPECT_FALSE(kxt::parse_int("0x10000", 0, 0xFFFF, &n));
-    EXPECT_FALSE(kxt::parse_int("12abc", 0, 100, &n));
+    EXPECT_FALSE(kxt::parse_int("0x10000", 0, 0xFFFF, &n) || kxt::parse_int("12abc", 0, 100, &n));
     EXPECT_EQ(kxt::printable_text((const uint8_t *)"a\\b\x01\0c", 6), "a\\x5cb\\x01");
 }
 
