@@ -4,6 +4,7 @@ PACKAGES := cmake ninja-build g++ clang libclang-rt-dev googletest libgtest-dev 
             nlohmann-json3-dev pkg-config
 JOBS ?= 2
 FUZZ_SECONDS ?= 20
+BENCH_SECONDS ?= 0.2
 
 .PHONY: all deps build test test-asan test-tsan demo install fuzz soak test-valgrind bench clean
 
@@ -36,8 +37,12 @@ test-tsan: deps
 	cmake --build --preset tsan -j $(JOBS)
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --preset tsan
 
+# A device session over loopback, then a sample stream made, encrypted and inspected with the tools.
 demo: build
+	@echo "== device session"
 	./build/default/examples/korvex_demo
+	@echo "== sample stream"
+	tools/demo_stream.sh build/default
 
 install: build
 	cmake --install build/default --prefix $(PREFIX)
@@ -68,10 +73,11 @@ test-valgrind: build
 soak: build
 	./build/default/tests/korvex_soak
 
+# Every benchmark beside its peer, then the table of ratios against the targets.
 bench: deps
 	cmake --preset bench
 	cmake --build --preset bench -j $(JOBS)
-	@for b in build/bench/bench/bench_*; do [ -x "$$b" ] && $$b; done; true
+	python3 bench/ratios.py build/bench/bench --min-time $(BENCH_SECONDS)
 
 clean:
 	rm -rf build

@@ -95,18 +95,67 @@ inline uint32_t inv_mix_col(uint32_t w) {
            it_tab[2][sbx_tab[byte_of(w, 2)]] ^ it_tab[3][sbx_tab[byte_of(w, 3)]];
 }
 
+// The encryption round keys of a key of nk words: 4 * (nk + 7) words at w.
+void expand_enc_schedule(uint32_t *w, const unsigned char *key, uint32_t nk) {
+    const uint32_t total = 4 * (nk + 7);
+    for (uint32_t i = 0; i < nk; ++i) w[i] = kx_rd32le(key + 4 * i);
+    for (uint32_t i = nk; i < total; ++i) {
+        uint32_t t = w[i - 1];
+        if (i % nk == 0) {
+            // RotWord moves byte 1 to byte 0: a right rotation of the little-endian word.
+            t = sub_word(rotl32(t, 24)) ^ rco_tab[i / nk - 1];
+        } else if (nk > 6 && i % nk == 4) {
+            t = sub_word(t);
+        }
+        w[i] = w[i - nk] ^ t;
+    }
+}
+
 inline bool key_words_ok(uint32_t nk) { return nk == 4 || nk == 6 || nk == 8; }
 
-// One forward round for column c: row r comes from column c + r (ShiftRows).
-#define FWD_COL(t, s, c, k)                                                                           \
-    ((t)[0][byte_of((s)[(c)], 0)] ^ (t)[1][byte_of((s)[((c) + 1) & 3], 1)] ^                          \
-     (t)[2][byte_of((s)[((c) + 2) & 3], 2)] ^ (t)[3][byte_of((s)[((c) + 3) & 3], 3)] ^ (k)[(c)])
-// One inverse round for column c: row r comes from column c - r (InvShiftRows).
-#define INV_COL(t, s, c, k)                                                                           \
-    ((t)[0][byte_of((s)[(c)], 0)] ^ (t)[1][byte_of((s)[((c) + 3) & 3], 1)] ^                          \
-     (t)[2][byte_of((s)[((c) + 2) & 3], 2)] ^ (t)[3][byte_of((s)[((c) + 1) & 3], 3)] ^ (k)[(c)])
+// One round on the state a0..a3 into b0..b3 with round key rk. Forward: row r of column c comes
+// from column c + r (ShiftRows); inverse: from column c - r (InvShiftRows).
+#define FWD_ROUND(t, a0, a1, a2, a3, b0, b1, b2, b3, rk)                                                     \
+    b0 = t[0][byte_of(a0, 0)] ^ t[1][byte_of(a1, 1)] ^ t[2][byte_of(a2, 2)] ^ t[3][byte_of(a3, 3)] ^ (rk)[0]; \
+    b1 = t[0][byte_of(a1, 0)] ^ t[1][byte_of(a2, 1)] ^ t[2][byte_of(a3, 2)] ^ t[3][byte_of(a0, 3)] ^ (rk)[1]; \
+    b2 = t[0][byte_of(a2, 0)] ^ t[1][byte_of(a3, 1)] ^ t[2][byte_of(a0, 2)] ^ t[3][byte_of(a1, 3)] ^ (rk)[2]; \
+    b3 = t[0][byte_of(a3, 0)] ^ t[1][byte_of(a0, 1)] ^ t[2][byte_of(a1, 2)] ^ t[3][byte_of(a2, 3)] ^ (rk)[3]
+#define INV_ROUND(t, a0, a1, a2, a3, b0, b1, b2, b3, rk)                                                     \
+    b0 = t[0][byte_of(a0, 0)] ^ t[1][byte_of(a3, 1)] ^ t[2][byte_of(a2, 2)] ^ t[3][byte_of(a1, 3)] ^ (rk)[0]; \
+    b1 = t[0][byte_of(a1, 0)] ^ t[1][byte_of(a0, 1)] ^ t[2][byte_of(a3, 2)] ^ t[3][byte_of(a2, 3)] ^ (rk)[1]; \
+    b2 = t[0][byte_of(a2, 0)] ^ t[1][byte_of(a1, 1)] ^ t[2][byte_of(a0, 2)] ^ t[3][byte_of(a3, 3)] ^ (rk)[2]; \
+    b3 = t[0][byte_of(a3, 0)] ^ t[1][byte_of(a2, 1)] ^ t[2][byte_of(a1, 2)] ^ t[3][byte_of(a0, 3)] ^ (rk)[3]
+
+// Runs a whole cipher with the given round macro, schedule and tables. The state lives in four
+// locals, two rounds per pass, so that it stays in registers; nr is even (10, 12 or 14).
+#define RUN_CIPHER(ROUND, rounds, sched, tab, last_tab)                                               \
+    do {                                                                                              \
+        const uint32_t nr = (rounds);                                                                 \
+        const uint32_t *k = (sched);                                                                  \
+        uint32_t s0 = kx_rd32le(in) ^ k[0], s1 = kx_rd32le(in + 4) ^ k[1];                            \
+        uint32_t s2 = kx_rd32le(in + 8) ^ k[2], s3 = kx_rd32le(in + 12) ^ k[3];                       \
+        uint32_t t0, t1, t2, t3;                                                                      \
+        for (uint32_t r = 1; r + 1 < nr; r += 2) {                                                    \
+            ROUND(tab, s0, s1, s2, s3, t0, t1, t2, t3, k + 4);                                        \
+            ROUND(tab, t0, t1, t2, t3, s0, s1, s2, s3, k + 8);                                        \
+            k += 8;                                                                                   \
+        }                                                                                             \
+        ROUND(tab, s0, s1, s2, s3, t0, t1, t2, t3, k + 4);                                            \
+        ROUND(last_tab, t0, t1, t2, t3, s0, s1, s2, s3, k + 8);                                       \
+        kx_wr32le(out, s0);                                                                           \
+        kx_wr32le(out + 4, s1);                                                                       \
+        kx_wr32le(out + 8, s2);                                                                       \
+        kx_wr32le(out + 12, s3);                                                                      \
+    } while (0)
 
 }  // namespace
+
+void aes128_encrypt_block(const unsigned char *key, const unsigned char *in, unsigned char *out) {
+    if (tab_gen.load(std::memory_order_acquire) == 0) gen_tabs();
+    uint32_t sched[44];
+    expand_enc_schedule(sched, key, 4);
+    RUN_CIPHER(FWD_ROUND, 10, sched, ft_tab, fl_tab);
+}
 
 extern "C" {
 
@@ -126,18 +175,7 @@ KX_API void set_key(STR_AES *aes, const unsigned char *key, unsigned long key_bi
     }
     uint32_t *w = aes->auiEncSchedule;
     const uint32_t nr = nk + 6;
-    const uint32_t total = 4 * (nr + 1);
-    for (uint32_t i = 0; i < nk; ++i) w[i] = kx_rd32le(key + 4 * i);
-    for (uint32_t i = nk; i < total; ++i) {
-        uint32_t t = w[i - 1];
-        if (i % nk == 0) {
-            // RotWord moves byte 1 to byte 0: a right rotation of the little-endian word.
-            t = sub_word(rotl32(t, 24)) ^ rco_tab[i / nk - 1];
-        } else if (nk > 6 && i % nk == 4) {
-            t = sub_word(t);
-        }
-        w[i] = w[i - nk] ^ t;
-    }
+    expand_enc_schedule(w, key, nk);
     // Equivalent inverse cipher: round keys in reverse order, the inner ones through InvMixColumns.
     uint32_t *d = aes->auiDecSchedule;
     for (uint32_t r = 0; r <= nr; ++r) {
@@ -152,20 +190,7 @@ KX_API void encrypt(const STR_AES *aes, const unsigned char *in, unsigned char *
         memset(out, 0, KX_AES_BLOCK);
         return;
     }
-    const uint32_t nr = aes->uiKeyWords + 6;
-    const uint32_t *k = aes->auiEncSchedule;
-    uint32_t s[4], t[4];
-    for (int c = 0; c < 4; ++c) s[c] = kx_rd32le(in + 4 * c) ^ k[c];
-    for (uint32_t r = 1; r < nr; ++r) {
-        k += 4;
-        t[0] = FWD_COL(ft_tab, s, 0, k);
-        t[1] = FWD_COL(ft_tab, s, 1, k);
-        t[2] = FWD_COL(ft_tab, s, 2, k);
-        t[3] = FWD_COL(ft_tab, s, 3, k);
-        memcpy(s, t, sizeof(s));
-    }
-    k += 4;
-    for (int c = 0; c < 4; ++c) kx_wr32le(out + 4 * c, FWD_COL(fl_tab, s, c, k));
+    RUN_CIPHER(FWD_ROUND, aes->uiKeyWords + 6, aes->auiEncSchedule, ft_tab, fl_tab);
 }
 
 KX_API void decrypt(const STR_AES *aes, const unsigned char *in, unsigned char *out) {
@@ -174,20 +199,7 @@ KX_API void decrypt(const STR_AES *aes, const unsigned char *in, unsigned char *
         memset(out, 0, KX_AES_BLOCK);
         return;
     }
-    const uint32_t nr = aes->uiKeyWords + 6;
-    const uint32_t *k = aes->auiDecSchedule;
-    uint32_t s[4], t[4];
-    for (int c = 0; c < 4; ++c) s[c] = kx_rd32le(in + 4 * c) ^ k[c];
-    for (uint32_t r = 1; r < nr; ++r) {
-        k += 4;
-        t[0] = INV_COL(it_tab, s, 0, k);
-        t[1] = INV_COL(it_tab, s, 1, k);
-        t[2] = INV_COL(it_tab, s, 2, k);
-        t[3] = INV_COL(it_tab, s, 3, k);
-        memcpy(s, t, sizeof(s));
-    }
-    k += 4;
-    for (int c = 0; c < 4; ++c) kx_wr32le(out + 4 * c, INV_COL(il_tab, s, c, k));
+    RUN_CIPHER(INV_ROUND, aes->uiKeyWords + 6, aes->auiDecSchedule, it_tab, il_tab);
 }
 
 KX_API int expand_key(const unsigned char *key, int len, unsigned char *out) {

@@ -23,6 +23,10 @@ extern uint32_t il_tab[4][256];  // inverse last round
 // 1 once every table above is complete (stored last, with release order).
 extern std::atomic<int> tab_gen;
 
+// One block of AES-128 with the table-driven cipher: the same result as set_key with 128 bits and
+// encrypt, without the decryption schedule that set_key also builds.
+void aes128_encrypt_block(const unsigned char *key, const unsigned char *in, unsigned char *out);
+
 // 00 00 00 01: the Annex B start code with which the payload of a clear frame begins.
 extern const unsigned char cValidFrameFlag[4];
 

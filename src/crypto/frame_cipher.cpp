@@ -62,10 +62,7 @@ void frame_key_stream_block(uint32_t counter, const unsigned char *key, int key_
     unsigned char block[KX_AES_BLOCK];
     memset(block, 0, sizeof(block));
     kx_wr32le(block, counter);
-    STR_AES aes;
-    memset(&aes, 0, sizeof(aes));
-    set_key(&aes, key_area, 128);
-    encrypt(&aes, block, s);
+    aes128_encrypt_block(key_area, block, s);
 }
 
 int frame_key_stream_ex(uint32_t counter, const unsigned char *key, unsigned char k[64]) {
@@ -81,7 +78,9 @@ int frame_key_stream_ex(uint32_t counter, const unsigned char *key, unsigned cha
     memcpy(key_area, key, KX_AES128_KEY);
     int text_len = (int)strnlen(reinterpret_cast<const char *>(key_area), KX_AES128_KEY);
     for (int i = 0; i < 4; ++i) {
-        if (AES_ENC_STR(digest, KX_AES_BLOCK, key_area, KX_AES128_KEY, k + KX_AES_BLOCK * i) != 0) return -1;
+        // One block under the 16-byte area: what AES_ENC_STR gives for a whole block (CBC from a zero
+        // IV), through the faster table-driven cipher.
+        aes128_encrypt_block(key_area, reinterpret_cast<const unsigned char *>(digest), k + KX_AES_BLOCK * i);
         // Only the text part rotates; the AES key is always all 16 bytes of the area.
         str_leftshift(key_area, text_len, text_len / 4);
     }

@@ -29,6 +29,23 @@ bool magic_head(const char *p, int remain, int len_offset, int *package_len) {
     return true;
 }
 
+// The first bytes of the four heads: F1 (command and data), E1 (ODNS) and "M" (mobile).
+inline bool is_head_start(uint8_t b) { return b == 0xF1 || b == 0xE1 || b == 'M'; }
+
+// Eight bytes, data[0] least significant.
+inline uint64_t load_word(const char *p) {
+    return (uint64_t)kx_rd32le(p) | ((uint64_t)kx_rd32le(p + 4) << 32);
+}
+
+// The high bit of each byte of w that may begin a head. The lowest bit set is always exact (a
+// borrow only reaches bytes above a true match), so it points at the first byte that begins one;
+// 0 when none of the eight does.
+inline uint64_t head_start_bits(uint64_t w) {
+    constexpr uint64_t kOnes = 0x0101010101010101ull, kHighs = 0x8080808080808080ull;
+    auto zero_bytes = [](uint64_t v) { return (v - kOnes) & ~v & kHighs; };
+    return zero_bytes(w ^ (kOnes * 0xF1)) | zero_bytes(w ^ (kOnes * 0xE1)) | zero_bytes(w ^ (kOnes * 'M'));
+}
+
 }  // namespace
 
 int protocol_parase_net_data(const char *data, int len, int *package_len) {
@@ -37,9 +54,21 @@ int protocol_parase_net_data(const char *data, int len, int *package_len) {
         return -1;
     }
     if (len <= LINK_SCAN_TAIL) return 0;
+    const int end = len - LINK_SCAN_TAIL;  // heads are looked for at offsets [0, end)
     int i = 0;
-    for (; i < len - LINK_SCAN_TAIL; i++) {
+    for (; i < end; i++) {
+        // Noise is passed eight bytes at a time, up to the first byte that may begin a head.
+        while (i + 8 <= end) {
+            uint64_t bits = head_start_bits(load_word(data + i));
+            if (bits != 0) {
+                i += __builtin_ctzll(bits) / 8;
+                break;
+            }
+            i += 8;
+        }
+        if (i >= end) break;
         const char *p = data + i;
+        if (!is_head_start((uint8_t)*p)) continue;
         const int remain = len - i;
         if (starts_with(p, kLinkCommandMagic)) {
             if (magic_head(p, remain, 6, package_len)) return i;

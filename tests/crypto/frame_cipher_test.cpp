@@ -14,7 +14,6 @@ TEST(FrameCipher, PlainFormsAndKeyFitting) {
     for (size_t i = 0; i < orig.size(); ++i) orig[i] = (uint8_t)i;
     buf = zero_key_buf = orig;
     EXPECT_EQ(aes_crypt(buf.data(), 37, 9, kKey, 5), 0);
-    EXPECT_EQ(buf[0] ^ orig[0], buf[32] ^ orig[32]);  // one block, repeated every 16 bytes
     EXPECT_EQ(AES_CTR(buf.data(), 37, 9, kKey, 5), 0);
     EXPECT_EQ(buf, orig);
     // Over 16 bytes the key counts as 16 zero bytes, and the call still succeeds.
@@ -56,9 +55,7 @@ TEST(FrameCipher, EnhancedRefusalsAndHelpers) {
     unsigned char s[9] = "ABCDEFGH";
     str_leftshift(s, 8, 2);
     EXPECT_STREQ((char *)s, "CDEFGHAB");
-    str_leftshift(s, 8, 0);
-    str_leftshift(s, 8, 8);
-    str_leftshift(s, 17, 2);
+    str_leftshift(s, 8, 0), str_leftshift(s, 8, 8), str_leftshift(s, 17, 2);  // whole turns, too long
     EXPECT_STREQ((char *)s, "CDEFGHAB");
 
     unsigned char data[4] = {'a', 'b', 'c', 'd' ^ 1}, key4[4] = {'a', 'b', 'c', 'd'};

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <random>
 
+#include "crypto/crypto_internal.h"
 #include "crypto/hex.h"
 #include "korvex/korvex.h"
 
@@ -50,6 +51,9 @@ TEST(OpenSslDiff, AesBothFormsRandomKeysAndBlocks) {
         ASSERT_EQ(out, ossl_ecb(key.data(), bits, in.data(), true)) << "bits " << bits << " run " << i;
         ASSERT_EQ(back, ossl_ecb(key.data(), bits, in.data(), false)) << "bits " << bits << " run " << i;
         if (bits != 128) continue;
+        Bytes one(16);
+        aes128_encrypt_block(key.data(), in.data(), one.data());
+        ASSERT_EQ(one, out) << "one-block form, run " << i;
         AES_ctx ctx;
         AES_init_ctx(&ctx, key.data());
         AES_ECB_encrypt(&ctx, in.data());

@@ -1,6 +1,7 @@
 // The scan for heads in a run of buffered bytes.
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 
 #include "link/link_internal.h"
@@ -69,6 +70,50 @@ TEST(LinkScan, FindsHeadsAndTheirLengths) {
     int plen = 0;
     EXPECT_EQ(protocol_parase_net_data(nullptr, 10, &plen), -1);
     EXPECT_EQ(protocol_parase_net_data("abcdef", 6, nullptr), -1);
+}
+
+// Heads at every offset, in noise with and without bytes that begin a head, up to the last offset
+// the scan looks at.
+TEST(LinkScan, FindsAHeadAtAnyOffset) {
+    const std::string fills[] = {std::string(64, 'n'), std::string("\xF1\xE1M\xF1\xF5\xEA\x00M") + std::string(56, 'M')};
+    for (const std::string &fill : fills) {
+        for (int at = 0; at < 40; at++) {
+            std::string run = fill.substr(0, (size_t)at) + cmd(20, 20);
+            int plen = 0;
+            EXPECT_EQ(protocol_parase_net_data(run.data(), (int)run.size(), &plen), at) << at;
+            EXPECT_EQ(plen, 20) << at;
+            run = fill.substr(0, (size_t)at) + "\xF1\xF5\xEA\xF9" "b";  // a data magic at the last offset
+            plen = 0;
+            EXPECT_EQ(protocol_parase_net_data(run.data(), (int)run.size(), &plen), at) << at;
+            EXPECT_EQ(plen, 0) << at;
+            EXPECT_EQ(protocol_parase_net_data(fill.data(), at + 5, &plen), at + 1) << at;
+        }
+    }
+}
+
+// Random runs rich in magic bytes: the scan stops where the first offset that stops a scan starting
+// there lies, with the same length, so passing bytes in bulk never skips a head.
+TEST(LinkScan, BulkPassingSkipsNoHead) {
+    const std::string pieces[] = {std::string("\xF1\xF5\xEA\xF5", 4), std::string("\xF1\xF5\xEA\xF9", 4),
+                                  std::string("\xE1\0\0\0", 4), "\xF1", "\xE1", "M", std::string(1, '\0'), "\x14", "x"};
+    sdk_log_set_level(0, 0, 0);  // the many bad lengths would each log a line
+    std::mt19937 rng(7);
+    for (int round = 0; round < 5000; round++) {
+        std::string run;
+        for (int n = (int)(rng() % 24); n > 0; n--) run += pieces[rng() % 9];
+        const int len = (int)run.size();
+        int want = len <= 4 ? 0 : len - 4, want_len = 0;
+        for (int p = 0; p < len - 4; p++) {
+            int plen = 0;
+            if (protocol_parase_net_data(run.data() + p, len - p, &plen) == 0) {
+                want = p, want_len = plen;
+                break;
+            }
+        }
+        int plen = 0;
+        ASSERT_EQ(protocol_parase_net_data(run.data(), len, &plen), want) << round;
+        ASSERT_EQ(plen, want_len) << round;
+    }
 }
 
 TEST(LinkScan, HeadTypes) {

@@ -102,8 +102,7 @@ TEST_F(Pap, PathRules) {
     EXPECT_EQ(depth, 16);
     EXPECT_EQ(reg("") + reg("NL\n"), 0);
     EXPECT_TRUE(find(f->root, "") && find(f->root, "NL\n"));
-    EXPECT_EQ(isupperstr("NL\n") + isupperstr("_A") + isupperstr("") + isupperstr(nullptr), 0);
-    EXPECT_EQ(isupperstr("A_9"), 1);
+    EXPECT_EQ(isupperstr("_A") + isupperstr(nullptr), 0);
 }
 
 TEST_F(Pap, RemainWords) {
@@ -122,7 +121,7 @@ TEST_F(Pap, RemainWords) {
     EXPECT_TRUE(f->remain_num == PAP_REMAIN_WORDS && !IsInPpfRemainWords(f, "LAST") && find(f->root, "LAST"));
 }
 
-TEST_F(Pap, SplitterAndFinder) {
+TEST_F(Pap, Splitter) {
     char *w[4] = {strdup("stale"), nullptr, nullptr, nullptr};  // a stale entry is freed first
     EXPECT_EQ(ParseKeyNum(" \n\tA B\t\tC\t", w, 4), 4);
     EXPECT_EQ(Words(w, w + 4), (Words{"A B", "", "C", ""}));
@@ -130,11 +129,6 @@ TEST_F(Pap, SplitterAndFinder) {
     EXPECT_STREQ(w[0], "");
     EXPECT_EQ(ParseKeyNum("A\tB\tC", w, 2), 2);
     for (char *s : w) free(s);
-    reg("CMD\tSET");
-    char *path[] = {const_cast<char *>("CMD"), const_cast<char *>("GET")};
-    int index = 7;
-    EXPECT_TRUE(FindCmdNode(f->root, path, 2, 0, &index) == f->root && index == 0);
-    EXPECT_TRUE(FindCmdNode(f->root, path + 1, 1, 0, &index) == nullptr && index == -1);
 }
 
 TEST_F(Pap, KeysAndParameters) {

@@ -1,5 +1,6 @@
 // Frame header validity, stream information and the H.264/H.265 probes, on real and hand-made streams.
 #include <gtest/gtest.h>
+#include <string.h>
 
 #include "stream/frame_header.h"
 #include "support/frame_builder.h"
@@ -55,17 +56,12 @@ TEST(StreamInfo, ReportsHeaderAndHeadWordsWithCodesInOrder) {
 }
 
 TEST(Probe, TellsRealH264FromH265Streams) {
-    for (const char *name : {"testsrc_high.h264", "testsrc_baseline.h264"}) {
+    for (const char *name : {"testsrc_high.h264", "testsrc_baseline.h264", "testsrc_main.h265", "testsrc_slices.h265"}) {
         Bytes s = fb::read_data_file(name);
+        const bool h264 = name[strlen(name) - 1] == '4';
         ASSERT_GT(s.size(), 500u) << name;
-        EXPECT_EQ(1, probe264(s)) << name;
-        EXPECT_EQ(0, probe265(s)) << name;
-    }
-    for (const char *name : {"testsrc_main.h265", "testsrc_slices.h265"}) {
-        Bytes s = fb::read_data_file(name);
-        ASSERT_GT(s.size(), 500u) << name;
-        EXPECT_EQ(0, probe264(s)) << name;
-        EXPECT_EQ(1, probe265(s)) << name;
+        EXPECT_EQ(h264 ? 1 : 0, probe264(s)) << name;
+        EXPECT_EQ(h264 ? 0 : 1, probe265(s)) << name;
     }
 }
 

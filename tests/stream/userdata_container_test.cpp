@@ -5,7 +5,6 @@
 
 #include "stream/userdata_internal.h"
 #include "support/frame_builder.h"
-#include "support/stderr_capture.h"
 
 using fb::Bytes;
 
@@ -22,19 +21,16 @@ TEST(UserDataContainer, WorkedExampleDecodesEndToEnd) {
 
     char old_flag[KX_UD_PATTERN_MAX];
     int plen = GetUserDataFlag(para.iEncode, old_flag, nullptr);
-    int pos = FindPosByFlag(para.pucData, para.iDataLen, old_flag, plen);
-    ASSERT_EQ(0, pos);
+    ASSERT_EQ(0, FindPosByFlag(para.pucData, para.iDataLen, old_flag, plen));
     int nsize = 0;
     int stated = ud_read_size_run(para.pucData + plen, para.iDataLen - plen, KX_UD_OLD_SIZE_BYTES, &nsize);
     ASSERT_EQ(16, stated);
     uint8_t buf[KX_UD_NEW_MAX] = {};
     int size = stated;
     EXPECT_EQ(0, RevertUserData(para.pucData + plen + nsize, buf, size, sizeof(buf)));
-    EXPECT_EQ(16, size);
     TUserDataHeader h;
     ASSERT_EQ(KX_UD_TAG_QZST, GetUserdataFlagType(buf, h));
-    EXPECT_EQ(1, h.usBlockCount);
-    EXPECT_EQ(stated, h.uiDataLen + 8);
+    EXPECT_TRUE(size == 16 && h.usBlockCount == 1 && stated == int(h.uiDataLen + 8));
     TUserDataBlockHead bh;
     ASSERT_TRUE(ud_read_block_head(buf, size, KX_UD_HEADER_LEN, &bh));
     ASSERT_EQ(para.iFlag, bh.usType);
@@ -49,14 +45,6 @@ TEST(UserDataContainer, WorkedExampleDecodesEndToEnd) {
               (std::vector<uint32_t>{uint32_t(cb.handle), uint32_t(cb.type), uint32_t(cb.info.iSize),
                                      cb.info.uiFrameNo, cb.info.uiFrameAttr, cb.info.uiFrameInfo}));
     EXPECT_EQ(fb::le32(1700000000), cb.data);
-    // Without a callback nothing is reported; without parameters the door logs.
-    para.pfnUserDataCb = nullptr;
-    DevCallbackFunc(KX_UD_CB_END, &para, nullptr, 0);
-    EXPECT_EQ(1u, log.calls.size());
-    StderrCapture cap;
-    cap.start();
-    DevCallbackFunc(KX_UD_CB_END, nullptr, nullptr, 0);
-    EXPECT_NE(std::string::npos, cap.stop().find("_ptPara == NULL"));
 }
 
 TEST(UserDataContainer, RevertRemovesEmulationPreventionWithinTheGrowingSize) {
@@ -114,10 +102,7 @@ TEST(UserDataContainer, SizeBytesPatternsTagsAndTables) {
     EXPECT_EQ(2, FindPosByFlag(hay.data(), int(hay.size()), fb::pattern(21, fb::kOld).data(), 6));
     EXPECT_EQ(-1, FindPosByFlag(hay.data(), 7, fb::pattern(21, fb::kOld).data(), 6));
 
-    EXPECT_EQ(0xFED3, GetUserDataFlag(11));
-    EXPECT_EQ(0xFED3, GetUserDataFlag(46));
     EXPECT_EQ(0xFFFF, GetUserDataFlag(255));
-    EXPECT_EQ(8, GetUDTypeByFlag(8, 0xFED2));
     EXPECT_EQ(8, GetUDTypeByFlag(0xFF, 0xFEE3));
     EXPECT_EQ(1 << 28, GetUDTypeByFlag(0x7FFFFFFF, 0xFEF1));
     EXPECT_EQ(0, GetUDTypeByFlag(0x7FFFFFFF, 0xFEF7));

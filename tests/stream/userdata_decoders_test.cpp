@@ -7,7 +7,6 @@
 
 #include "stream/userdata_internal.h"
 #include "support/frame_builder.h"
-#include "support/stderr_capture.h"
 
 using fb::Bytes;
 
@@ -105,11 +104,8 @@ TEST_F(Decoders, PlatesSplitTheBlockAndStayInsideTheRecord) {
     EXPECT_EQ(12u, log.calls.size());
     EXPECT_EQ(200, log.calls[0].len);
     EXPECT_EQ(196, log.calls[11].len);
-    StderrCapture cap;
-    cap.start();
     GetLPRInfo(false, fb::le32(0).data(), &lpr, 4, &para);
     GetLPRInfo(false, fb::le32(1000).data(), &lpr, 4, &para);  // more plates than bytes
-    EXPECT_NE(std::string::npos, cap.stop().find("iNumOutputs <= 0"));
     EXPECT_EQ(12u, log.calls.size());
 }
 
@@ -135,13 +131,8 @@ TEST_F(Decoders, SlotRuleStoresAtMostTheCapacity) {
     EXPECT_EQ(0, buf[14]);
     EXPECT_EQ((std::vector<int>{31, 32, 34, 42, 42}), log.types());
     EXPECT_EQ(std::vector<int>(5, 100), lens());
-    StderrCapture cap;
-    cap.start();
     GetLdcInfo(false, nullptr, all.get(), 10, &para);
     GetHmacInfo(nullptr, 10, &out, &para);
-    std::string err = cap.stop();
-    EXPECT_NE(std::string::npos, err.find("_pvInBuf == NULL"));
-    EXPECT_NE(std::string::npos, err.find("_pUDData == NULL"));
     EXPECT_EQ(5u, log.calls.size());
 }
 

@@ -1,0 +1,306 @@
+// Runs korvex-mkframe and korvex-dump on streams made from the committed test data and checks what the
+// inspector prints, as text and as JSON, for sound, encrypted, broken and foreign input.
+#if defined(KORVEX_DUMP) && defined(KORVEX_MKFRAME)
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "common/frame_make.h"
+#include "support/frame_builder.h"
+
+namespace {
+
+using Json = nlohmann::json;
+
+struct Result {
+    int status;
+    std::string out, err;
+};
+
+std::string slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void spill(const std::string &path, const std::string &bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+std::string data(const std::string &name) { return std::string(KORVEX_TEST_DATA) + "/" + name; }
+
+std::vector<Json> json_lines(const std::string &out) {
+    std::vector<Json> lines;
+    size_t pos = 0, nl;
+    while ((nl = out.find('\n', pos)) != std::string::npos) {
+        lines.push_back(Json::parse(out.substr(pos, nl - pos)));
+        pos = nl + 1;
+    }
+    return lines;
+}
+
+int count(const std::string &text, const std::string &what) {
+    int n = 0;
+    for (size_t pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1)) ++n;
+    return n;
+}
+
+// Every frame carries a time (one second for each four frames), two targets, two plates, an OSD text,
+// a PTZ block and a block that no decoder knows.
+const std::string kUserData =
+    "--start-time 2023-11-14T22:13:20Z --fps 4 --vca 1000,1000,5000,5000,7 --vca 0,0,10000,10000 "
+    "--plate AB123CD --plate XY9 --osd 'Gate 3' --block 0xFEE2:010203 --block 0xFEE1:dead ";
+
+class ToolsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/korvex_tools_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+    }
+    void TearDown() override { (void)!system(("rm -rf '" + dir_ + "'").c_str()); }
+
+    std::string path(const std::string &name) const { return dir_ + "/" + name; }
+
+    Result run(const std::string &tool, const std::string &args) {
+        std::string cmd = tool + " " + args + " >" + path("out.txt") + " 2>" + path("err.txt");
+        int rc = system(cmd.c_str());
+        return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, slurp(path("out.txt")), slurp(path("err.txt"))};
+    }
+    Result dump(const std::string &args) { return run(KORVEX_DUMP, args); }
+    Result mkframe(const std::string &args) { return run(KORVEX_MKFRAME, args); }
+
+    // A stream of frames made from a test stream, with the common user data and the extra options.
+    std::string make(const std::string &source, const std::string &extra = "") {
+        std::string out = path("s.frames");
+        Result r = mkframe("-q " + kUserData + extra + " -o " + out + " " + data(source));
+        EXPECT_EQ(r.status, 0) << r.err;
+        return out;
+    }
+
+    std::string dir_;
+};
+
+void expect_common_records(const Json &ud, int frame) {
+    EXPECT_EQ(ud["time"]["utc"], frame < 4 ? "2023-11-14T22:13:20Z" : "2023-11-14T22:13:21Z");
+    EXPECT_EQ(ud["time"]["seconds"], 1700000000 + frame / 4);
+    ASSERT_EQ(ud["vca"].size(), 2u);
+    EXPECT_EQ(ud["vca"][0]["grid"], Json({17, 14, 88, 72}));
+    EXPECT_EQ(ud["vca"][1]["grid"], Json({0, 0, 176, 144}));
+    EXPECT_EQ(ud["plates"], Json({"AB123CD", "XY9"}));
+    EXPECT_EQ(ud["osd"][0]["text"], "Gate 3");
+    EXPECT_EQ(ud["records"][0]["hex"], "010203");
+    EXPECT_EQ(ud["blocks"][0]["hex"], "dead");
+}
+
+TEST_F(ToolsTest, TextShowsTheDecodedRecordsOfEveryFrame) {
+    Result r = dump(make("testsrc_high.h264"));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(count(r.out, "time: 2023-11-14T22:13:20Z (1700000000)"), 4);
+    EXPECT_EQ(count(r.out, "time: 2023-11-14T22:13:21Z (1700000001)"), 4);
+    EXPECT_EQ(count(r.out, "target 1: (17,14)-(88,72) on 176x144, unscaled (1000,1000)-(5000,5000), words 7 0 0 0"), 8);
+    EXPECT_EQ(count(r.out, "target 2: (0,0)-(176,144) on 176x144, unscaled (0,0)-(10000,10000)"), 8);
+    EXPECT_EQ(count(r.out, "plate 1: AB123CD\n    plate 2: XY9\n    osd 7: Gate 3\n"), 8);
+    EXPECT_EQ(count(r.out, "PTZ data (type 15): 3 bytes: 01 02 03"), 8);
+    EXPECT_EQ(count(r.out, "block 0xFEE1: 2 bytes: de ad"), 8);
+    EXPECT_NE(r.out.find("frame 7 @ "), std::string::npos);
+    EXPECT_NE(r.out.find("8 frames, 0 broken, 8 with user data, codec h264"), std::string::npos);
+}
+
+TEST_F(ToolsTest, EncryptedH265FramesWithTheRightWrongOrNoKey) {
+    for (const char *mode : {"plain", "enhanced"}) {
+        SCOPED_TRACE(mode);
+        std::string frames = make("testsrc_main.h265", std::string("--encrypt ") + mode + " --key k3y");
+        Result r = dump("--json --key k3y " + frames);
+        ASSERT_EQ(r.status, 0) << r.err;
+        std::vector<Json> json = json_lines(r.out);
+        ASSERT_EQ(json.size(), 8u);
+        for (int i = 0; i < 8; ++i) {
+            const Json &f = json[i];
+            EXPECT_TRUE(f["frame"] == i && f["frame_no"] == i + 1 && f["encryption"] == mode);
+            EXPECT_EQ(f["decrypt"], "ok");
+            EXPECT_EQ(f["userdata"]["codec"], "h265");
+            expect_common_records(f["userdata"], i);
+        }
+        Result wrong = dump("--key wrong " + frames);
+        EXPECT_EQ(wrong.status, 1);
+        EXPECT_NE(wrong.err.find("frame 0 at offset 0: decryption failed: wrong key"), std::string::npos) << wrong.err;
+        EXPECT_EQ(wrong.out.find("plate"), std::string::npos);
+        EXPECT_NE(wrong.out.find("8 frames, 8 broken"), std::string::npos);
+        Json none = json_lines(dump("--json " + frames).out).at(0);
+        EXPECT_EQ(none["decrypt"], "no key");
+        EXPECT_EQ(none["userdata"]["analysed"], false);
+    }
+}
+
+TEST_F(ToolsTest, PlainModeLeavesShortFramesClear) {
+    // Without user data the pictures behind the first are shorter than the 96 bytes the cipher needs.
+    Result made = mkframe("--encrypt plain --key k -o " + path("p") + " " + data("testsrc_high.h264"));
+    ASSERT_EQ(made.status, 0);
+    EXPECT_NE(made.err.find("1 encrypted (plain), 7 too short to encrypt"), std::string::npos) << made.err;
+    Result r = dump("--json --key k " + path("p"));
+    EXPECT_EQ(r.status, 0) << r.err;
+    std::vector<Json> frames = json_lines(r.out);
+    ASSERT_EQ(frames.size(), 8u);
+    EXPECT_EQ(frames[0]["decrypt"], "ok");
+    for (int i = 1; i < 8; ++i) {
+        EXPECT_LT(frames[i]["frame_len"].get<int>(), 96);
+        EXPECT_EQ(frames[i]["encryption"], "none");
+        EXPECT_EQ(frames[i]["flags"], 0);
+    }
+}
+
+TEST_F(ToolsTest, NewLayoutIsReadByTheTwoLayoutAnalysis) {
+    ASSERT_EQ(mkframe("-q -o " + path("bare") + " " + data("testsrc_slices.h265")).status, 0);
+    std::vector<Json> bare = json_lines(dump("--json " + path("bare")).out);
+    std::string frames = make("testsrc_slices.h265", "--layout new");
+    Result single = dump(frames);
+    EXPECT_EQ(single.status, 0);
+    EXPECT_EQ(count(single.out, "user data: none"), 8);
+
+    std::vector<Json> all = json_lines(dump("--json --mask all " + frames).out);
+    ASSERT_EQ(all.size(), 8u);
+    for (int i = 0; i < 8; ++i) {
+        expect_common_records(all[i]["userdata"], i);
+        EXPECT_EQ(all[i]["userdata"]["vca"][0]["layout"], "new");
+        // What follows the unit is the access unit, as a frame without user data holds it.
+        EXPECT_EQ(all[i]["userdata"]["frame_rest_len"], bare.at(i)["payload_len"]);
+    }
+    // Bit 0 selects the time block alone; bit 7 the plates alone.
+    Json time_only = json_lines(dump("--json --mask 0x1 " + frames).out).at(0)["userdata"];
+    EXPECT_EQ(time_only["time"]["seconds"], 1700000000);
+    EXPECT_FALSE(time_only.contains("plates"));
+    EXPECT_FALSE(time_only.contains("vca"));
+    Json plates_only = json_lines(dump("--json --mask 0x80 " + make("testsrc_high.h264")).out).at(0)["userdata"];
+    EXPECT_EQ(plates_only["plates"], Json({"AB123CD", "XY9"}));
+    EXPECT_FALSE(plates_only.contains("time"));
+}
+
+TEST_F(ToolsTest, SplitContainerIsJoinedOverFramesFromStandardInput) {
+    // Time and plate blocks in three fragments of frames 100 to 102: first, further, last.
+    fb::Bytes blocks = fb::cat({fb::block(0xFED3, fb::le32(1700000000)), fb::block(0xFED5, kxt::plate_payload({"SPLIT1"}))});
+    fb::Bytes parts[3] = {fb::Bytes(blocks.begin(), blocks.begin() + 10), fb::Bytes(blocks.begin() + 10, blocks.begin() + 20),
+                          fb::Bytes(blocks.begin() + 20, blocks.end())};
+    fb::Bytes containers[3] = {fb::container("QZSS", {parts[0]}, 2, int(blocks.size())),
+                               fb::container("QZSC", {parts[1]}, 1), fb::container("QZSE", {parts[2]})};
+    std::string stream;
+    for (int i = 0; i < 3; ++i) {
+        fb::FrameFields fields;
+        fields.frame_no = 100 + uint32_t(i);
+        fb::Bytes f = fb::frame(fb::cat({fb::unit(21, fb::kOld, containers[i]), {0, 0, 0, 1, 0x41, 0x9A}}), fields);
+        stream.append(f.begin(), f.end());
+    }
+    spill(path("split"), stream);
+    Result r = dump("--json - < " + path("split"));
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<Json> frames = json_lines(r.out);
+    ASSERT_EQ(frames.size(), 3u);
+    EXPECT_EQ(frames[0]["userdata"]["status"], "fragment");
+    EXPECT_EQ(frames[1]["userdata"]["result"], -106);
+    EXPECT_EQ(frames[2]["userdata"]["status"], "ok");
+    EXPECT_EQ(frames[2]["userdata"]["time"]["seconds"], 1700000000);
+    EXPECT_EQ(frames[2]["userdata"]["plates"], Json({"SPLIT1"}));
+}
+
+TEST_F(ToolsTest, BrokenInputIsReportedWithItsOffset) {
+    std::string good = slurp(make("testsrc_high.h264"));
+    std::vector<size_t> offsets;  // of each frame, from the uiFrameLen fields
+    for (size_t off = 0; off + 32 <= good.size();) {
+        offsets.push_back(off);
+        off += uint8_t(good[off + 4]) | uint8_t(good[off + 5]) << 8 | uint8_t(good[off + 6]) << 16;
+    }
+    ASSERT_EQ(offsets.size(), 8u);
+
+    spill(path("cut"), good.substr(0, good.size() - 10));
+    Result cut = dump(path("cut"));
+    EXPECT_EQ(cut.status, 1);
+    std::string at7 = "frame 7 at offset " + std::to_string(offsets[7]) + ": truncated: the header says ";
+    EXPECT_NE(cut.err.find(at7), std::string::npos) << cut.err;
+    EXPECT_EQ(count(cut.out, "plate 1: AB123CD"), 8);  // the cut frame is read as far as it goes
+
+    std::string bad = good;
+    bad[offsets[3] + 4] ^= 0x01;  // uiFrameLen of frame 3 no longer matches its payload length
+    spill(path("bad"), bad);
+    Result mid = dump("--json " + path("bad"));
+    EXPECT_EQ(mid.status, 1);
+    EXPECT_NE(mid.err.find("frame 3 at offset " + std::to_string(offsets[3]) + ": invalid frame header"),
+              std::string::npos) << mid.err;
+    EXPECT_NE(mid.err.find("found the next frame header at offset " + std::to_string(offsets[4])),
+              std::string::npos) << mid.err;
+    std::vector<Json> frames = json_lines(mid.out);
+    ASSERT_EQ(frames.size(), 8u);
+    EXPECT_EQ(frames[3]["valid"], false);
+    EXPECT_EQ(frames[7]["offset"], offsets[7]);
+    EXPECT_EQ(frames[7]["userdata"]["plates"][0], "AB123CD");
+
+    spill(path("garbage"), std::string(5000, 'Z'));
+    Result garbage = dump(path("garbage"));
+    EXPECT_EQ(garbage.status, 1);
+    EXPECT_NE(garbage.err.find("frame 0 at offset 0: invalid frame header"), std::string::npos) << garbage.err;
+    EXPECT_NE(garbage.err.find("no further frame header in the last 5000 bytes"), std::string::npos);
+
+    spill(path("empty"), "");
+    EXPECT_EQ(dump(path("empty")).status, 1);
+    Result missing = dump(path("nothing-here"));
+    EXPECT_EQ(missing.status, 2);
+    EXPECT_NE(missing.err.find("cannot open"), std::string::npos);
+}
+
+// The splitting itself is checked on all the test streams with the tools' own code.
+TEST_F(ToolsTest, ProbeNamesTheCodec) {
+    Json j = Json::parse(dump("--probe --json " + data("testsrc_slices.h265")).out);
+    EXPECT_EQ(j["codec"], "h265");
+    EXPECT_EQ(j["access_units"], 8);
+    EXPECT_EQ(j["key_frames"], 1);
+    spill(path("garbage"), std::string(300, '\x01'));
+    Result r = dump("--probe " + path("garbage"));
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find("neither H.264 nor H.265"), std::string::npos);
+}
+
+TEST_F(ToolsTest, IndexOfTheMadeFrames) {
+    std::string frames = make("testsrc_high.h264", "--index-out " + path("idx"));
+    Json key = Json::parse(dump("--index 1 --json " + path("idx")).out);
+    EXPECT_EQ(key["items"], 8);
+    EXPECT_EQ(key["matches"], 1);  // one IDR picture
+    EXPECT_EQ(key["found"][0]["word"], 0);
+    EXPECT_EQ(key["found"][0]["stamp"], 1);
+    Result ud = dump("--index 2 --ordinal 8 " + path("idx"));
+    EXPECT_EQ(ud.status, 0);
+    EXPECT_NE(ud.out.find("sign type 2: 8 matches\n  match 8: word"), std::string::npos) << ud.out;
+    EXPECT_EQ(dump("--index 1 --ordinal 2 " + path("idx")).status, 1);
+    Result foreign = dump("--index 0 " + frames);
+    EXPECT_EQ(foreign.status, 1);
+    EXPECT_NE(foreign.err.find("not a usable I-frame index"), std::string::npos);
+}
+
+TEST_F(ToolsTest, HelpOptionsAndLimits) {
+    for (const char *tool : {KORVEX_DUMP, KORVEX_MKFRAME}) {
+        EXPECT_EQ(run(tool, "--help").status, 0);
+        EXPECT_EQ(run(tool, "--no-such-option x").status, 2);
+    }
+    EXPECT_EQ(mkframe("--vca 1,2,3 -o " + path("x") + " " + data("testsrc_high.h264")).status, 2);
+    EXPECT_EQ(mkframe("--encrypt plain -o " + path("x") + " " + data("testsrc_high.h264")).status, 2);
+    // Two OSD texts of 512 bytes overflow the 1024 bytes of an old container, not a new one.
+    std::string osd = " --osd " + std::string(512, 'o') + " --osd " + std::string(512, 'p') + " -o " + path("x") + " ";
+    Result big = mkframe(osd + data("testsrc_high.h264"));
+    EXPECT_EQ(big.status, 1);
+    EXPECT_NE(big.err.find("more than the 1024 of the old layout"), std::string::npos) << big.err;
+    EXPECT_EQ(mkframe("--layout new" + osd + data("testsrc_high.h264")).status, 0);
+    spill(path("text"), "no video in here");
+    Result foreign = mkframe("-o " + path("x") + " " + path("text"));
+    EXPECT_EQ(foreign.status, 1);
+    EXPECT_NE(foreign.err.find("neither an H.264 nor an H.265"), std::string::npos);
+}
+
+}  // namespace
+
+#endif

@@ -1,0 +1,186 @@
+#include "common/tool_util.h"
+
+#include <ctype.h>
+#include <errno.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+namespace kxt {
+
+namespace {
+const char *s_program = "korvex";
+}
+
+void set_program_name(const char *name) { s_program = name; }
+const char *program_name() { return s_program; }
+
+void errorf(const char *fmt, ...) {
+    fflush(stdout);
+    fprintf(stderr, "%s: ", s_program);
+    va_list ap;
+    va_start(ap, fmt);
+    vfprintf(stderr, fmt, ap);
+    va_end(ap);
+    fputc('\n', stderr);
+}
+
+void put16(Bytes &out, uint16_t v) {
+    out.push_back(uint8_t(v));
+    out.push_back(uint8_t(v >> 8));
+}
+
+void put32(Bytes &out, uint32_t v) {
+    put16(out, uint16_t(v));
+    put16(out, uint16_t(v >> 16));
+}
+
+void append(Bytes &out, const Bytes &more) { out.insert(out.end(), more.begin(), more.end()); }
+
+uint16_t rd16(const uint8_t *p) { return uint16_t(p[0] | (p[1] << 8)); }
+uint32_t rd32(const uint8_t *p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
+
+bool parse_int(const std::string &text, long long lo, long long hi, long long *out) {
+    if (text.empty() || isspace((unsigned char)text[0])) return false;
+    errno = 0;
+    char *end = nullptr;
+    long long v = strtoll(text.c_str(), &end, 0);
+    if (errno != 0 || end == text.c_str() || *end != '\0' || v < lo || v > hi) return false;
+    *out = v;
+    return true;
+}
+
+bool parse_positive_double(const std::string &text, double *out) {
+    if (text.empty() || isspace((unsigned char)text[0])) return false;
+    char *end = nullptr;
+    double v = strtod(text.c_str(), &end);
+    if (end == text.c_str() || *end != '\0' || !(v > 0) || v > 1e6) return false;
+    *out = v;
+    return true;
+}
+
+bool parse_hex(const std::string &text, Bytes *out) {
+    out->clear();
+    int high = -1;
+    for (char c : text) {
+        if (c == ' ' || c == ':') {
+            if (high >= 0) return false;  // a separator inside a byte
+            continue;
+        }
+        if (!isxdigit((unsigned char)c)) return false;
+        int v = isdigit((unsigned char)c) ? c - '0' : (tolower((unsigned char)c) - 'a' + 10);
+        if (high < 0) {
+            high = v;
+        } else {
+            out->push_back(uint8_t(high << 4 | v));
+            high = -1;
+        }
+    }
+    return high < 0;
+}
+
+bool parse_utc_time(const std::string &text, uint32_t *out) {
+    long long secs;
+    if (parse_int(text, 0, 0xFFFFFFFFLL, &secs)) {
+        *out = uint32_t(secs);
+        return true;
+    }
+    int y, mo, d, h, mi, s, n = 0;
+    if (sscanf(text.c_str(), "%4d-%2d-%2d%*1[T ]%2d:%2d:%2d%n", &y, &mo, &d, &h, &mi, &s, &n) != 6) return false;
+    const char *rest = text.c_str() + n;
+    if (*rest == '.') {  // fractional seconds are dropped: time blocks hold whole seconds
+        ++rest;
+        while (isdigit((unsigned char)*rest)) ++rest;
+    }
+    if (*rest == 'Z') ++rest;
+    if (*rest != '\0' || mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || s > 60) return false;
+    struct tm tm;
+    memset(&tm, 0, sizeof(tm));
+    tm.tm_year = y - 1900;
+    tm.tm_mon = mo - 1;
+    tm.tm_mday = d;
+    tm.tm_hour = h;
+    tm.tm_min = mi;
+    tm.tm_sec = s;
+    long long t = (long long)timegm(&tm);
+    if (t < 0 || t > 0xFFFFFFFFLL) return false;
+    *out = uint32_t(t);
+    return true;
+}
+
+std::string iso8601_utc(int year, int month, int day, int hour, int minute, int second) {
+    char buf[48];
+    snprintf(buf, sizeof(buf), "%04d-%02d-%02dT%02d:%02d:%02dZ", year, month, day, hour, minute, second);
+    return buf;
+}
+
+FILE *open_input(const std::string &path) {
+    if (path == "-") return stdin;
+    FILE *f = fopen(path.c_str(), "rb");
+    if (f == nullptr) errorf("cannot open '%s': %s", path.c_str(), strerror(errno));
+    return f;
+}
+
+bool read_file(const std::string &path, Bytes *out) {
+    FILE *f = open_input(path);
+    if (f == nullptr) return false;
+    out->clear();
+    uint8_t chunk[65536];
+    size_t n;
+    while ((n = fread(chunk, 1, sizeof(chunk), f)) > 0) out->insert(out->end(), chunk, chunk + n);
+    bool ok = !ferror(f);
+    if (!ok) errorf("cannot read '%s': %s", path.c_str(), strerror(errno));
+    if (f != stdin) fclose(f);
+    return ok;
+}
+
+bool write_file(const std::string &path, const Bytes &data) {
+    FILE *f = path == "-" ? stdout : fopen(path.c_str(), "wb");
+    if (f == nullptr) {
+        errorf("cannot create '%s': %s", path.c_str(), strerror(errno));
+        return false;
+    }
+    bool ok = data.empty() || fwrite(data.data(), 1, data.size(), f) == data.size();
+    ok = (fflush(f) == 0) && ok;
+    if (f != stdout) ok = (fclose(f) == 0) && ok;
+    if (!ok) errorf("cannot write '%s': %s", path.c_str(), strerror(errno));
+    return ok;
+}
+
+std::string hex_view(const uint8_t *p, size_t n, size_t max) {
+    std::string s;
+    char b[4];
+    for (size_t i = 0; i < n && i < max; ++i) {
+        snprintf(b, sizeof(b), i ? " %02x" : "%02x", p[i]);
+        s += b;
+    }
+    if (n > max) s += " ...";
+    return s;
+}
+
+std::string hex_compact(const uint8_t *p, size_t n, size_t max) {
+    std::string s;
+    char b[3];
+    for (size_t i = 0; i < n && i < max; ++i) {
+        snprintf(b, sizeof(b), "%02x", p[i]);
+        s += b;
+    }
+    return s;
+}
+
+std::string printable_text(const uint8_t *p, size_t n) {
+    std::string s;
+    for (size_t i = 0; i < n && p[i] != 0; ++i) {
+        if (p[i] >= 0x20 && p[i] < 0x7F && p[i] != '\\') {
+            s += char(p[i]);
+        } else {
+            char b[8];
+            snprintf(b, sizeof(b), "\\x%02x", p[i]);
+            s += b;
+        }
+    }
+    return s;
+}
+
+}  // namespace kxt

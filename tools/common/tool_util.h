@@ -1,0 +1,58 @@
+// Small helpers shared by the command-line tools: byte buffers, number and time parsing, whole-file
+// input and output, hex views and the uniform error line.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#include <string>
+#include <vector>
+
+namespace kxt {
+
+using Bytes = std::vector<uint8_t>;
+
+// The program name used in front of every message ("korvex-dump: ...").
+void set_program_name(const char *name);
+const char *program_name();
+
+// Prints "<program>: <message>" and a newline to standard error.
+void errorf(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// Little-endian appends and reads.
+void put16(Bytes &out, uint16_t v);
+void put32(Bytes &out, uint32_t v);
+void append(Bytes &out, const Bytes &more);
+uint16_t rd16(const uint8_t *p);
+uint32_t rd32(const uint8_t *p);
+
+// Parses a whole decimal or 0x-prefixed number within [lo, hi]; false on any junk or overflow.
+bool parse_int(const std::string &text, long long lo, long long hi, long long *out);
+// Parses a positive decimal number such as 25 or 29.97.
+bool parse_positive_double(const std::string &text, double *out);
+// Parses a hex text such as "0a1B2c" or "0a 1b 2c" (spaces and colons allowed between bytes).
+bool parse_hex(const std::string &text, Bytes *out);
+
+// Seconds since 1970 from "2023-11-14T22:13:20Z" (the Z, a space for the T and fractional seconds are
+// accepted; the time is always UTC) or from a plain number of seconds. Must fit 32 bits unsigned.
+bool parse_utc_time(const std::string &text, uint32_t *out);
+// "2023-11-14T22:13:20Z" from calendar fields.
+std::string iso8601_utc(int year, int month, int day, int hour, int minute, int second);
+
+// Reads a whole file, or standard input for "-". On failure prints a message and returns false.
+bool read_file(const std::string &path, Bytes *out);
+// Opens a file for reading, or standard input for "-"; null with a message on failure.
+FILE *open_input(const std::string &path);
+// Writes a whole buffer to a file, or to standard output for "-". On failure prints a message.
+bool write_file(const std::string &path, const Bytes &data);
+
+// "de ad be ef" of the first max bytes, with " ..." behind when there are more.
+std::string hex_view(const uint8_t *p, size_t n, size_t max = 16);
+// The same without spaces, for JSON.
+std::string hex_compact(const uint8_t *p, size_t n, size_t max = 16);
+// Text of a zero-padded field: up to the first zero byte within n, other bytes outside the printable
+// ASCII range written as \xHH so that output stays one line of plain text.
+std::string printable_text(const uint8_t *p, size_t n);
+
+}  // namespace kxt

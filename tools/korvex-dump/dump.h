@@ -1,0 +1,114 @@
+// korvex-dump: the pieces of the inspector. The frame walk reads frames one behind the other and fills a
+// FrameReport for each; the user-data part runs the library's analyses on a frame; the output part
+// prints a report as text or as one JSON object.
+#pragma once
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "common/annexb.h"
+#include "common/tool_util.h"
+#include "korvex/korvex.h"
+
+namespace kxd {
+
+using kxt::Bytes;
+
+struct Options {
+    std::string input = "-";
+    bool json = false;
+    bool probe = false;
+    bool index = false;
+    int sign_type = 0;      // --index
+    long long ordinal = 0;  // --ordinal: only this match; 0 lists them all
+    bool has_key = false;
+    std::string key;
+    bool two_layout = false;  // --mask
+    int type = 255;           // information type of the analysis
+    int mask = 0;             // iTypeMask of the two-layout analysis
+    kxt::Codec codec = kxt::Codec::kUnknown;  // unknown: the first frame the probes recognise decides
+    bool quiet = false;      // no frame lines, only errors and the summary
+    bool verbose = false;    // the library's own error lines on standard error
+    int progress = -1;       // -1 decide by the terminal, 0 never, 1 always
+};
+
+// A block or record shown as its type, length and the first bytes.
+struct RawView {
+    int type = 0;
+    int len = 0;
+    Bytes head;  // up to 16 bytes
+};
+
+struct VcaView {
+    uint16_t grid[4];     // on the 176 x 144 grid (or as sent, for targets without a raw entry)
+    uint16_t raw[4];      // unscaled, in ten-thousandths of the picture
+    uint16_t extra[4];    // words five to eight, as sent
+    bool has_raw = false;
+    bool new_layout = false;
+};
+
+struct OsdView {
+    int subtype = 0;
+    bool has_text = false;
+    std::string text;
+    RawView raw;
+};
+
+struct UserDataReport {
+    bool ran = false;          // false: not analysed (see FrameReport::skip_reason)
+    int result = 0;
+    std::string status;        // none, ok, malformed, fragment, error
+    bool has_time = false;
+    __S_AbsoluteTime time;
+    std::vector<VcaView> vca;
+    std::vector<std::string> plates;
+    std::vector<OsdView> osd;
+    std::vector<RawView> records;  // decoded kinds shown by type number: PTZ, user-defined data, ...
+    std::vector<RawView> blocks;   // blocks passed on raw, by block type
+    std::vector<int> callbacks;    // types in the order the callback saw them
+    const uint8_t *rest = nullptr; // two-layout analysis: what follows a new container
+    int rest_len = -1;
+};
+
+struct FrameReport {
+    long long index = 0;
+    uint64_t offset = 0;
+    bool has_header = false;
+    uint32_t frame_len = 0, frame_no = 0, info = 0, payload_len = 0;
+    uint16_t ext_count = 0, ext_size = 0, flags = 0;
+    uint8_t attr = 0;
+    bool valid = false;
+    size_t held = 0;            // bytes of the frame present in the input
+    std::string encryption;     // none, plain, enhanced
+    std::string decrypt;        // empty, ok, no key, failed
+    std::string error;          // why the frame is broken; empty when it is sound
+    std::string skip_reason;    // why the user data was not analysed
+    kxt::Codec codec = kxt::Codec::kUnknown;
+    UserDataReport ud;
+};
+
+// Walks the frames of the input and prints each; the exit status of the tool.
+int walk_frames(const Options &o);
+// --probe and --index; the exit status of the tool.
+int run_probe(const Options &o);
+int run_index(const Options &o);
+
+// Runs the user-data analysis chosen by the options on one clear frame of held bytes.
+// split_state is the stream's TUserDataSplitState, kept from frame to frame.
+void analyse_user_data(const Options &o, const uint8_t *frame, size_t held, kxt::Codec codec, void *split_state,
+                       int split_state_size, UserDataReport *out);
+// The frame's data begins with a user-data pattern of the codec (either layout).
+bool starts_with_user_data(const uint8_t *data, size_t len, kxt::Codec codec);
+
+// Output of one frame, and the last line of a walk.
+void print_frame(const Options &o, const FrameReport &r);
+void print_summary(const Options &o, long long frames, long long broken, long long with_user_data, kxt::Codec codec);
+
+// The meaning of an SA_ result code of the user-data calls.
+const char *userdata_result_text(int code);
+// The name of a callback type number (a decoder's kind), or null.
+const char *record_name(int type);
+
+}  // namespace kxd

@@ -1,0 +1,271 @@
+// The walk over a stream of frames: each frame is a 32-byte header and its data, one behind the other.
+// A frame with a sound header is read whole, decrypted when asked and possible, and analysed. A broken
+// header is reported and the walk searches on, byte by byte, for the next sound header; a frame cut off
+// by the end of the input is analysed as far as it goes and ends the walk.
+#include <errno.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "korvex-dump/dump.h"
+#include "stream/frame_header.h"
+
+namespace kxd {
+
+namespace {
+
+using kxt::Codec;
+
+// Buffered reading that keeps the bytes from the read position on in one piece, so that a whole frame
+// (3 MiB at most) can be looked at in place.
+class Input {
+public:
+    explicit Input(FILE *f) : f_(f) {}
+    // Makes n bytes available at the read position unless the input ends first; gives what is there.
+    size_t fill(size_t n) {
+        if (avail() >= n || eof_) return avail();
+        if (pos_ > 0) {
+            buf_.erase(buf_.begin(), buf_.begin() + long(pos_));
+            pos_ = 0;
+        }
+        while (buf_.size() < n && !eof_) {
+            size_t old = buf_.size();
+            size_t want = std::max(n - old, size_t(1) << 16);
+            buf_.resize(old + want);
+            size_t got = fread(buf_.data() + old, 1, want, f_);
+            buf_.resize(old + got);
+            if (got == 0) {
+                eof_ = true;
+                error_ = ferror(f_) != 0 ? errno : 0;
+            }
+        }
+        return avail();
+    }
+    uint8_t *data() { return buf_.data() + pos_; }
+    size_t avail() const { return buf_.size() - pos_; }
+    void consume(size_t n) {
+        n = std::min(n, avail());
+        pos_ += n;
+        offset_ += n;
+    }
+    uint64_t offset() const { return offset_; }
+    int error() const { return error_; }
+
+private:
+    FILE *f_;
+    Bytes buf_;
+    size_t pos_ = 0;
+    uint64_t offset_ = 0;
+    bool eof_ = false;
+    int error_ = 0;
+};
+
+bool sound_header(const uint8_t *p) {
+    const __S_FrameHeader *h = reinterpret_cast<const __S_FrameHeader *>(p);
+    return IsValidFrameHeader(h) && fh_frame_len(h) >= KX_FRAME_HEADER_LEN;
+}
+
+// Moves the read position to the next sound header behind the current one; false at the end of the
+// input. *skipped receives the bytes passed over.
+bool resync(Input &in, uint64_t *skipped) {
+    *skipped = 0;
+    in.consume(1);
+    *skipped = 1;
+    for (;;) {
+        size_t avail = in.fill(1 << 16);
+        if (avail < KX_FRAME_HEADER_LEN) {
+            *skipped += avail;
+            in.consume(avail);
+            return false;
+        }
+        const uint8_t *p = in.data();
+        for (size_t i = 0; i + KX_FRAME_HEADER_LEN <= avail; ++i) {
+            if (sound_header(p + i)) {
+                in.consume(i);
+                *skipped += i;
+                return true;
+            }
+        }
+        size_t step = avail - KX_FRAME_HEADER_LEN + 1;
+        in.consume(step);
+        *skipped += step;
+    }
+}
+
+// A progress line on standard error, shown once a walk takes longer than a second.
+class Progress {
+public:
+    Progress(bool on, uint64_t total) : on_(on), total_(total) { start_ = now(); }
+    void update(long long frames, uint64_t offset) {
+        if (!on_) return;
+        double t = now();
+        if (t - start_ < 1.0 || t - last_ < 0.2) return;
+        last_ = t;
+        if (total_ > 0) {
+            fprintf(stderr, "\rkorvex-dump: frame %lld, %.1f of %.1f MB (%d%%)\033[K", frames, offset / 1e6,
+                    total_ / 1e6, int(offset * 100 / total_));
+        } else {
+            fprintf(stderr, "\rkorvex-dump: frame %lld, %.1f MB\033[K", frames, offset / 1e6);
+        }
+        shown_ = true;
+    }
+    // Clears the line so that a message or the end of the walk starts on a clean line.
+    void clear() {
+        if (!shown_) return;
+        fputs("\r\033[K", stderr);
+        shown_ = false;
+    }
+
+private:
+    static double now() {
+        struct timespec ts;
+        clock_gettime(CLOCK_MONOTONIC, &ts);
+        return double(ts.tv_sec) + ts.tv_nsec / 1e9;
+    }
+    bool on_;
+    uint64_t total_;
+    double start_ = 0, last_ = 0;
+    bool shown_ = false;
+};
+
+void read_header(const uint8_t *p, FrameReport *r) {
+    r->has_header = true;
+    r->frame_len = fh_frame_len(p);
+    r->attr = fh_frame_attr(p);
+    r->frame_no = fh_frame_no(p);
+    r->info = fh_frame_info(p);
+    r->payload_len = fh_payload_len(p);
+    r->ext_count = fh_ext_count(p);
+    r->ext_size = fh_ext_size(p);
+    r->flags = fh_flags(p);
+}
+
+const char *decrypt_failure(int rc) {
+    switch (rc) {
+    case -4: return "wrong key (or the data is no frame)";
+    case -104: return "frame too short for the plain cipher";
+    case -2: return "unusable key";
+    default: return "refused by the cipher";
+    }
+}
+
+}  // namespace
+
+int walk_frames(const Options &o) {
+    FILE *f = kxt::open_input(o.input);
+    if (f == nullptr) return 2;
+    struct stat st;
+    uint64_t total = (fstat(fileno(f), &st) == 0 && S_ISREG(st.st_mode)) ? uint64_t(st.st_size) : 0;
+    bool show = o.progress == 1 || (o.progress < 0 && isatty(2) && !isatty(1));
+    Progress progress(show, total);
+    auto report_error = [&](const char *fmt, auto... args) {
+        progress.clear();
+        kxt::errorf(fmt, args...);
+    };
+
+    Input in(f);
+    // The stream's record of containers split over frames; large, so it lives on the heap.
+    Bytes split(sizeof(TUserDataSplitState), 0);
+    unsigned char key[17] = {0};  // the enhanced cipher reads 16 bytes at the key
+    memcpy(key, o.key.data(), std::min(o.key.size(), size_t(16)));
+    Codec codec = o.codec;
+    long long frames = 0, broken = 0, with_user_data = 0;
+    bool read_failed = false;
+
+    for (;;) {
+        size_t avail = in.fill(KX_FRAME_HEADER_LEN);
+        if (avail == 0) break;
+        FrameReport r;
+        r.index = frames++;
+        r.offset = in.offset();
+        if (avail < KX_FRAME_HEADER_LEN) {
+            r.error = "only " + std::to_string(avail) + " bytes left, too short for a frame header";
+            r.held = avail;
+        } else {
+            read_header(in.data(), &r);
+            r.valid = sound_header(in.data());
+        }
+        if (r.has_header && !r.valid) {
+            char msg[160];
+            snprintf(msg, sizeof(msg), "invalid frame header (uiFrameLen %u, uiPayloadLen %u, extension %u x %u)",
+                     r.frame_len, r.payload_len, r.ext_count, r.ext_size);
+            r.error = msg;
+        }
+        if (!r.error.empty()) {
+            ++broken;
+            report_error("frame %lld at offset %llu: %s", r.index, (unsigned long long)r.offset, r.error.c_str());
+            print_frame(o, r);
+            uint64_t skipped = 0;
+            if (!r.has_header) break;
+            if (resync(in, &skipped)) {
+                report_error("found the next frame header at offset %llu, %llu bytes on",
+                             (unsigned long long)in.offset(), (unsigned long long)skipped);
+                continue;
+            }
+            report_error("no further frame header in the last %llu bytes", (unsigned long long)skipped);
+            break;
+        }
+
+        r.held = std::min(in.fill(r.frame_len), size_t(r.frame_len));
+        uint8_t *frame = in.data();
+        bool truncated = r.held < r.frame_len;
+        if (truncated) {
+            r.error = "truncated: the header says " + std::to_string(r.frame_len) + " bytes, " +
+                      std::to_string(r.held) + " are present";
+        }
+        bool encrypted = (r.flags & 3) == 2;
+        r.encryption = !encrypted ? "none" : ((r.flags >> 6) & 3) == 2 ? "enhanced" : "plain";
+        if (encrypted && !o.has_key) {
+            r.decrypt = "no key";
+            r.skip_reason = "encrypted; give --key to decrypt";
+        } else if (encrypted) {
+            int rc = SA_DecryptOneFrame(frame, int(r.held), key, int(o.key.size()));
+            if (rc == 0) {
+                r.decrypt = "ok";
+            } else {
+                r.decrypt = "failed";
+                std::string why = std::string("decryption failed: ") + decrypt_failure(rc);
+                r.error = r.error.empty() ? why : r.error + "; " + why;
+                r.skip_reason = "not decrypted";
+            }
+        }
+        if (r.skip_reason.empty()) {
+            const uint8_t *data = frame + KX_FRAME_HEADER_LEN;
+            size_t data_len = r.held - KX_FRAME_HEADER_LEN;
+            if (codec == Codec::kUnknown) codec = kxt::probe_codec(data, data_len);
+            // Until a frame with parameter sets and a key picture names the codec, a frame that begins
+            // with the H.265 user-data unit is read as H.265, any other as H.264.
+            r.codec = codec != Codec::kUnknown ? codec
+                      : starts_with_user_data(data, data_len, Codec::kH265) ? Codec::kH265
+                                                                            : Codec::kH264;
+            analyse_user_data(o, frame, r.held, r.codec, split.data(), int(split.size()), &r.ud);
+            if (r.ud.status == "ok" || r.ud.status == "fragment") ++with_user_data;
+        }
+        if (!r.error.empty()) {
+            ++broken;
+            report_error("frame %lld at offset %llu: %s", r.index, (unsigned long long)r.offset, r.error.c_str());
+        }
+        print_frame(o, r);
+        in.consume(r.held);
+        progress.update(frames, in.offset());
+        if (truncated) break;
+    }
+    if (in.error() != 0) {
+        report_error("cannot read '%s': %s", o.input.c_str(), strerror(in.error()));
+        read_failed = true;
+    }
+    progress.clear();
+    if (f != stdin) fclose(f);
+    if (frames == 0 && !read_failed) {
+        kxt::errorf("no frames in '%s'", o.input.c_str());
+        return 1;
+    }
+    print_summary(o, frames, broken, with_user_data, codec);
+    if (read_failed) return 2;
+    return broken > 0 ? 1 : 0;
+}
+
+}  // namespace kxd

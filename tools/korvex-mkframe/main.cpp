@@ -1,0 +1,338 @@
+// korvex-mkframe: wraps a raw H.264 or H.265 Annex B stream into the device's frames, one frame for each
+// access unit, with optional user data (absolute time, VCA targets, plates, OSD text, any block) and
+// optional frame encryption in either mode.
+#include <math.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "common/annexb.h"
+#include "common/frame_make.h"
+#include "common/tool_util.h"
+#include "korvex/korvex.h"
+
+using namespace kxt;
+
+namespace {
+
+const char kHelp[] =
+    "NAME\n"
+    "    korvex-mkframe - wrap an H.264/H.265 Annex B stream into frames, with user data and encryption\n"
+    "\n"
+    "SYNOPSIS\n"
+    "    korvex-mkframe [OPTIONS] -o OUTPUT INPUT\n"
+    "\n"
+    "DESCRIPTION\n"
+    "    Reads a raw Annex B byte stream (for example made with ffmpeg ... -f h264 out.h264), splits it\n"
+    "    into access units and writes one frame for each: a 32-byte frame header (uiFrameLen,\n"
+    "    uiFrameNo, uiPayloadLen, usFrameFlags) and the access unit. With any user-data option every\n"
+    "    frame begins with a user-data unit (an SEI NAL unit holding a QZST container) in front of the\n"
+    "    access unit. With --encrypt the frames are encrypted in place with --key; frame numbers are the\n"
+    "    counters of the cipher. INPUT may be - for standard input.\n"
+    "\n"
+    "OPTIONS\n"
+    "    -o, --output FILE     where the frames go; - is standard output (never a terminal)\n"
+    "    --codec auto|h264|h265\n"
+    "                          the input's codec; auto (the default) asks the H.264 and H.265 probes\n"
+    "    --max-frames N        only the first N access units\n"
+    "    --first-frame-no N    uiFrameNo of the first frame (default 1); each frame counts one up\n"
+    "    --start-time TIME     put an absolute-time block into every frame: TIME is UTC, as\n"
+    "                          2023-11-14T22:13:20Z or as seconds since 1970; frame i carries\n"
+    "                          TIME + floor(i / FPS)\n"
+    "    --fps FPS             frame rate for --start-time (default 25; 29.97 is fine)\n"
+    "    --vca X1,Y1,X2,Y2[,W5,W6,W7,W8]\n"
+    "                          a VCA target rectangle in ten-thousandths of the picture (0-10000),\n"
+    "                          with up to four more words carried unchanged (e.g. id, class);\n"
+    "                          repeatable (16 targets in the old layout, 128 in the new)\n"
+    "    --plate TEXT          a licence plate (at most 100 characters); repeatable, at most 10\n"
+    "    --osd TEXT            an OSD text (sub-type 7, at most 512 bytes); repeatable\n"
+    "    --block TYPE:HEX      any block, e.g. --block 0xFEE2:0102030405 for PTZ data; repeatable\n"
+    "    --layout old|new      container layout: old (payload type F0, up to 1024 bytes, found by every\n"
+    "                          analysis; the default) or new (F1, up to 10240 bytes, found by the\n"
+    "                          two-layout analysis only, korvex-dump --mask)\n"
+    "    --encrypt plain|enhanced\n"
+    "                          encrypt every frame: plain covers payload bytes 0-63 (frames below 96\n"
+    "                          bytes stay clear), enhanced the first 64 bytes of every 256\n"
+    "    --key KEY             the key, 1 to 16 characters\n"
+    "    --index-out FILE      also write an I-frame index of the frames: one item each, with the\n"
+    "                          frame's offset in OUTPUT, its frame number as stamp, and sign bit 0 for\n"
+    "                          key frames, bit 1 for frames with user data\n"
+    "    -q, --quiet           no summary on standard error\n"
+    "    -h, --help            this text\n"
+    "\n"
+    "EXIT STATUS\n"
+    "    0 frames written; 1 the input holds no stream of a known codec, or the user data or a frame is\n"
+    "    too large; 2 bad options or files.\n"
+    "\n"
+    "EXAMPLES\n"
+    "    ffmpeg -f lavfi -i testsrc=size=320x240:rate=25 -frames:v 50 -f h264 in.h264\n"
+    "    korvex-mkframe --start-time 2024-05-01T08:00:00Z --vca 1000,1000,5000,5000,7 \\\n"
+    "        --plate AB123CD --osd 'Gate 3' --encrypt enhanced --key secret -o cam.frames in.h264\n"
+    "    korvex-dump --key secret cam.frames\n";
+
+struct Options {
+    std::string input, output, index_out;
+    Codec codec = Codec::kUnknown;  // unknown: probe
+    uint32_t first_frame_no = 1;
+    long long max_frames = -1;  // all
+    bool has_time = false;
+    uint32_t start_time = 0;
+    double fps = 25;
+    std::vector<VcaRect> vca;
+    std::vector<std::string> plates, osd;
+    std::vector<Bytes> blocks;  // whole blocks given with --block
+    Layout layout = Layout::kOld;
+    int encrypt = 0;  // 0 none, 1 plain, 2 enhanced
+    std::string key;
+    bool quiet = false;
+};
+
+bool parse_vca(const std::string &text, VcaRect *out) {
+    memset(out, 0, sizeof(*out));
+    std::vector<long long> v;
+    size_t pos = 0;
+    while (pos <= text.size()) {
+        size_t comma = text.find(',', pos);
+        std::string part = text.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos);
+        long long n;
+        if (!parse_int(part, 0, 65535, &n)) return false;
+        v.push_back(n);
+        if (comma == std::string::npos) break;
+        pos = comma + 1;
+    }
+    if (v.size() < 4 || v.size() > 8) return false;
+    for (int i = 0; i < 4; ++i) {
+        if (v[i] > 10000) return false;
+        out->coord[i] = uint16_t(v[i]);
+    }
+    for (size_t i = 4; i < v.size(); ++i) out->extra[i - 4] = uint16_t(v[i]);
+    return true;
+}
+
+bool parse_block(const std::string &text, Bytes *out) {
+    size_t colon = text.find(':');
+    long long type;
+    Bytes payload;
+    if (colon == std::string::npos || !parse_int(text.substr(0, colon), 0, 0xFFFF, &type) ||
+        !parse_hex(text.substr(colon + 1), &payload) || payload.size() > 0xFFFF) {
+        return false;
+    }
+    *out = ud_block(uint16_t(type), payload);
+    return true;
+}
+
+// 0 on success, 2 after a message on bad options, -1 after --help.
+int parse_options(int argc, char **argv, Options *o) {
+    std::vector<std::string> inputs;
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        auto value = [&](std::string *v) {
+            if (i + 1 >= argc) {
+                errorf("option %s needs a value", a.c_str());
+                return false;
+            }
+            *v = argv[++i];
+            return true;
+        };
+        std::string v;
+        long long n;
+        if (a == "-h" || a == "--help") {
+            fputs(kHelp, stdout);
+            return -1;
+        } else if (a == "-q" || a == "--quiet") {
+            o->quiet = true;
+        } else if (a == "-o" || a == "--output") {
+            if (!value(&o->output)) return 2;
+        } else if (a == "--index-out") {
+            if (!value(&o->index_out)) return 2;
+        } else if (a == "--codec") {
+            if (!value(&v)) return 2;
+            if (v == "h264") o->codec = Codec::kH264;
+            else if (v == "h265") o->codec = Codec::kH265;
+            else if (v == "auto") o->codec = Codec::kUnknown;
+            else return errorf("--codec takes auto, h264 or h265, not '%s'", v.c_str()), 2;
+        } else if (a == "--first-frame-no") {
+            if (!value(&v)) return 2;
+            if (!parse_int(v, 0, 0xFFFFFFFFLL, &n)) return errorf("bad frame number '%s'", v.c_str()), 2;
+            o->first_frame_no = uint32_t(n);
+        } else if (a == "--max-frames") {
+            if (!value(&v)) return 2;
+            if (!parse_int(v, 1, 1LL << 40, &o->max_frames)) return errorf("bad frame count '%s'", v.c_str()), 2;
+        } else if (a == "--start-time") {
+            if (!value(&v)) return 2;
+            if (!parse_utc_time(v, &o->start_time)) {
+                return errorf("bad time '%s': use 2023-11-14T22:13:20Z or seconds since 1970", v.c_str()), 2;
+            }
+            o->has_time = true;
+        } else if (a == "--fps") {
+            if (!value(&v)) return 2;
+            if (!parse_positive_double(v, &o->fps)) return errorf("bad frame rate '%s'", v.c_str()), 2;
+        } else if (a == "--vca") {
+            if (!value(&v)) return 2;
+            VcaRect r;
+            if (!parse_vca(v, &r)) {
+                return errorf("bad target '%s': X1,Y1,X2,Y2 in 0-10000, then up to four words", v.c_str()), 2;
+            }
+            o->vca.push_back(r);
+        } else if (a == "--plate") {
+            if (!value(&v)) return 2;
+            if (v.empty() || v.size() > kPlateTextMax) {
+                return errorf("a plate has 1 to %d characters", kPlateTextMax), 2;
+            }
+            o->plates.push_back(v);
+        } else if (a == "--osd") {
+            if (!value(&v)) return 2;
+            if (v.size() > kOsdTextMax) return errorf("an OSD text has at most %d bytes", kOsdTextMax), 2;
+            o->osd.push_back(v);
+        } else if (a == "--block") {
+            if (!value(&v)) return 2;
+            Bytes b;
+            if (!parse_block(v, &b)) return errorf("bad block '%s': TYPE:HEX, e.g. 0xFEE2:0102", v.c_str()), 2;
+            o->blocks.push_back(b);
+        } else if (a == "--layout") {
+            if (!value(&v)) return 2;
+            if (v == "old") o->layout = Layout::kOld;
+            else if (v == "new") o->layout = Layout::kNew;
+            else return errorf("--layout takes old or new, not '%s'", v.c_str()), 2;
+        } else if (a == "--encrypt") {
+            if (!value(&v)) return 2;
+            if (v == "plain") o->encrypt = 1;
+            else if (v == "enhanced") o->encrypt = 2;
+            else return errorf("--encrypt takes plain or enhanced, not '%s'", v.c_str()), 2;
+        } else if (a == "--key") {
+            if (!value(&o->key)) return 2;
+        } else if (a.size() > 1 && a[0] == '-') {
+            return errorf("unknown option %s (see --help)", a.c_str()), 2;
+        } else {
+            inputs.push_back(a);
+        }
+    }
+    if (inputs.size() != 1) return errorf("give exactly one input stream (see --help)"), 2;
+    o->input = inputs[0];
+    if (o->output.empty()) return errorf("give the output with -o FILE (or -o - for standard output)"), 2;
+    if (o->output == "-" && isatty(1)) return errorf("refusing to write frames to a terminal"), 2;
+    if (o->encrypt != 0 && (o->key.empty() || o->key.size() > 16)) {
+        return errorf("--encrypt needs --key with 1 to 16 characters"), 2;
+    }
+    if (o->encrypt == 0 && !o->key.empty()) return errorf("--key without --encrypt"), 2;
+    if (o->plates.size() > kPlateMax) return errorf("at most %d plates", kPlateMax), 2;
+    size_t vca_max = o->layout == Layout::kOld ? 16 : 128;
+    if (o->vca.size() > vca_max) return errorf("at most %zu targets in this layout", vca_max), 2;
+    return 0;
+}
+
+// The blocks of frame i; empty when no user-data option was given.
+std::vector<Bytes> frame_blocks(const Options &o, size_t i) {
+    std::vector<Bytes> blocks;
+    if (o.has_time) {
+        double t = double(o.start_time) + floor(double(i) / o.fps);
+        blocks.push_back(ud_block(kBlockTime, time_payload(uint32_t(fmod(t, 4294967296.0)))));
+    }
+    if (!o.vca.empty()) blocks.push_back(ud_block(kBlockVcaTargets, vca_payload(o.vca)));
+    if (!o.plates.empty()) blocks.push_back(ud_block(kBlockPlates, plate_payload(o.plates)));
+    for (const std::string &text : o.osd) blocks.push_back(ud_block(kBlockOsd, osd_text_payload(text)));
+    for (const Bytes &b : o.blocks) blocks.push_back(b);
+    return blocks;
+}
+
+struct Totals {
+    size_t frames = 0, key_frames = 0, with_user_data = 0, encrypted = 0, left_clear = 0;
+};
+
+int run(const Options &o) {
+    Bytes in;
+    if (!read_file(o.input, &in)) return 2;
+    Codec codec = o.codec == Codec::kUnknown ? probe_codec(in.data(), in.size()) : o.codec;
+    if (codec == Codec::kUnknown) {
+        errorf("'%s' is neither an H.264 nor an H.265 Annex B stream to the probes; name it with --codec",
+               o.input.c_str());
+        return 1;
+    }
+    size_t skipped = 0;
+    std::vector<Nal> nals = scan_nals(in.data(), in.size(), &skipped);
+    std::vector<AccessUnit> units = split_access_units(codec, in.data(), nals);
+    if (units.empty()) {
+        errorf("'%s' holds no NAL unit", o.input.c_str());
+        return 1;
+    }
+    if (o.max_frames > 0 && units.size() > size_t(o.max_frames)) units.resize(size_t(o.max_frames));
+    if (skipped > 0 && !o.quiet) errorf("skipped %zu bytes in front of the first start code", skipped);
+
+    unsigned char key[17] = {0};  // the enhanced cipher reads 16 bytes at the key
+    memcpy(key, o.key.data(), o.key.size());
+    Bytes out, index;
+    std::vector<IndexItem> items;
+    Totals t;
+    for (size_t i = 0; i < units.size(); ++i) {
+        const AccessUnit &au = units[i];
+        Bytes data;
+        std::vector<Bytes> blocks = frame_blocks(o, i);
+        if (!blocks.empty()) {
+            Bytes c = ud_container(blocks);
+            if (int(c.size()) > container_limit(o.layout)) {
+                errorf("the user data of frame %zu takes %zu bytes, more than the %d of the %s layout", i, c.size(),
+                       container_limit(o.layout), o.layout == Layout::kOld ? "old" : "new");
+                return 1;
+            }
+            data = ud_unit(codec, o.layout, c);
+        }
+        for (size_t k = au.first; k < au.first + au.count; ++k) {
+            data.insert(data.end(), {0, 0, 0, 1});
+            data.insert(data.end(), in.begin() + long(nals[k].begin), in.begin() + long(nals[k].end));
+        }
+        if (data.size() + 32 > kFrameMaxLen) {
+            errorf("frame %zu would be %zu bytes, above the frame limit of %u", i, data.size() + 32,
+                   unsigned(kFrameMaxLen));
+            return 1;
+        }
+        uint32_t frame_no = o.first_frame_no + uint32_t(i);
+        // The encrypting calls only clear flag bits: both state fields start at 3 and end at 2 where
+        // the call marks the frame.
+        Bytes frame = frame_header(uint32_t(data.size()), frame_no, o.encrypt ? 0x00FF : 0);
+        append(frame, data);
+        if (o.encrypt != 0) {
+            int rc = o.encrypt == 1 ? SA_EncryptOneFrame(frame.data(), int(frame.size()), key, int(o.key.size()))
+                                    : SA_EncryptOneFrameEx(frame.data(), int(frame.size()), key, int(o.key.size()));
+            if (rc != 0) {
+                errorf("encryption of frame %zu failed (%d)", i, rc);
+                return 1;
+            }
+            if ((rd16(&frame[30]) & 3) == 2) {
+                ++t.encrypted;
+            } else {
+                frame[30] = frame[31] = 0;  // too short for the plain cipher: an honest clear frame
+                ++t.left_clear;
+            }
+        }
+        items.push_back({uint32_t(out.size()), int32_t(frame_no), (au.key ? 1u : 0u) | (blocks.empty() ? 0u : 2u)});
+        append(out, frame);
+        ++t.frames;
+        t.key_frames += au.key ? 1 : 0;
+        t.with_user_data += blocks.empty() ? 0 : 1;
+    }
+    if (!write_file(o.output, out)) return 2;
+    if (!o.index_out.empty() && !write_file(o.index_out, iframe_index(items))) return 2;
+    if (!o.quiet) {
+        std::string enc;
+        if (o.encrypt != 0) {
+            enc = ", " + std::to_string(t.encrypted) + (o.encrypt == 1 ? " encrypted (plain)" : " encrypted (enhanced)");
+            if (t.left_clear) enc += ", " + std::to_string(t.left_clear) + " too short to encrypt";
+        }
+        errorf("%zu frames (%s, %zu key), %zu bytes, user data in %zu%s", t.frames, codec_name(codec), t.key_frames,
+               out.size(), t.with_user_data, enc.c_str());
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    set_program_name("korvex-mkframe");
+    sdk_log_set_level(0, 0, 0);  // the tool reports failures itself
+    Options o;
+    int rc = parse_options(argc, argv, &o);
+    if (rc != 0) return rc < 0 ? 0 : rc;
+    return run(o);
+}
