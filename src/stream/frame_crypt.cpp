@@ -44,6 +44,12 @@ int check_key(const unsigned char *key, int key_len) {
     return 0;
 }
 
+// The encrypting calls test the frame, then the key.
+int check_frame_and_key(const unsigned char *frame, int frame_len, const unsigned char *key, int key_len) {
+    int rc = check_frame(frame, frame_len);
+    return rc != 0 ? rc : check_key(key, key_len);
+}
+
 inline __S_FrameHeader *header_of(unsigned char *frame) { return reinterpret_cast<__S_FrameHeader *>(frame); }
 
 }  // namespace
@@ -112,9 +118,7 @@ KX_API int SA_DecryptAES(unsigned char *_pucBuf, int _iBufLen, uint32_t _uiCount
 
 KX_API int SA_EncryptOneFrame(unsigned char *_pucFrameBuf, int _iFrameLen, const unsigned char *_pucDecryptKey,
                               int _iDecryptKeyLen) {
-    int rc = check_frame(_pucFrameBuf, _iFrameLen);
-    if (rc != 0) return rc;
-    rc = check_key(_pucDecryptKey, _iDecryptKeyLen);
+    int rc = check_frame_and_key(_pucFrameBuf, _iFrameLen, _pucDecryptKey, _iDecryptKeyLen);
     if (rc != 0) return rc;
 
     __S_FrameHeader *header = header_of(_pucFrameBuf);
@@ -138,9 +142,7 @@ KX_API int SA_EncryptOneFrame(unsigned char *_pucFrameBuf, int _iFrameLen, const
 
 KX_API int SA_EncryptOneFrameEx(unsigned char *_pucFrameBuf, int _iFrameLen, const unsigned char *_pucDecryptKey,
                                 int _iDecryptKeyLen) {
-    int rc = check_frame(_pucFrameBuf, _iFrameLen);
-    if (rc != 0) return rc;
-    rc = check_key(_pucDecryptKey, _iDecryptKeyLen);
+    int rc = check_frame_and_key(_pucFrameBuf, _iFrameLen, _pucDecryptKey, _iDecryptKeyLen);
     if (rc != 0) return rc;
 
     __S_FrameHeader *header = header_of(_pucFrameBuf);
