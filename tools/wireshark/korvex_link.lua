@@ -85,25 +85,32 @@ local function u16(s, o) local a, b = s:byte(o + 1, o + 2); return a + b * 256 e
 local function u32(s, o) local a, b, c, d = s:byte(o + 1, o + 4); return a + b * 256 + c * 65536 + d * 16777216 end
 local function i32(s, o) local v = u32(s, o); if v >= 2147483648 then v = v - 4294967296 end; return v end
 
--- The next head at or after offset from: its offset and type, or nil. A head cut by the end of the
--- bytes (a proper prefix of a head at the very end) gives its offset and the type "partial".
-local function find_head(s, from)
-    local best, best_type
-    for _, h in ipairs(HEADS) do
-        local at = s:find(h.text, from + 1, true)
-        if at and (not best or at - 1 < best) then best, best_type = at - 1, h.type end
-    end
-    local n = #s
-    local first_tail = math.max(from, n - (#MOBILE_HEAD - 1))
-    if best then first_tail = math.max(first_tail, best) end  -- only bytes before a head can hide one
-    for t = first_tail, n - 1 do
-        if best and t >= best then break end
-        local tail = s:sub(t + 1)
-        for _, h in ipairs(HEADS) do
-            if #tail < #h.text and h.text:sub(1, #tail) == tail then return t, "partial" end
+-- A scanner over the bytes s: next(from) gives the offset and type of the next head at or after
+-- from, or nil. A head cut by the end of the bytes (a proper prefix of a head at the very end) gives
+-- its offset and the type "partial". Each head is searched for once per stretch: where it was found
+-- stays known until the scan passes that place, so a run of bad heads costs no quadratic rescan.
+local function scanner(s)
+    local at = {}  -- per head: the 0-based offset of its next occurrence, or false when none is left
+    return function(from)
+        local best, best_type
+        for i, h in ipairs(HEADS) do
+            local a = at[i]
+            if a == nil or (a and a < from) then
+                local p = s:find(h.text, from + 1, true)
+                a = p and p - 1 or false
+                at[i] = a
+            end
+            if a and (not best or a < best) then best, best_type = a, h.type end
         end
+        if best then return best, best_type end
+        for t = math.max(from, #s - #MOBILE_HEAD + 1), #s - 1 do
+            local tail = s:sub(t + 1)
+            for _, h in ipairs(HEADS) do
+                if #tail < #h.text and h.text:sub(1, #tail) == tail then return t, "partial" end
+            end
+        end
+        return nil
     end
-    return best, best_type
 end
 
 -- Adds a text of the tvb as a string field; an empty text has no bytes to point at.
@@ -142,12 +149,14 @@ local function add_command(tree, tvb, off, text, section)
         keys[nkeys] = word
     end
     local name = table.concat(keys, " ")
-    local ct = add_text(tree, f.command, tvb, off, #text, text:gsub("\t", " | "))
+    local shown = text:gsub("\t", " | "):gsub("[^\32-\126]", function(c) return string.format("\\x%02x", c:byte()) end)
+    local ct = add_text(tree, f.command, tvb, off, #text, shown)
     add_text(ct, f.cmd, tvb, off, #text, name)
     if section then add_text(ct, f.section, tvb, off, #section) end
     for k, w in ipairs(words) do
         add_text(ct, k <= nkeys and f.key or f.param, tvb, off + w[1] - 1, w[2] - w[1] + 1)
     end
+    if name == "" then name = '"' .. (#shown > 40 and shown:sub(1, 37) .. "..." or shown) .. '"' end
     return name
 end
 
@@ -298,9 +307,10 @@ local function dissect(tvb, pinfo, tree)
         return n
     end
 
+    local find_head = scanner(s)
     local off = 0
     while off < n do
-        local h, htype = find_head(s, off)
+        local h, htype = find_head(off)
         if not h then
             noise_from = noise_from or off
             break
