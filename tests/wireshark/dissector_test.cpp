@@ -53,9 +53,11 @@ private:
 };
 
 // What tshark writes to standard output with the dissector loaded; its standard error goes to *err.
+// An empty home keeps the user's preferences and plugins (an installed copy of the dissector) out.
 std::string tshark(const std::string &args, std::string *err) {
     std::string err_path = std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + ".stderr";
-    std::string cmd = std::string(KORVEX_TSHARK) + " -n -X lua_script:" KORVEX_DISSECTOR " " + args + " 2>" + err_path;
+    std::string cmd = "HOME=$PWD/tshark-home XDG_CONFIG_HOME=$PWD/tshark-home " KORVEX_TSHARK " -n -X lua_script:"
+                      KORVEX_DISSECTOR " " + args + " 2>" + err_path;
     std::string out;
     FILE *p = popen(cmd.c_str(), "r");
     char buf[4096];
