@@ -164,7 +164,8 @@ end
 -- command (the first "INNER" anywhere in the rest, else "USER", "CMD", "PARASET", else the position
 -- itself), then its terminator "\n\n\n". A body without any terminator is one command.
 local function add_package(tree, tvb, off, body)
-    body = body:match("^[^%z]*")   -- the engine reads the text up to a zero byte
+    local zero = body:find("\0", 1, true)
+    if zero then body = body:sub(1, zero - 1) end  -- the engine reads the text up to a zero byte
     local names, pos = {}, 1
     if not body:find("\n\n\n", 1, true) then
         if #body > 0 then names[1] = add_command(tree, tvb, off, body) end
