@@ -72,10 +72,12 @@ local e = {
         expert.group.MALFORMED, expert.severity.WARN),
     len_mismatch = ProtoExpert.new("korvex.len_mismatch", "Body length and package length disagree",
         expert.group.PROTOCOL, expert.severity.WARN),
+    incomplete = ProtoExpert.new("korvex.incomplete", "Head or packet cut by the end of the segment, not reassembled",
+        expert.group.REASSEMBLE, expert.severity.NOTE),
     mobile = ProtoExpert.new("korvex.mobile.end", "A mobile packet runs to the end of what was buffered",
         expert.group.PROTOCOL, expert.severity.NOTE),
 }
-korvex.experts = { e.noise, e.bad_size, e.stall, e.short, e.len_mismatch, e.mobile }
+korvex.experts = { e.noise, e.bad_size, e.stall, e.short, e.len_mismatch, e.incomplete, e.mobile }
 
 korvex.prefs.port = Pref.uint("TCP port", 0, "Decode this TCP port as the link, heuristic or not (0: none)")
 
@@ -300,8 +302,16 @@ local function dissect(tvb, pinfo, tree)
         pinfo.cols.protocol = "korvex"
         if #infos > 0 then pinfo.cols.info:set(table.concat(infos, ", ")) end
     end
+    -- The bytes from at on wait for more: TCP's reassembly, or shown as they are where there is none
+    -- (a truncated frame, reassembly switched off in the TCP preferences).
     local function desegment(at, more)
         flush_noise(at)
+        if pinfo.can_desegment == 0 then
+            tree:add(korvex, tvb(at, n - at)):append_text(", incomplete"):add_proto_expert_info(e.incomplete)
+            infos[#infos + 1] = "Incomplete"
+            finish()
+            return n
+        end
         finish()
         pinfo.desegment_offset = at
         pinfo.desegment_len = more
