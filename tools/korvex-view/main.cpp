@@ -311,7 +311,10 @@ int run(const ViewOptions &v) {
         return errorf("frame %lld not drawn: the stream has %lld frames", v.only, totals.frames), 1;
     }
     if (pictures == 0) return errorf("no picture decoded"), 1;
-    if (!v.quiet) errorf("%lld pictures drawn from %lld frames", pictures, totals.frames);
+    if (!v.quiet) {
+        errorf("%lld %s drawn from %lld %s", pictures, pictures == 1 ? "picture" : "pictures", totals.frames,
+               totals.frames == 1 ? "frame" : "frames");
+    }
     return totals.broken > 0 || undecoded > 0 || missing > 0 ? 1 : 0;
 }
 
