@@ -1,7 +1,8 @@
 # korvex: the two everyday commands are `make demo` and `make test`.
 PREFIX ?= /usr/local
 PACKAGES := cmake ninja-build g++ clang libclang-rt-dev googletest libgtest-dev libbenchmark-dev libssl-dev \
-            nlohmann-json3-dev pkg-config tshark libpcap-dev
+            nlohmann-json3-dev pkg-config tshark libpcap-dev \
+            ffmpeg libavcodec-dev libavformat-dev libavfilter-dev libswscale-dev libavutil-dev fonts-dejavu-core
 JOBS ?= 2
 FUZZ_SECONDS ?= 20
 BENCH_SECONDS ?= 0.2

@@ -1,12 +1,15 @@
 #!/bin/sh
 # The frame side of the demo: makes a sample stream from the committed test data with korvex-mkframe
 # (absolute time, a VCA target, a plate and an OSD text in every frame), encrypts it in the enhanced
-# mode, and inspects it with korvex-dump --key. Usage: demo_stream.sh [BUILD_DIR]
+# mode, inspects it with korvex-dump --key, writes its clear elementary stream and ends with a picture:
+# the first frame drawn with its overlays by korvex-view, kept under BUILD_DIR/demo/. Usage:
+# demo_stream.sh [BUILD_DIR]
 set -eu
 build=${1:-build/default}
 here=$(cd "$(dirname "$0")" && pwd)
 mkframe="$build/tools/korvex-mkframe"
 dump="$build/tools/korvex-dump"
+view="$build/tools/korvex-view"
 input="$here/../tests/data/testsrc_high.h264"
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
@@ -21,3 +24,11 @@ echo "== korvex-dump --key demo-key"
 
 echo "== korvex-dump with a wrong key"
 if "$dump" --quiet --key wrong-key "$tmp/sample.frames" 2>&1 | head -n 1; then :; fi
+
+echo "== korvex-dump --es: the clear elementary stream"
+"$dump" --key demo-key --es "$tmp/sample.h264" "$tmp/sample.frames"
+
+echo "== korvex-view: the first frame with its overlays"
+mkdir -p "$build/demo"
+png=$("$view" --key demo-key --frame 0 --png "$build/demo" "$tmp/sample.frames")
+echo "picture: $(cd "$(dirname "$png")" && pwd)/$(basename "$png")"

@@ -108,7 +108,8 @@ TEST(ToolCommon, CommandLineValues) {
     EXPECT_TRUE(kxt::parse_utc_time("2106-02-07T06:28:15Z", &t));
     EXPECT_EQ(t, 0xFFFFFFFFu);
     for (const char *bad : {"2106-02-07T06:28:16Z", "1969-12-31T23:59:59Z", "2023-13-01T00:00:00Z",
-                            "2023-11-14T22:13:20+01:00", "yesterday", "", "4294967296"}) {
+                            "2023-11-14T22:13:20+01:00", "yesterday", "", "4294967296", "2023-02-29T00:00:00Z",
+                            "2024-04-31T00:00:00Z", "2023-11-14T22:13:60Z"}) {
         EXPECT_FALSE(kxt::parse_utc_time(bad, &t)) << bad;
     }
     Bytes b;
@@ -120,6 +121,18 @@ TEST(ToolCommon, CommandLineValues) {
     EXPECT_EQ(n, 0xFEE2);
     EXPECT_FALSE(kxt::parse_int("0x10000", 0, 0xFFFF, &n) || kxt::parse_int("12abc", 0, 100, &n));
     EXPECT_EQ(kxt::printable_text((const uint8_t *)"a\\b\x01\0c", 6), "a\\x5cb\\x01");
+}
+
+TEST(ToolCommon, DeviceTextIsUtf8OrGb18030) {
+    auto text = [](const char *bytes, bool raw = false) {
+        return kxt::device_text(reinterpret_cast<const uint8_t *>(bytes), strlen(bytes) + 1, raw);
+    };
+    EXPECT_EQ(text("\xe4\xba\xac" "A12345"), "\xe4\xba\xac" "A12345");  // UTF-8 as it is
+    EXPECT_EQ(text("\xbe\xa9" "A12345"), "\xe4\xba\xac" "A12345");       // GB18030 of the same plate
+    EXPECT_EQ(text("\xbe\xa9" "A", true), "\\xbe\\xa9A");
+    EXPECT_EQ(text("a\tb\\"), "a\\x09b\\");                          // one line, backslash kept
+    EXPECT_EQ(text("\xff\xff"), "\\xff\\xff");                          // neither: escapes
+    EXPECT_EQ(text("\xed\xa0\x80"), "\\xed\\xa0\\x80");              // a surrogate is no UTF-8
 }
 
 }  // namespace

@@ -1,9 +1,11 @@
 // Runs korvex-mkframe and korvex-dump on streams made from the committed test data and checks what the
-// inspector prints, as text and as JSON, for sound, encrypted, broken and foreign input.
-#if defined(KORVEX_DUMP) && defined(KORVEX_MKFRAME)
+// inspector prints, as text and as JSON, for sound, encrypted, broken and foreign input; checks the
+// elementary streams of korvex-dump --es with ffprobe and the pictures of korvex-view pixel by pixel.
+#if defined(KORVEX_DUMP) && defined(KORVEX_MKFRAME) && defined(KORVEX_VIEW)
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -76,6 +78,8 @@ protected:
     }
     Result dump(const std::string &args) { return run(KORVEX_DUMP, args); }
     Result mkframe(const std::string &args) { return run(KORVEX_MKFRAME, args); }
+    Result view(const std::string &args) { return run(KORVEX_VIEW, args); }
+    bool exists(const std::string &name) const { return access(path(name).c_str(), F_OK) == 0; }
 
     // A stream of frames made from a test stream, with the common user data and the extra options.
     std::string make(const std::string &source, const std::string &extra = "") {
@@ -162,9 +166,10 @@ TEST_F(ToolsTest, NewLayoutIsReadByTheTwoLayoutAnalysis) {
     ASSERT_EQ(mkframe("-q -o " + path("bare") + " " + data("testsrc_slices.h265")).status, 0);
     std::vector<Json> bare = json_lines(dump("--json " + path("bare")).out);
     std::string frames = make("testsrc_slices.h265", "--layout new");
-    Result single = dump(frames);
-    EXPECT_EQ(single.status, 0);
-    EXPECT_EQ(count(single.out, "user data: none"), 8);
+    Result found = dump(frames);  // the single-frame analysis passes the new layout over; the other reads it
+    EXPECT_EQ(found.status, 0);
+    EXPECT_EQ(count(found.out, "user data: ok (h265, two-layout analysis)"), 8);
+    EXPECT_EQ(count(found.out, "plate 1: AB123CD"), 8);
 
     std::vector<Json> all = json_lines(dump("--json --mask all " + frames).out);
     ASSERT_EQ(all.size(), 8u);
@@ -252,6 +257,170 @@ TEST_F(ToolsTest, BrokenInputIsReportedWithItsOffset) {
     Result missing = dump(path("nothing-here"));
     EXPECT_EQ(missing.status, 2);
     EXPECT_NE(missing.err.find("cannot open"), std::string::npos);
+}
+
+TEST_F(ToolsTest, LengthRunningOverTheNextHeaderGivesWayToIt) {
+    std::string frames = slurp(make("testsrc_high.h264"));
+    uint32_t first = uint8_t(frames[4]) | uint8_t(frames[5]) << 8;
+    std::string big = frames;
+    big[6] = 0x30, big[4] = big[5] = 0;             // uiFrameLen 3 MiB, the limit,
+    uint32_t payload = 0x300000 - 32;                // and a payload length to match: a sound header
+    for (int i = 0; i < 4; ++i) big[20 + i] = char(payload >> (8 * i));
+    spill(path("big"), big);
+    Result r = dump("--json " + path("big"));
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("frame 0 at offset 0: the header says 3145728 bytes, but the next frame header follows " +
+                         std::to_string(first) + " bytes on"), std::string::npos) << r.err;
+    std::vector<Json> json = json_lines(r.out);
+    ASSERT_EQ(json.size(), 8u);  // nothing behind the wrong length is lost
+    for (int i = 0; i < 8; ++i) expect_common_records(json[i]["userdata"], i);
+
+    std::string over = frames;
+    over[4] = over[5] = 0, over[6] = 0x40;  // 4 MiB: above the limit, named
+    spill(path("over"), over);
+    Result o = dump("-q " + path("over"));
+    EXPECT_NE(o.err.find("uiFrameLen 4194304 is above the limit of 3145728 bytes"), std::string::npos) << o.err;
+    EXPECT_NE(o.out.find("8 frames, 1 broken, 7 with user data"), std::string::npos) << o.out;
+
+    spill(path("empty"), "");
+    for (const char *mode : {"", "--probe ", "--index 0 ", "--es x.h264 "}) {
+        Result e = dump(mode + path("empty"));
+        EXPECT_EQ(e.status, 1) << mode;
+        EXPECT_NE(e.err.find("is empty"), std::string::npos) << e.err;
+    }
+    Result idx = dump("--index 0 " + path("big"));
+    EXPECT_NE(idx.err.find("is not a usable I-frame index: the block is too short"), std::string::npos) << idx.err;
+}
+
+TEST_F(ToolsTest, ElementaryStreamDecodesWithFfprobe) {
+    for (const char *source : {"testsrc_high.h264", "testsrc_main.h265"}) {
+        for (const char *mode : {"plain", "enhanced"}) {
+            SCOPED_TRACE(std::string(source) + " " + mode);
+            std::string frames = make(source, std::string("--encrypt ") + mode + " --key k3y");
+            Result r = dump("--key k3y --es " + path("es") + " " + frames);
+            ASSERT_EQ(r.status, 0) << r.err;
+            Result probe = run(FFPROBE, "-v error -count_frames -show_entries stream=codec_name,nb_read_frames "
+                                        "-of csv=p=0 " + path("es"));
+            EXPECT_EQ(probe.err, "");
+            EXPECT_EQ(probe.out, std::string(source[strlen(source) - 1] == '4' ? "h264" : "hevc") + ",8\n");
+            std::string es = slurp(path("es"));
+            EXPECT_EQ(es.find("QZST"), std::string::npos);  // the user-data units are gone
+            ASSERT_EQ(dump("--key k3y --keep-sei --es - " + frames).status, 0);
+            EXPECT_EQ(count(slurp(path("out.txt")), "QZST"), 8);
+        }
+    }
+    // Without the key nothing is written: no file, a sentence, exit 1.
+    Result none = dump("--es " + path("nokey") + " " + path("s.frames"));
+    EXPECT_EQ(none.status, 1);
+    EXPECT_NE(none.err.find("frame 0 is encrypted: give --key"), std::string::npos) << none.err;
+    EXPECT_FALSE(exists("nokey"));
+}
+
+// The pixel of a 24-bit picture at (x, y).
+struct Rgb {
+    int r, g, b;
+};
+Rgb pixel(const std::string &rgb, int width, int x, int y) {
+    size_t at = (size_t(y) * size_t(width) + size_t(x)) * 3;
+    return {uint8_t(rgb.at(at)), uint8_t(rgb.at(at + 1)), uint8_t(rgb.at(at + 2))};
+}
+bool same(Rgb a, Rgb b, int tolerance = 0) {
+    return abs(a.r - b.r) <= tolerance && abs(a.g - b.g) <= tolerance && abs(a.b - b.b) <= tolerance;
+}
+
+TEST_F(ToolsTest, ViewDrawsTargetsTimeAndPlates) {
+    // One target in the right half, clear of the text at the top and bottom left; 320 x 320 pictures.
+    ASSERT_EQ(mkframe("-q --start-time 2024-05-01T08:00:00Z --vca 5000,4000,9000,8000 --plate AB123CD --encrypt "
+                      "enhanced --key k -o " + path("v.frames") + " " + data("testsrc_main.h265")).status, 0);
+    Result drawn = view("--key k --width 320 --frame 2 --png " + path("on") + " " + path("v.frames"));
+    ASSERT_EQ(drawn.status, 0) << drawn.err;
+    EXPECT_EQ(drawn.out, path("on") + "/frame_000002.png\n");
+    ASSERT_EQ(view("-q --no-overlay --key k --width 320 --frame 2 --png " + path("off") + " " + path("v.frames")).status, 0);
+    std::string on, off;
+    for (const char *name : {"on", "off"}) {
+        Result raw = run(FFMPEG, std::string("-v error -i ") + path(name) + "/frame_000002.png -f rawvideo -pix_fmt rgb24 " +
+                                     path(name) + ".rgb");
+        ASSERT_EQ(raw.status, 0) << raw.err;
+        (name[1] == 'n' ? on : off) = slurp(path(name) + ".rgb");
+    }
+    ASSERT_EQ(on.size(), 320u * 320 * 3);
+    ASSERT_EQ(off.size(), on.size());
+    const Rgb amber = {0xFF, 0x99, 0x00};
+    // Edges at x 160 and 288, y 128 and 256, 2 pixels thick: the box colour on each, nothing inside.
+    for (int y : {150, 192, 240}) {
+        EXPECT_TRUE(same(pixel(on, 320, 160, y), amber, 24)) << y;
+        EXPECT_TRUE(same(pixel(on, 320, 287, y), amber, 24)) << y;
+        EXPECT_TRUE(same(pixel(on, 320, 165, y), pixel(off, 320, 165, y))) << y;
+        EXPECT_TRUE(same(pixel(on, 320, 224, y), pixel(off, 320, 224, y))) << y;
+    }
+    for (int x : {170, 224, 280}) {
+        EXPECT_TRUE(same(pixel(on, 320, x, 128), amber, 24)) << x;
+        EXPECT_TRUE(same(pixel(on, 320, x, 255), amber, 24)) << x;
+        EXPECT_TRUE(same(pixel(on, 320, x, 200), pixel(off, 320, x, 200))) << x;
+    }
+    // The time at the top left and the plate at the bottom left change the picture there.
+    auto changed = [&](int y0, int y1) {
+        int n = 0;
+        for (int y = y0; y < y1; ++y) {
+            for (int x = 0; x < 120; ++x) n += same(pixel(on, 320, x, y), pixel(off, 320, x, y), 8) ? 0 : 1;
+        }
+        return n;
+    };
+    EXPECT_GT(changed(0, 20), 600);
+    EXPECT_GT(changed(300, 320), 600);
+    EXPECT_EQ(changed(100, 120), 0);
+
+    // A video file with the overlays: every frame in it.
+    ASSERT_EQ(view("-q --key k -o " + path("v.mkv") + " " + path("v.frames")).status, 0);
+    Result probe = run(FFPROBE, "-v error -count_frames -show_entries stream=nb_read_frames -of csv=p=0 " + path("v.mkv"));
+    EXPECT_EQ(probe.out, "8\n");
+}
+
+TEST_F(ToolsTest, ViewRefusesBrokenInputWithASentence) {
+    spill(path("garbage"), std::string(5000, 'Z'));
+    Result g = view("--png " + path("png") + " " + path("garbage"));
+    EXPECT_EQ(g.status, 1);
+    EXPECT_NE(g.err.find("no picture decoded"), std::string::npos) << g.err;
+    Result v = view("-o " + path("out.mp4") + " " + path("garbage"));
+    EXPECT_EQ(v.status, 1);
+    EXPECT_FALSE(exists("out.mp4"));
+    std::string frames = slurp(make("testsrc_high.h264"));
+    spill(path("cut"), frames.substr(0, frames.size() / 2));
+    Result cut = view("--png " + path("cut.png") + " " + path("cut"));
+    EXPECT_EQ(cut.status, 1);
+    EXPECT_NE(cut.err.find("truncated"), std::string::npos) << cut.err;
+    EXPECT_EQ(view("--png a -o b.mp4 " + path("cut")).status, 2);
+    EXPECT_EQ(view("--png " + path("p") + " --frame 99 " + path("s.frames")).status, 1);
+}
+
+TEST_F(ToolsTest, Gb18030PlateAndOsdComeOutAsUtf8) {
+    // The plate 京A12345 and the OSD text 中文 in GB18030, as many devices write them.
+    std::string frames = make("testsrc_high.h264", "--plate \"$(printf '\\276\\251A12345')\" "
+                                                   "--osd \"$(printf '\\326\\320\\316\\304')\"");
+    Json ud = json_lines(dump("--json " + frames).out).at(0)["userdata"];
+    EXPECT_EQ(ud["plates"][2], "\xe4\xba\xac" "A12345");
+    EXPECT_EQ(ud["osd"][1]["text"], "\xe4\xb8\xad\xe6\x96\x87");
+    Result raw = dump("--raw-text " + frames);
+    EXPECT_NE(raw.out.find("plate 3: \\xbe\\xa9A12345"), std::string::npos);
+}
+
+TEST_F(ToolsTest, MkframeRefusesWhatCannotBe) {
+    const std::string in = " -o " + path("x") + " " + data("testsrc_high.h264");
+    const char *refused[][2] = {
+        {"--start-time 2023-02-29T00:00:00Z", "use a date that exists"},
+        {"--vca 6000,1000,5000,2000", "X1 6000 lies right of X2 5000"},
+        {"--vca 1000,6000,2000,5000", "Y1 6000 lies below Y2 5000"},
+        {"--codec h265", "--codec h265, but the probes find h264"},
+        {"--start-time 4294967295 --fps 1", "would pass 2106-02-07T06:28:15Z"},
+    };
+    for (const auto &c : refused) {
+        Result r = mkframe(c[0] + in);
+        EXPECT_EQ(r.status, 2) << c[0];
+        EXPECT_NE(r.err.find(c[1]), std::string::npos) << r.err;
+        EXPECT_FALSE(exists("x"));
+    }
+    EXPECT_EQ(mkframe("--codec h265 --force" + in).status, 0);
+    EXPECT_EQ(mkframe("--start-time 4294967288 --fps 1" + in).status, 0);  // the last frame at 2^32 - 1
 }
 
 // The splitting itself is checked on all the test streams with the tools' own code.

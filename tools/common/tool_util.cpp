@@ -2,10 +2,13 @@
 
 #include <ctype.h>
 #include <errno.h>
+#include <iconv.h>
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 namespace kxt {
 
@@ -94,7 +97,7 @@ bool parse_utc_time(const std::string &text, uint32_t *out) {
         while (isdigit((unsigned char)*rest)) ++rest;
     }
     if (*rest == 'Z') ++rest;
-    if (*rest != '\0' || mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || s > 60) return false;
+    if (*rest != '\0' || mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || s > 59) return false;
     struct tm tm;
     memset(&tm, 0, sizeof(tm));
     tm.tm_year = y - 1900;
@@ -105,6 +108,10 @@ bool parse_utc_time(const std::string &text, uint32_t *out) {
     tm.tm_sec = s;
     long long t = (long long)timegm(&tm);
     if (t < 0 || t > 0xFFFFFFFFLL) return false;
+    // A day that the month doesn't have (2023-02-29, 04-31) comes back as another date: refused.
+    struct tm back;
+    time_t tt = time_t(t);
+    if (gmtime_r(&tt, &back) == nullptr || back.tm_mday != d || back.tm_mon != mo - 1) return false;
     *out = uint32_t(t);
     return true;
 }
@@ -136,15 +143,28 @@ bool read_file(const std::string &path, Bytes *out) {
 }
 
 bool write_file(const std::string &path, const Bytes &data) {
-    FILE *f = path == "-" ? stdout : fopen(path.c_str(), "wb");
-    if (f == nullptr) {
-        errorf("cannot create '%s': %s", path.c_str(), strerror(errno));
-        return false;
+    // A file is written under a temporary name beside it and renamed when complete, so that a failed
+    // run leaves no half-written file.
+    std::string tmp = path + ".XXXXXX";
+    FILE *f = stdout;
+    if (path != "-") {
+        int fd = mkstemp(&tmp[0]);
+        mode_t mask = umask(0);
+        umask(mask);
+        if (fd >= 0) (void)fchmod(fd, 0666 & ~mask);
+        f = fd < 0 ? nullptr : fdopen(fd, "wb");
+        if (f == nullptr) {
+            errorf("cannot create '%s': %s", path.c_str(), strerror(errno));
+            if (fd >= 0) close(fd);
+            return false;
+        }
     }
     bool ok = data.empty() || fwrite(data.data(), 1, data.size(), f) == data.size();
     ok = (fflush(f) == 0) && ok;
     if (f != stdout) ok = (fclose(f) == 0) && ok;
+    if (ok && f != stdout && rename(tmp.c_str(), path.c_str()) != 0) ok = false;
     if (!ok) errorf("cannot write '%s': %s", path.c_str(), strerror(errno));
+    if (!ok && f != stdout) unlink(tmp.c_str());
     return ok;
 }
 
@@ -181,6 +201,73 @@ std::string printable_text(const uint8_t *p, size_t n) {
         }
     }
     return s;
+}
+
+}  // namespace kxt
+
+namespace kxt {
+
+namespace {
+
+// Length of the UTF-8 sequence at p (at most n bytes), or 0 when it is not a well-formed one
+// (overlong forms, surrogates and values above U+10FFFF included).
+size_t utf8_sequence(const uint8_t *p, size_t n) {
+    uint8_t c = p[0];
+    if (c < 0x80) return 1;
+    size_t len = c >= 0xC2 && c <= 0xDF ? 2 : (c & 0xF0) == 0xE0 ? 3 : c >= 0xF0 && c <= 0xF4 ? 4 : 0;
+    if (len == 0 || len > n) return 0;
+    for (size_t i = 1; i < len; ++i) {
+        if ((p[i] & 0xC0) != 0x80) return 0;
+    }
+    if (c == 0xE0 && p[1] < 0xA0) return 0;   // overlong
+    if (c == 0xED && p[1] >= 0xA0) return 0;  // surrogate
+    if (c == 0xF0 && p[1] < 0x90) return 0;   // overlong
+    if (c == 0xF4 && p[1] >= 0x90) return 0;  // above U+10FFFF
+    return len;
+}
+
+bool valid_utf8(const uint8_t *p, size_t n) {
+    for (size_t i = 0; i < n;) {
+        size_t len = utf8_sequence(p + i, n - i);
+        if (len == 0) return false;
+        i += len;
+    }
+    return true;
+}
+
+// Control characters of well-formed UTF-8 text as \xHH, so that the text stays on one line.
+std::string escape_controls(const std::string &text) {
+    std::string s;
+    for (unsigned char c : text) {
+        if (c < 0x20 || c == 0x7F) {
+            char b[8];
+            snprintf(b, sizeof(b), "\\x%02x", c);
+            s += b;
+        } else {
+            s += char(c);
+        }
+    }
+    return s;
+}
+
+}  // namespace
+
+std::string device_text(const uint8_t *p, size_t n, bool raw) {
+    if (raw) return printable_text(p, n);
+    size_t len = 0;
+    while (len < n && p[len] != 0) ++len;
+    if (valid_utf8(p, len)) return escape_controls(std::string(reinterpret_cast<const char *>(p), len));
+    iconv_t cd = iconv_open("UTF-8", "GB18030");
+    if (cd == (iconv_t)-1) return printable_text(p, len);
+    std::string out(len * 4 + 4, '\0');
+    char *in = const_cast<char *>(reinterpret_cast<const char *>(p));
+    size_t in_left = len, out_left = out.size();
+    char *dst = &out[0];
+    size_t rc = iconv(cd, &in, &in_left, &dst, &out_left);
+    iconv_close(cd);
+    if (rc == size_t(-1) || in_left != 0) return printable_text(p, len);
+    out.resize(out.size() - out_left);
+    return escape_controls(out);
 }
 
 }  // namespace kxt

@@ -35,7 +35,8 @@ bool parse_positive_double(const std::string &text, double *out);
 bool parse_hex(const std::string &text, Bytes *out);
 
 // Seconds since 1970 from "2023-11-14T22:13:20Z" (the Z, a space for the T and fractional seconds are
-// accepted; the time is always UTC) or from a plain number of seconds. Must fit 32 bits unsigned.
+// accepted; the time is always UTC) or from a plain number of seconds. Must fit 32 bits unsigned and
+// name a day that exists.
 bool parse_utc_time(const std::string &text, uint32_t *out);
 // "2023-11-14T22:13:20Z" from calendar fields.
 std::string iso8601_utc(int year, int month, int day, int hour, int minute, int second);
@@ -44,7 +45,8 @@ std::string iso8601_utc(int year, int month, int day, int hour, int minute, int 
 bool read_file(const std::string &path, Bytes *out);
 // Opens a file for reading, or standard input for "-"; null with a message on failure.
 FILE *open_input(const std::string &path);
-// Writes a whole buffer to a file, or to standard output for "-". On failure prints a message.
+// Writes a whole buffer to a file (under a temporary name, renamed when complete), or to standard output
+// for "-". On failure prints a message and leaves no file behind.
 bool write_file(const std::string &path, const Bytes &data);
 
 // "de ad be ef" of the first max bytes, with " ..." behind when there are more.
@@ -54,5 +56,9 @@ std::string hex_compact(const uint8_t *p, size_t n, size_t max = 16);
 // Text of a zero-padded field: up to the first zero byte within n, other bytes outside the printable
 // ASCII range written as \xHH so that output stays one line of plain text.
 std::string printable_text(const uint8_t *p, size_t n);
+// Text that a device wrote (a plate, an OSD text): up to the first zero byte within n, as UTF-8. Valid
+// UTF-8 stays as it is, anything else is decoded from GB18030; control characters, and bytes that
+// neither decodes, become \xHH. With raw, printable_text.
+std::string device_text(const uint8_t *p, size_t n, bool raw);
 
 }  // namespace kxt

@@ -5,6 +5,7 @@
 
 #include <stdint.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,9 @@ struct Options {
     bool quiet = false;      // no frame lines, only errors and the summary
     bool verbose = false;    // the library's own error lines on standard error
     int progress = -1;       // -1 decide by the terminal, 0 never, 1 always
+    bool raw_text = false;   // plates and OSD text as printable ASCII with \xHH escapes
+    std::string es_out;      // --es: where the clear elementary stream goes ("-" standard output)
+    bool keep_sei = false;   // --keep-sei: the user-data units stay in the elementary stream
 };
 
 // A block or record shown as its type, length and the first bytes.
@@ -70,6 +74,7 @@ struct UserDataReport {
     std::vector<int> callbacks;    // types in the order the callback saw them
     const uint8_t *rest = nullptr; // two-layout analysis: what follows a new container
     int rest_len = -1;
+    bool two_layout = false;       // the two-layout analysis ran after the single-frame one found nothing
 };
 
 struct FrameReport {
@@ -89,8 +94,28 @@ struct FrameReport {
     UserDataReport ud;
 };
 
+// What a walk saw.
+struct WalkTotals {
+    long long frames = 0, broken = 0, with_user_data = 0;
+    kxt::Codec codec = kxt::Codec::kUnknown;
+};
+
+// Called for every frame with its report and its held bytes; the bytes are clear (decrypted where the
+// frame was encrypted) when r.skip_reason is empty, and null when not even a header was there.
+// Returning false ends the walk.
+using FrameVisitor = std::function<bool(const FrameReport &r, const uint8_t *frame)>;
+
+// Reads the frames of o.input one behind the other, reports every broken frame on standard error and
+// hands each frame to visit. 0, or 2 when the input cannot be opened or read.
+int walk(const Options &o, const FrameVisitor &visit, WalkTotals *totals);
+
 // Walks the frames of the input and prints each; the exit status of the tool.
 int walk_frames(const Options &o);
+// --es: writes the frames' clear payloads as one Annex B stream; the exit status of the tool.
+int write_elementary_stream(const Options &o);
+// The frame's payload as Annex B units, without the user-data units unless keep_sei; empty when the
+// payload holds no start code.
+Bytes clear_payload(const uint8_t *frame, size_t held, uint32_t payload_len, kxt::Codec codec, bool keep_sei);
 // --probe and --index; the exit status of the tool.
 int run_probe(const Options &o);
 int run_index(const Options &o);

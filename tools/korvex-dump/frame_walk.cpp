@@ -1,7 +1,9 @@
 // The walk over a stream of frames: each frame is a 32-byte header and its data, one behind the other.
 // A frame with a sound header is read whole, decrypted when asked and possible, and analysed. A broken
-// header is reported and the walk searches on, byte by byte, for the next sound header; a frame cut off
-// by the end of the input is analysed as far as it goes and ends the walk.
+// header is reported and the walk searches on, byte by byte, for the next sound header. A frame whose
+// claimed length runs over the next sound header (one the stream goes on from) ends at that header, so
+// one wrong length loses no sound frame behind it. A frame cut off by the end of the input is analysed
+// as far as it goes and ends the walk.
 #include <errno.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -105,10 +107,10 @@ public:
         if (t - start_ < 1.0 || t - last_ < 0.2) return;
         last_ = t;
         if (total_ > 0) {
-            fprintf(stderr, "\rkorvex-dump: frame %lld, %.1f of %.1f MB (%d%%)\033[K", frames, offset / 1e6,
+            fprintf(stderr, "\r%s: frame %lld, %.1f of %.1f MB (%d%%)\033[K", kxt::program_name(), frames, offset / 1e6,
                     total_ / 1e6, int(offset * 100 / total_));
         } else {
-            fprintf(stderr, "\rkorvex-dump: frame %lld, %.1f MB\033[K", frames, offset / 1e6);
+            fprintf(stderr, "\r%s: frame %lld, %.1f MB\033[K", kxt::program_name(), frames, offset / 1e6);
         }
         shown_ = true;
     }
@@ -152,9 +154,42 @@ const char *decrypt_failure(int rc) {
     }
 }
 
+// A sound header inside a frame's claimed length stands for the next frame when the stream goes on
+// from it: its own frame ends at the end of the input or at another sound header. The length of the
+// frame up to it, or 0 when there is none.
+size_t next_header_inside(Input &in, size_t claimed) {
+    for (size_t k = KX_FRAME_HEADER_LEN;; ++k) {
+        size_t avail = in.fill(std::min(claimed, k + KX_FRAME_HEADER_LEN));
+        if (k >= claimed || k + KX_FRAME_HEADER_LEN > avail) return 0;
+        const uint8_t *p = in.data() + k;
+        if (p[7] != 0 || p[23] != 0 || !sound_header(p)) continue;  // both lengths are below 2^24
+        size_t end = k + fh_frame_len(p);
+        avail = in.fill(end + KX_FRAME_HEADER_LEN);
+        if (end == avail || (end + KX_FRAME_HEADER_LEN <= avail && sound_header(in.data() + end))) return k;
+    }
+}
+
+std::string header_error(const FrameReport &r) {
+    char msg[200];
+    if (r.frame_len > KX_FRAME_MAX_LEN || r.payload_len > KX_FRAME_MAX_LEN) {
+        bool frame = r.frame_len > KX_FRAME_MAX_LEN;
+        snprintf(msg, sizeof(msg), "invalid frame header: %s %u is above the limit of %u bytes (3 MiB)",
+                 frame ? "uiFrameLen" : "uiPayloadLen", frame ? r.frame_len : r.payload_len,
+                 unsigned(KX_FRAME_MAX_LEN));
+    } else if (r.frame_len < KX_FRAME_HEADER_LEN) {
+        snprintf(msg, sizeof(msg), "invalid frame header: uiFrameLen %u is shorter than the 32-byte header",
+                 r.frame_len);
+    } else {
+        snprintf(msg, sizeof(msg),
+                 "invalid frame header: uiFrameLen %u is not 32 + uiPayloadLen %u + extension %u x %u",
+                 r.frame_len, r.payload_len, r.ext_count, r.ext_size);
+    }
+    return msg;
+}
+
 }  // namespace
 
-int walk_frames(const Options &o) {
+int walk(const Options &o, const FrameVisitor &visit, WalkTotals *totals) {
     FILE *f = kxt::open_input(o.input);
     if (f == nullptr) return 2;
     struct stat st;
@@ -171,15 +206,16 @@ int walk_frames(const Options &o) {
     Bytes split(sizeof(TUserDataSplitState), 0);
     unsigned char key[17] = {0};  // the enhanced cipher reads 16 bytes at the key
     memcpy(key, o.key.data(), std::min(o.key.size(), size_t(16)));
-    Codec codec = o.codec;
-    long long frames = 0, broken = 0, with_user_data = 0;
-    bool read_failed = false;
+    WalkTotals &t = *totals;
+    t = WalkTotals();
+    t.codec = o.codec;
+    bool stop = false;
 
-    for (;;) {
+    while (!stop) {
         size_t avail = in.fill(KX_FRAME_HEADER_LEN);
         if (avail == 0) break;
         FrameReport r;
-        r.index = frames++;
+        r.index = t.frames++;
         r.offset = in.offset();
         if (avail < KX_FRAME_HEADER_LEN) {
             r.error = "only " + std::to_string(avail) + " bytes left, too short for a frame header";
@@ -187,19 +223,14 @@ int walk_frames(const Options &o) {
         } else {
             read_header(in.data(), &r);
             r.valid = sound_header(in.data());
-        }
-        if (r.has_header && !r.valid) {
-            char msg[160];
-            snprintf(msg, sizeof(msg), "invalid frame header (uiFrameLen %u, uiPayloadLen %u, extension %u x %u)",
-                     r.frame_len, r.payload_len, r.ext_count, r.ext_size);
-            r.error = msg;
+            if (!r.valid) r.error = header_error(r);
         }
         if (!r.error.empty()) {
-            ++broken;
+            ++t.broken;
             report_error("frame %lld at offset %llu: %s", r.index, (unsigned long long)r.offset, r.error.c_str());
-            print_frame(o, r);
+            stop = !visit(r, r.has_header ? in.data() : nullptr);
             uint64_t skipped = 0;
-            if (!r.has_header) break;
+            if (!r.has_header || stop) break;
             if (resync(in, &skipped)) {
                 report_error("found the next frame header at offset %llu, %llu bytes on",
                              (unsigned long long)in.offset(), (unsigned long long)skipped);
@@ -209,10 +240,14 @@ int walk_frames(const Options &o) {
             break;
         }
 
-        r.held = std::min(in.fill(r.frame_len), size_t(r.frame_len));
+        size_t cut = next_header_inside(in, r.frame_len);
+        r.held = cut != 0 ? cut : std::min(in.fill(r.frame_len), size_t(r.frame_len));
         uint8_t *frame = in.data();
-        bool truncated = r.held < r.frame_len;
-        if (truncated) {
+        bool truncated = r.held < r.frame_len && cut == 0;
+        if (cut != 0) {
+            r.error = "the header says " + std::to_string(r.frame_len) + " bytes, but the next frame header follows " +
+                      std::to_string(cut) + " bytes on; read as " + std::to_string(cut) + " bytes";
+        } else if (truncated) {
             r.error = "truncated: the header says " + std::to_string(r.frame_len) + " bytes, " +
                       std::to_string(r.held) + " are present";
         }
@@ -235,37 +270,45 @@ int walk_frames(const Options &o) {
         if (r.skip_reason.empty()) {
             const uint8_t *data = frame + KX_FRAME_HEADER_LEN;
             size_t data_len = r.held - KX_FRAME_HEADER_LEN;
-            if (codec == Codec::kUnknown) codec = kxt::probe_codec(data, data_len);
+            if (t.codec == Codec::kUnknown) t.codec = kxt::probe_codec(data, data_len);
             // Until a frame with parameter sets and a key picture names the codec, a frame that begins
             // with the H.265 user-data unit is read as H.265, any other as H.264.
-            r.codec = codec != Codec::kUnknown ? codec
+            r.codec = t.codec != Codec::kUnknown ? t.codec
                       : starts_with_user_data(data, data_len, Codec::kH265) ? Codec::kH265
                                                                             : Codec::kH264;
             analyse_user_data(o, frame, r.held, r.codec, split.data(), int(split.size()), &r.ud);
-            if (r.ud.status == "ok" || r.ud.status == "fragment") ++with_user_data;
+            if (r.ud.status == "ok" || r.ud.status == "fragment") ++t.with_user_data;
         }
         if (!r.error.empty()) {
-            ++broken;
+            ++t.broken;
             report_error("frame %lld at offset %llu: %s", r.index, (unsigned long long)r.offset, r.error.c_str());
         }
-        print_frame(o, r);
+        stop = !visit(r, frame);
         in.consume(r.held);
-        progress.update(frames, in.offset());
+        progress.update(t.frames, in.offset());
         if (truncated) break;
     }
-    if (in.error() != 0) {
-        report_error("cannot read '%s': %s", o.input.c_str(), strerror(in.error()));
-        read_failed = true;
-    }
     progress.clear();
+    int rc = 0;
+    if (in.error() != 0) {
+        kxt::errorf("cannot read '%s': %s", o.input.c_str(), strerror(in.error()));
+        rc = 2;
+    }
     if (f != stdin) fclose(f);
-    if (frames == 0 && !read_failed) {
-        kxt::errorf("no frames in '%s'", o.input.c_str());
+    return rc;
+}
+
+int walk_frames(const Options &o) {
+    WalkTotals t;
+    int rc = walk(o, [&](const FrameReport &r, const uint8_t *) { print_frame(o, r); return true; }, &t);
+    if (rc != 0 && t.frames == 0) return rc;
+    if (t.frames == 0) {
+        kxt::errorf("'%s' is empty: no frames to read", o.input.c_str());
         return 1;
     }
-    print_summary(o, frames, broken, with_user_data, codec);
-    if (read_failed) return 2;
-    return broken > 0 ? 1 : 0;
+    print_summary(o, t.frames, t.broken, t.with_user_data, t.codec);
+    if (rc != 0) return rc;
+    return t.broken > 0 ? 1 : 0;
 }
 
 }  // namespace kxd

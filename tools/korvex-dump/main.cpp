@@ -14,6 +14,7 @@ const char kHelp[] =
     "    korvex-dump [OPTIONS] [FILE]\n"
     "    korvex-dump --probe [--json] [FILE]\n"
     "    korvex-dump --index SIGN [--ordinal N] [--json] [FILE]\n"
+    "    korvex-dump --es OUT [--key KEY] [--keep-sei] [FILE]\n"
     "\n"
     "DESCRIPTION\n"
     "    Reads frames one behind the other from FILE (or standard input, also for -): each a 32-byte\n"
@@ -24,18 +25,27 @@ const char kHelp[] =
     "    on the 176 x 144 grid and unscaled (in ten-thousandths of the picture), licence plates, OSD\n"
     "    text, PTZ data and the other kinds, and blocks passed on raw as type, length and hex.\n"
     "\n"
+    "    Where the single-frame analysis finds nothing in a frame whose data begins with a container\n"
+    "    of either layout (F0 old, F1 new), the two-layout analysis runs on it for every type.\n"
+    "    Plates and OSD texts print as text: UTF-8 as it is, anything else decoded from GB18030.\n"
+    "\n"
     "    A frame with an invalid header is reported with its offset and the walk searches on for the\n"
-    "    next valid header; a frame cut short by the end of the input is analysed as far as it goes.\n"
-    "    Containers split over consecutive frames are joined. A progress line appears on standard\n"
-    "    error for long walks when standard error is a terminal and standard output is not.\n"
+    "    next valid header. A frame whose length runs over the next valid header ends there; a frame\n"
+    "    cut short by the end of the input is analysed as far as it goes. Containers split over\n"
+    "    consecutive frames are joined. A progress line appears on standard error for long walks\n"
+    "    when standard error is a terminal and standard output is not.\n"
     "\n"
     "OPTIONS\n"
     "    --key KEY        decrypt encrypted frames with KEY (1 to 16 characters)\n"
+    "    --es OUT         write the frames' payloads, decrypted, as one Annex B elementary stream to\n"
+    "                     OUT (- for standard output) that ffprobe and ffplay open; no frame lines\n"
+    "    --keep-sei       with --es: keep the user-data SEI units (they are removed by default)\n"
+    "    --raw-text       plates and OSD texts as printable ASCII, other bytes as \\xHH escapes\n"
     "    --json           one JSON object per frame, one per line (--probe and --index: one object)\n"
-    "    --mask MASK      the two-layout analysis instead of the single-frame one: the frame's data\n"
-    "                     must begin with an old (F0) or new (F1) container; only blocks whose bit is\n"
-    "                     set in MASK are decoded (bit 0 time, 3 VCA targets, 7 plates, 8 OSD, 15 PTZ,\n"
-    "                     ...); MASK is a number (0x1A9) or all\n"
+    "    --mask MASK      the two-layout analysis for every frame instead of the single-frame one: the\n"
+    "                     frame's data must begin with an old (F0) or new (F1) container; only blocks\n"
+    "                     whose bit is set in MASK are decoded (bit 0 time, 3 VCA targets, 7 plates,\n"
+    "                     8 OSD, 15 PTZ, ...); MASK is a number (0x1A9) or all\n"
     "    --codec auto|h264|h265\n"
     "                     the codec of the frames' data, which selects the user-data patterns; auto\n"
     "                     (the default) takes the first frame that the probes recognise\n"
@@ -61,6 +71,7 @@ const char kHelp[] =
     "    korvex-dump cam.frames\n"
     "    korvex-dump --key secret --json cam.frames | jq .userdata.time.utc\n"
     "    korvex-dump --mask all cam.frames\n"
+    "    korvex-dump --key secret --es cam.h264 cam.frames && ffplay cam.h264\n"
     "    korvex-dump --probe in.h264\n"
     "    korvex-dump --index 1 cam.index\n";
 
@@ -89,6 +100,14 @@ int parse_options(int argc, char **argv, kxd::Options *o) {
             o->quiet = true;
         } else if (a == "-v" || a == "--verbose") {
             o->verbose = true;
+        } else if (a == "--raw-text") {
+            o->raw_text = true;
+        } else if (a == "--keep-sei") {
+            o->keep_sei = true;
+        } else if (a == "--es") {
+            if (!value()) return 2;
+            if (v.empty()) return errorf("--es needs a file name (or - for standard output)"), 2;
+            o->es_out = v;
         } else if (a == "--progress") {
             o->progress = 1;
         } else if (a == "--no-progress") {
@@ -137,6 +156,13 @@ int parse_options(int argc, char **argv, kxd::Options *o) {
     if (inputs > 1) return errorf("give at most one input (see --help)"), 2;
     if (o->probe && o->index) return errorf("--probe and --index exclude each other"), 2;
     if (o->ordinal != 0 && !o->index) return errorf("--ordinal goes with --index"), 2;
+    if (!o->es_out.empty() && (o->probe || o->index || o->json)) {
+        return errorf("--es goes with neither --probe, --index nor --json"), 2;
+    }
+    if (o->keep_sei && o->es_out.empty()) return errorf("--keep-sei goes with --es"), 2;
+    if (!o->es_out.empty() && o->es_out != "-" && o->es_out == o->input) {
+        return errorf("--es would overwrite its input '%s'", o->input.c_str()), 2;
+    }
     return 0;
 }
 
@@ -145,11 +171,17 @@ int parse_options(int argc, char **argv, kxd::Options *o) {
 int main(int argc, char **argv) {
     kxt::set_program_name("korvex-dump");
     kxd::Options o;
+    if (argc == 1 && isatty(0)) {
+        // Nothing given and nothing piped in: say how to use the tool rather than wait for input.
+        fputs("usage: korvex-dump [OPTIONS] FILE (or - for standard input); korvex-dump --help tells more\n", stderr);
+        return 2;
+    }
     int rc = parse_options(argc, argv, &o);
     if (rc != 0) return rc < 0 ? 0 : rc;
     // The tool reports every failure itself; the library's lines (which name the key) only on request.
     sdk_log_set_level(o.verbose ? SDK_LOG_LEVEL_ERR : 0, 0, 0);
     if (o.probe) return kxd::run_probe(o);
     if (o.index) return kxd::run_index(o);
+    if (!o.es_out.empty()) return kxd::write_elementary_stream(o);
     return kxd::walk_frames(o);
 }

@@ -122,7 +122,10 @@ void print_text(const FrameReport &r) {
         printf("  user data: none\n");
         return;
     }
-    if (u.result == 0) printf("  user data: %s (%s)\n", u.status.c_str(), kxt::codec_name(r.codec));
+    if (u.result == 0) {
+        printf("  user data: %s (%s%s)\n", u.status.c_str(), kxt::codec_name(r.codec),
+               u.two_layout ? ", two-layout analysis" : "");
+    }
     else printf("  user data: %s (%d, %s)\n", u.status.c_str(), u.result, userdata_result_text(u.result));
     if (u.has_time) printf("    time: %s (%u)\n", time_text(u.time).c_str(), u.time.uiSeconds);
     int n = 0;

@@ -15,6 +15,7 @@ using Json = nlohmann::ordered_json;
 int run_probe(const Options &o) {
     Bytes in;
     if (!kxt::read_file(o.input, &in)) return 2;
+    if (in.empty()) return kxt::errorf("'%s' is empty: nothing to probe", o.input.c_str()), 1;
     int len = in.size() > size_t(INT_MAX) ? INT_MAX : int(in.size());
     int h264 = H264_Probe(in.data(), len);
     int h265 = H265_Probe(in.data(), len);
@@ -64,9 +65,9 @@ namespace {
 
 const char *index_error(int rc) {
     switch (rc) {
-    case -101: return "null pointer";
-    case -104: return "the block is too short for its head or for the items its head announces";
-    case -100: return "sign type out of range";
+    case -101: return "the block is empty";
+    case -104: return "the block is too short for its 44-byte head or for the items its head announces";
+    case -100: return "the sign type is out of range";
     default: return "refused";
     }
 }
@@ -76,6 +77,7 @@ const char *index_error(int rc) {
 int run_index(const Options &o) {
     Bytes in;
     if (!kxt::read_file(o.input, &in)) return 2;
+    if (in.empty()) return kxt::errorf("'%s' is empty: no I-frame index to read", o.input.c_str()), 1;
     if (in.size() > size_t(INT_MAX)) {
         kxt::errorf("'%s' is too large for an index block", o.input.c_str());
         return 1;
@@ -87,7 +89,7 @@ int run_index(const Options &o) {
     int room = sizeof(q);
     int rc = SA_GetIFrameInfo(o.sign_type + 100, in.data(), size, &q, &room);
     if (rc != 0) {
-        kxt::errorf("'%s': not a usable I-frame index: %s (%d)", o.input.c_str(), index_error(rc), rc);
+        kxt::errorf("'%s' is not a usable I-frame index: %s", o.input.c_str(), index_error(rc));
         return 1;
     }
     uint32_t count = kxt::rd32(&in[32]), item_size = kxt::rd32(&in[36]);

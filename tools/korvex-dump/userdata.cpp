@@ -1,7 +1,8 @@
 // The user-data part of the inspector: runs the library's analyses on one frame and gathers what they
 // decoded. The single-frame analysis (the default) asks for all types into a tagUserDataAll, and once
 // more for VCA targets into a tagVcaTargetGet, since the all-types record has no place for them. The
-// two-layout analysis (--mask) fills the slots of a tagUserDataOut. Every decoder also reports its
+// two-layout analysis (--mask, or where the single-frame one finds nothing in a frame that begins with
+// a container) fills the slots of a tagUserDataOut. Every decoder also reports its
 // block through the callback; kinds without a record of their own are shown from there.
 #include <string.h>
 
@@ -40,7 +41,7 @@ RawView raw_view(const Call &c) {
 }
 
 // An OSD record: sub-type at 0; for sub-type 7 the text length at 28 and the text from 32.
-OsdView osd_view(const Call &c) {
+OsdView osd_view(const Call &c, bool raw_text) {
     OsdView v;
     v.raw = raw_view(c);
     if (c.data.size() >= 4) v.subtype = int32_t(kxt::rd32(c.data.data()));
@@ -50,7 +51,7 @@ OsdView osd_view(const Call &c) {
         size_t n = len < 0 ? 0 : size_t(len) < room ? size_t(len) : room;
         if (n > 512) n = 512;
         v.has_text = true;
-        v.text = kxt::printable_text(c.data.data() + 32, n);
+        v.text = kxt::device_text(c.data.data() + 32, n, raw_text);
     }
     return v;
 }
@@ -70,9 +71,11 @@ void add_targets(const TVcaTarget *scaled, const TVcaTargetRaw *raw, int count, 
     }
 }
 
-void add_plates(const tagLprInfo &lpr, std::vector<std::string> *out) {
+void add_plates(const tagLprInfo &lpr, bool raw_text, std::vector<std::string> *out) {
     int n = lpr.iCount < 0 ? 0 : lpr.iCount > 10 ? 10 : lpr.iCount;
-    for (int i = 0; i < n; ++i) out->push_back(kxt::printable_text(lpr.atEntry[i], sizeof(lpr.atEntry[i])));
+    for (int i = 0; i < n; ++i) {
+        out->push_back(kxt::device_text(lpr.atEntry[i], sizeof(lpr.atEntry[i]), raw_text));
+    }
 }
 
 bool saw(const std::vector<Call> &calls, int type) {
@@ -161,13 +164,13 @@ void analyse_user_data(const Options &o, const uint8_t *frame, size_t held, kxt:
     add_targets(vca->atTarget, vca->atTargetRaw, vca->usTargetCount > 32 ? 32 : vca->usTargetCount, false, &out->vca);
     add_targets(vca->atTargetNew, vca->atTargetNewRaw, vca->usTargetNewCount > 128 ? 128 : vca->usTargetNewCount,
                 true, &out->vca);
-    if (lpr != nullptr) add_plates(*lpr, &out->plates);
+    if (lpr != nullptr) add_plates(*lpr, o.raw_text, &out->plates);
 
     int previous = -1;
     for (const Call &c : calls) {
         out->callbacks.push_back(c.type);
         if (c.type == 8) {
-            out->osd.push_back(osd_view(c));
+            out->osd.push_back(osd_view(c, o.raw_text));
         } else if (c.type > 44 && c.type != kEndOfWalk) {
             // A new container reports targets and OSD blocks a second time, raw: shown once.
             bool repeat = (c.type == 0xFED2 && previous == 3) || (c.type == 0xFEDC && previous == 8);
@@ -187,6 +190,17 @@ void analyse_user_data(const Options &o, const uint8_t *frame, size_t held, kxt:
         break;
     case -106: out->status = "fragment"; break;
     default: out->status = "error"; break;
+    }
+    if (!o.two_layout && out->status == "none" && held > 32 && starts_with_user_data(frame + 32, held - 32, codec)) {
+        // A container the single-frame analysis passes over (the new layout): the two-layout analysis
+        // reads either layout, here for every type.
+        Options all = o;
+        all.two_layout = true;
+        all.type = 255;
+        all.mask = 0x7FFFFFFF;
+        *out = UserDataReport();
+        analyse_user_data(all, frame, held, codec, split_state, split_state_size, out);
+        out->two_layout = true;
     }
 }
 

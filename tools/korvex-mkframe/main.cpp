@@ -35,15 +35,19 @@ const char kHelp[] =
     "OPTIONS\n"
     "    -o, --output FILE     where the frames go; - is standard output (never a terminal)\n"
     "    --codec auto|h264|h265\n"
-    "                          the input's codec; auto (the default) asks the H.264 and H.265 probes\n"
+    "                          the input's codec; auto (the default) asks the H.264 and H.265 probes;\n"
+    "                          a codec that the probes contradict needs --force\n"
+    "    --force               take --codec even where the probes find the other codec\n"
     "    --max-frames N        only the first N access units\n"
     "    --first-frame-no N    uiFrameNo of the first frame (default 1); each frame counts one up\n"
     "    --start-time TIME     put an absolute-time block into every frame: TIME is UTC, as\n"
     "                          2023-11-14T22:13:20Z or as seconds since 1970; frame i carries\n"
     "                          TIME + floor(i / FPS)\n"
-    "    --fps FPS             frame rate for --start-time (default 25; 29.97 is fine)\n"
+    "    --fps FPS             frame rate for --start-time (default 25; 29.97 is fine); the last\n"
+    "                          frame's time must not pass 2^32 - 1 seconds\n"
     "    --vca X1,Y1,X2,Y2[,W5,W6,W7,W8]\n"
-    "                          a VCA target rectangle in ten-thousandths of the picture (0-10000),\n"
+    "                          a VCA target rectangle in ten-thousandths of the picture (0-10000,\n"
+    "                          X1 <= X2, Y1 <= Y2),\n"
     "                          with up to four more words carried unchanged (e.g. id, class);\n"
     "                          repeatable (16 targets in the old layout, 128 in the new)\n"
     "    --plate TEXT          a licence plate (at most 100 characters); repeatable, at most 10\n"
@@ -64,7 +68,8 @@ const char kHelp[] =
     "\n"
     "EXIT STATUS\n"
     "    0 frames written; 1 the input holds no stream of a known codec, or the user data or a frame is\n"
-    "    too large; 2 bad options or files.\n"
+    "    too large; 2 bad options (a date that doesn't exist, a reversed target, a contradicted codec,\n"
+    "    a time past 2^32 - 1 seconds) or files.\n"
     "\n"
     "EXAMPLES\n"
     "    ffmpeg -f lavfi -i testsrc=size=320x240:rate=25 -frames:v 50 -f h264 in.h264\n"
@@ -87,9 +92,12 @@ struct Options {
     int encrypt = 0;  // 0 none, 1 plain, 2 enhanced
     std::string key;
     bool quiet = false;
+    bool force = false;  // --force: a --codec that the probes contradict
 };
 
-bool parse_vca(const std::string &text, VcaRect *out) {
+// Empty on success, else why the target is refused.
+std::string parse_vca(const std::string &text, VcaRect *out) {
+    const std::string form = "X1,Y1,X2,Y2 in 0-10000, then up to four words";
     memset(out, 0, sizeof(*out));
     std::vector<long long> v;
     size_t pos = 0;
@@ -97,18 +105,20 @@ bool parse_vca(const std::string &text, VcaRect *out) {
         size_t comma = text.find(',', pos);
         std::string part = text.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos);
         long long n;
-        if (!parse_int(part, 0, 65535, &n)) return false;
+        if (!parse_int(part, 0, 65535, &n)) return form;
         v.push_back(n);
         if (comma == std::string::npos) break;
         pos = comma + 1;
     }
-    if (v.size() < 4 || v.size() > 8) return false;
+    if (v.size() < 4 || v.size() > 8) return form;
     for (int i = 0; i < 4; ++i) {
-        if (v[i] > 10000) return false;
+        if (v[i] > 10000) return form;
         out->coord[i] = uint16_t(v[i]);
     }
+    if (v[0] > v[2]) return "X1 " + std::to_string(v[0]) + " lies right of X2 " + std::to_string(v[2]);
+    if (v[1] > v[3]) return "Y1 " + std::to_string(v[1]) + " lies below Y2 " + std::to_string(v[3]);
     for (size_t i = 4; i < v.size(); ++i) out->extra[i - 4] = uint16_t(v[i]);
-    return true;
+    return "";
 }
 
 bool parse_block(const std::string &text, Bytes *out) {
@@ -143,6 +153,8 @@ int parse_options(int argc, char **argv, Options *o) {
             return -1;
         } else if (a == "-q" || a == "--quiet") {
             o->quiet = true;
+        } else if (a == "--force") {
+            o->force = true;
         } else if (a == "-o" || a == "--output") {
             if (!value(&o->output)) return 2;
         } else if (a == "--index-out") {
@@ -163,7 +175,8 @@ int parse_options(int argc, char **argv, Options *o) {
         } else if (a == "--start-time") {
             if (!value(&v)) return 2;
             if (!parse_utc_time(v, &o->start_time)) {
-                return errorf("bad time '%s': use 2023-11-14T22:13:20Z or seconds since 1970", v.c_str()), 2;
+                return errorf("bad time '%s': use a date that exists, 2023-11-14T22:13:20Z, up to "
+                              "2106-02-07T06:28:15Z, or seconds since 1970", v.c_str()), 2;
             }
             o->has_time = true;
         } else if (a == "--fps") {
@@ -172,9 +185,8 @@ int parse_options(int argc, char **argv, Options *o) {
         } else if (a == "--vca") {
             if (!value(&v)) return 2;
             VcaRect r;
-            if (!parse_vca(v, &r)) {
-                return errorf("bad target '%s': X1,Y1,X2,Y2 in 0-10000, then up to four words", v.c_str()), 2;
-            }
+            std::string why = parse_vca(v, &r);
+            if (!why.empty()) return errorf("bad target '%s': %s", v.c_str(), why.c_str()), 2;
             o->vca.push_back(r);
         } else if (a == "--plate") {
             if (!value(&v)) return 2;
@@ -228,7 +240,7 @@ std::vector<Bytes> frame_blocks(const Options &o, size_t i) {
     std::vector<Bytes> blocks;
     if (o.has_time) {
         double t = double(o.start_time) + floor(double(i) / o.fps);
-        blocks.push_back(ud_block(kBlockTime, time_payload(uint32_t(fmod(t, 4294967296.0)))));
+        blocks.push_back(ud_block(kBlockTime, time_payload(uint32_t(t))));  // checked to fit by run()
     }
     if (!o.vca.empty()) blocks.push_back(ud_block(kBlockVcaTargets, vca_payload(o.vca)));
     if (!o.plates.empty()) blocks.push_back(ud_block(kBlockPlates, plate_payload(o.plates)));
@@ -244,7 +256,13 @@ struct Totals {
 int run(const Options &o) {
     Bytes in;
     if (!read_file(o.input, &in)) return 2;
-    Codec codec = o.codec == Codec::kUnknown ? probe_codec(in.data(), in.size()) : o.codec;
+    Codec probed = probe_codec(in.data(), in.size());
+    Codec codec = o.codec == Codec::kUnknown ? probed : o.codec;
+    if (o.codec != Codec::kUnknown && probed != Codec::kUnknown && probed != o.codec && !o.force) {
+        errorf("--codec %s, but the probes find %s in '%s'; --force to go on", codec_name(o.codec), codec_name(probed),
+               o.input.c_str());
+        return 2;
+    }
     if (codec == Codec::kUnknown) {
         errorf("'%s' is neither an H.264 nor an H.265 Annex B stream to the probes; name it with --codec",
                o.input.c_str());
@@ -259,6 +277,10 @@ int run(const Options &o) {
     }
     if (o.max_frames > 0 && units.size() > size_t(o.max_frames)) units.resize(size_t(o.max_frames));
     if (skipped > 0 && !o.quiet) errorf("skipped %zu bytes in front of the first start code", skipped);
+    if (o.has_time && double(o.start_time) + floor(double(units.size() - 1) / o.fps) > 4294967295.0) {
+        errorf("the time of the last frame would pass 2106-02-07T06:28:15Z (2^32 - 1 seconds)");
+        return 2;
+    }
 
     unsigned char key[17] = {0};  // the enhanced cipher reads 16 bytes at the key
     memcpy(key, o.key.data(), o.key.size());
@@ -332,6 +354,10 @@ int main(int argc, char **argv) {
     set_program_name("korvex-mkframe");
     sdk_log_set_level(0, 0, 0);  // the tool reports failures itself
     Options o;
+    if (argc == 1 && isatty(0)) {
+        fputs("usage: korvex-mkframe [OPTIONS] -o OUTPUT INPUT; korvex-mkframe --help tells more\n", stderr);
+        return 2;
+    }
     int rc = parse_options(argc, argv, &o);
     if (rc != 0) return rc < 0 ? 0 : rc;
     return run(o);
