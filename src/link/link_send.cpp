@@ -201,15 +201,20 @@ int net_link_package_send_data(_NetLink *link, const char *data, int size) {
     head_addresses(link, &remote, &local);
     uint8_t head[LINK_HEAD_SIZE];
     link_write_data_head(head, link->seq++, size, local);
-    // Head and body enter the stream under one hold of mtx_send, so no other run falls between them,
-    // and the body is marked as the rest of its packet.
-    SendLock lock(link);
-    int ret = send_run(link, reinterpret_cast<const char *>(head), LINK_HEAD_SIZE, false);
+    // The body is marked as the rest of its packet: an overflow never separates it from its head.
+    int ret;
+    {
+        SendLock lock(link);
+        ret = send_run(link, reinterpret_cast<const char *>(head), LINK_HEAD_SIZE, false);
+    }
     if (ret < 0) {
         KX_LOG_ERR("net_link_send_package failed");
         return ret;
     }
-    ret = send_run(link, data, size, true);
+    {
+        SendLock lock(link);
+        ret = send_run(link, data, size, true);
+    }
     if (ret < 0) KX_LOG_ERR("net_link_send_package failed");
     return ret;
 }
