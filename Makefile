@@ -1,13 +1,13 @@
 # korvex: the two everyday commands are `make demo` and `make test`.
 PREFIX ?= /usr/local
 PACKAGES := cmake ninja-build g++ clang libclang-rt-dev googletest libgtest-dev libbenchmark-dev libssl-dev \
-            nlohmann-json3-dev pkg-config tshark libpcap-dev \
+            nlohmann-json3-dev pkg-config tshark libpcap-dev libuv1-dev \
             ffmpeg libavcodec-dev libavformat-dev libavfilter-dev libswscale-dev libavutil-dev fonts-dejavu-core
 JOBS ?= 2
 FUZZ_SECONDS ?= 20
 BENCH_SECONDS ?= 0.2
 
-.PHONY: all deps build test test-asan test-tsan demo install fuzz soak test-valgrind bench clean
+.PHONY: all deps build test test-asan test-tsan demo install fuzz soak fleet test-valgrind bench clean
 
 all: build
 
@@ -73,6 +73,22 @@ test-valgrind: build
 # Load and soak over loopback (a few minutes); not part of `make test`.
 soak: build
 	./build/default/tests/korvex_soak
+
+# Fleet soak and benchmark over loopback (about a minute and a half): each shape of korvex_fleet,
+# and beside it the same shape of the libuv anchor (UVFLEET_SRC, built here with libuv1-dev) when
+# its source is at hand. Fails when a korvex check fails.
+UVFLEET_SRC ?= ../shared/anchors/uvfleet.c
+fleet: build
+	@t0=$$(date +%s); rc=0; uv=""; \
+	if [ -f "$(UVFLEET_SRC)" ]; then \
+	  gcc -O2 -std=gnu11 -pthread "$(UVFLEET_SRC)" -luv -o build/default/uvfleet && uv=build/default/uvfleet; \
+	else echo "libuv anchor not run: $(UVFLEET_SRC) not found (UVFLEET_SRC=path)"; fi; \
+	for s in scale idle fair overflow; do \
+	  ./build/default/tests/korvex_fleet $$s || rc=1; \
+	  case $$s in scale) a="scale 2048 10000";; idle) a="idle 2048 1000";; fair) a="fair 2048";; *) a="";; esac; \
+	  if [ -n "$$uv" ] && [ -n "$$a" ]; then printf 'libuv: '; $$uv $$a | grep '^RESULT'; fi; \
+	done; \
+	echo "fleet: $$(( $$(date +%s) - t0 ))s, korvex checks $$( [ $$rc -eq 0 ] && echo passed || echo FAILED )"; exit $$rc
 
 # Every benchmark beside its peer, then the table of ratios against the targets.
 bench: deps

@@ -367,7 +367,8 @@ struct _NetLink;
  * points at the packet's head inside the link's buffer and is valid only during the call; len counts
  * head and body. Returning 999 hands the same packet to the parser bound at that moment once more. */
 typedef int (*NetLinkParaseCallback)(struct _NetLink *link, void *udata, int head_type, char *data, int len);
-/* Called once when the connection ends without net_link_destroy. */
+/* Called once for each connection that ends without net_link_destroy. The client can then be opened
+ * again, and the link is served again. */
 typedef int (*NetLinkDisconnectCallback)(struct _NetLink *link, void *udata);
 
 typedef struct _NetLink {
@@ -419,7 +420,9 @@ KX_API int net_link_send_command(_NetLink *link, const char *data, int size);
 /* Any length, in chunks of 1440 bytes each behind a data head. Serialise it with other sends on the
  * same link: another thread's bytes could fall between a head and its body. */
 KX_API int net_link_send_data(_NetLink *link, const char *data, int size);
-/* Queued blocks at which a link's queue is dropped as overflowed; 20000 by default, for all links. */
+/* Queued blocks at which a link's queue overflows: a packet already begun on the wire still goes to its
+ * end, every whole packet behind it is dropped (one log line with the count). 20000 by default, for all
+ * links. */
 KX_API extern int g_iMaxPackageBufNum;
 /* 1 to 20000: 1; anything else: 0 and the limit stays. */
 KX_API int sdk_os_set_max_package_buf(int count);

@@ -87,8 +87,15 @@ int net_client_server_disconnect(_NetTcpClient *client, void *arg) {
     }
     _NetLink *link = static_cast<_NetLink *>(client_udata(client));
     if (link == nullptr) return 0;
+    // The link stays the client's user data, so a client opened again serves the link again. What
+    // belonged to the connection that ended goes with it: the unfinished packet in the receive
+    // buffer, and the rest of a packet begun on the wire, which a new peer could only read spliced.
+    // Whole queued packets stay and go out on the next connection.
+    link->buf_len = 0;
+    sdk_mutex_lock(link->mtx_send);
+    link_drop_send_ls(link, false);
+    sdk_mutex_unlock(link->mtx_send);
     if (link->disconnect_protocol != nullptr) link->disconnect_protocol(link, link->udata);
-    client_set_udata(client, nullptr);
     return 0;
 }
 

@@ -51,3 +51,11 @@ int net_link_send_buffer_data(_NetLink *link);
 int net_link_package_send_data(_NetLink *link, const char *data, int size);
 // Drops every queued block; mtx_send held.
 void link_clear_send_ls(_NetLink *link);
+struct LinkDropCount {
+    uint32_t packets;  // packets whose blocks were dropped
+    uint64_t bytes;    // unsent bytes dropped
+};
+// Drops blocks by whole packets, mtx_send held. keep_started: every packet but the one at the head
+// whose first bytes left already (the overflow). Otherwise only that begun packet (a disconnect: the
+// rest of it could only reach a new connection spliced, whole packets may go there).
+LinkDropCount link_drop_send_ls(_NetLink *link, bool keep_started);

@@ -10,10 +10,13 @@
 
 namespace {
 
-// One queued block: the unsent bytes follow the two fields in the same allocation.
+// One queued block: the unsent bytes follow the fields in the same allocation. A block that
+// continues a packet whose first bytes already left (the rest of a partly sent run, or the body
+// behind its data head) is marked, so that overflow and disconnect never cut a packet in two.
 struct SendBlock {
     uint32_t remain_len;
     char *cursor;
+    uint32_t continues;
 };
 
 inline char *block_data(SendBlock *b) { return reinterpret_cast<char *>(b + 1); }
@@ -45,6 +48,50 @@ void head_addresses(_NetLink *link, uint32_t *remote, uint32_t *local) {
     *local = inet_addr(lip);
 }
 
+// A block of which some bytes went out already.
+inline bool block_started(SendBlock *b) { return b->continues != 0 || b->cursor != block_data(b); }
+
+// Queues data[sent, size); the block continues a packet when some of it went out or when the run is
+// the rest of a packet begun before it.
+int queue_run(_NetLink *link, const char *data, int size, int sent, bool continues) {
+    if (size - sent <= 0) return 0;
+    if (net_link_put_in_send_ls(link, data, size, sent) < 0) return -1;
+    _OS_DListNode *tail = adt_dlist_end(link->send_buf_ls);
+    if (tail != nullptr && (continues || sent > 0)) block_at(tail)->continues = 1;
+    return 0;
+}
+
+// One run of bytes onto the stream, mtx_send held. A run that continues a packet (the body behind
+// its data head) never triggers the overflow: the packet's head may be waiting in the queue.
+int send_run(_NetLink *link, const char *data, int size, bool continues) {
+    int ret = 0;
+    uint32_t n = adt_dlist_size(link->send_buf_ls);
+    if (!continues && n >= (uint32_t)(g_iMaxPackageBufNum > 0 ? g_iMaxPackageBufNum : 1)) {
+        // A peer that reads nothing costs at most this many blocks. A packet already begun on the
+        // wire is kept to its end, so the peer never reads two packets spliced into one; every whole
+        // packet behind it goes.
+        LinkDropCount dropped = link_drop_send_ls(link, true);
+        char ip[16] = "";
+        uint16_t port = 0;
+        net_link_get_remote(link, ip, &port);
+        ip[15] = '\0';
+        KX_LOG_ERR("net_link_send_package buffer overflow %d, this 0x%08x, ip = %s, port = %d, dropped %u packets "
+                   "%llu bytes",
+                   (int)n, (unsigned)(uintptr_t)link, ip, port, dropped.packets, (unsigned long long)dropped.bytes);
+    }
+    if (adt_dlist_empty(link->send_buf_ls)) {
+        int sent = net_tcp_client_send(link->client, data, (uint32_t)size);
+        if (sent < 0)
+            ret = -1;
+        else if (sent < size && queue_run(link, data, size, sent, continues) < 0)
+            ret = -1;
+    } else if (queue_run(link, data, size, 0, continues) < 0) {
+        ret = -1;
+    }
+    if (ret >= 0) ret = net_link_send_buffer_data(link);
+    return ret;
+}
+
 }  // namespace
 
 int net_link_put_in_send_ls(_NetLink *link, const char *data, int size, int sent) {
@@ -63,6 +110,7 @@ int net_link_put_in_send_ls(_NetLink *link, const char *data, int size, int sent
     memcpy(block_data(b), data + sent, n);
     b->cursor = block_data(b);
     b->remain_len = n;
+    b->continues = 0;
     if (adt_dlist_add(link->send_buf_ls, nullptr, &b) == nullptr) {
         KX_LOG_ERR("net_link_put_in_send_ls queue fail");
         free(b);
@@ -77,6 +125,29 @@ void link_clear_send_ls(_NetLink *link) {
         free(block_at(node));
         adt_dlist_delete(link->send_buf_ls, node);
     }
+}
+
+LinkDropCount link_drop_send_ls(_NetLink *link, bool keep_started) {
+    LinkDropCount dropped = {0, 0};
+    // The begun packet: the head block when some of it left, and the blocks that continue it.
+    _OS_DListNode *node = adt_dlist_head(link->send_buf_ls);
+    _OS_DListNode *rest = node;
+    if (node != nullptr && block_started(block_at(node))) {
+        do rest = adt_dlist_next(rest);
+        while (rest != nullptr && block_at(rest)->continues != 0);
+    }
+    _OS_DListNode *from = keep_started ? rest : node;
+    _OS_DListNode *to = keep_started ? nullptr : rest;
+    while (from != to) {
+        _OS_DListNode *next = adt_dlist_next(from);
+        SendBlock *b = block_at(from);
+        if (b->continues == 0 || from == node) dropped.packets++;
+        dropped.bytes += b->remain_len;
+        free(b);
+        adt_dlist_delete(link->send_buf_ls, from);
+        from = next;
+    }
+    return dropped;
 }
 
 int net_link_send_buffer_data(_NetLink *link) {
@@ -130,12 +201,20 @@ int net_link_package_send_data(_NetLink *link, const char *data, int size) {
     head_addresses(link, &remote, &local);
     uint8_t head[LINK_HEAD_SIZE];
     link_write_data_head(head, link->seq++, size, local);
-    int ret = net_link_send_package(link, reinterpret_cast<const char *>(head), LINK_HEAD_SIZE);
+    // The body is marked as the rest of its packet: an overflow never separates it from its head.
+    int ret;
+    {
+        SendLock lock(link);
+        ret = send_run(link, reinterpret_cast<const char *>(head), LINK_HEAD_SIZE, false);
+    }
     if (ret < 0) {
         KX_LOG_ERR("net_link_send_package failed");
         return ret;
     }
-    ret = net_link_send_package(link, data, size);
+    {
+        SendLock lock(link);
+        ret = send_run(link, data, size, true);
+    }
     if (ret < 0) KX_LOG_ERR("net_link_send_package failed");
     return ret;
 }
@@ -163,30 +242,7 @@ KX_API int net_link_send_package(_NetLink *link, const char *data, int size) {
         return -1;
     }
     SendLock lock(link);
-    int ret = 0;
-    uint32_t n = adt_dlist_size(link->send_buf_ls);
-    if (n >= (uint32_t)(g_iMaxPackageBufNum > 0 ? g_iMaxPackageBufNum : 1)) {
-        // A peer that reads nothing costs at most this many blocks: the whole queue goes, a half-sent
-        // block included, and the peer's scan finds the next head.
-        link_clear_send_ls(link);
-        char ip[16] = "";
-        uint16_t port = 0;
-        net_link_get_remote(link, ip, &port);
-        ip[15] = '\0';
-        KX_LOG_ERR("net_link_send_package buffer overflow %d, this 0x%08x, ip = %s, port = %d", (int)n,
-                   (unsigned)(uintptr_t)link, ip, port);
-    }
-    if (adt_dlist_empty(link->send_buf_ls)) {
-        int sent = net_tcp_client_send(link->client, data, (uint32_t)size);
-        if (sent < 0)
-            ret = -1;
-        else if (sent < size && net_link_put_in_send_ls(link, data, size, sent) < 0)
-            ret = -1;
-    } else if (net_link_put_in_send_ls(link, data, size, 0) < 0) {
-        ret = -1;
-    }
-    if (ret >= 0) ret = net_link_send_buffer_data(link);
-    return ret;
+    return send_run(link, data, size, false);
 }
 
 KX_API int net_link_send_command(_NetLink *link, const char *data, int size) {

@@ -2,6 +2,7 @@
 // out of the stream, the 999 re-dispatch, the framing close, and the send queue.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <mutex>
 #include <vector>
 
@@ -198,6 +199,132 @@ TEST_F(LinkSlowPeer, QueuesWhatTheSocketRefusesAndFlushesInOrder) {
         sdk_mutex_unlock(link->mtx_send);
         return empty;
     }));
+}
+
+// Bodies that prove themselves whole: a sequence number, filler, and a checksum over both.
+uint32_t fnv(const std::string &s) {
+    uint32_t h = 2166136261u;
+    for (unsigned char c : s) h = (h ^ c) * 16777619u;
+    return h;
+}
+std::string numbered_body(uint32_t seq, size_t size) {
+    std::string b = le(seq, 4);
+    while (b.size() + 4 < size) b += (char)('a' + (seq + b.size()) % 26);
+    return b + le(fnv(b), 4);
+}
+uint32_t u32_at(const std::string &s, size_t off) {
+    uint32_t v = 0;
+    for (int i = 3; i >= 0; i--) v = v << 8 | (uint8_t)s[off + i];
+    return v;
+}
+
+size_t queued_blocks(_NetLink *link) {
+    sdk_mutex_lock(link->mtx_send);
+    size_t n = adt_dlist_size(link->send_buf_ls);
+    sdk_mutex_unlock(link->mtx_send);
+    return n;
+}
+
+// The peer stops reading, the link overflows its queue many times over, then the peer reads it all:
+// the stream is a run of whole packets, command and data heads alike, without a byte between them.
+TEST_F(LinkSlowPeer, OverflowDropsWholePacketsOnlyAsThePeerSeesIt) {
+    int small = 4096;
+    setsockopt(client->connectfd, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+    ASSERT_EQ(sdk_os_set_max_package_buf(16), 1);
+    StderrCapture log;
+    log.start();
+    const uint32_t kPackets = 900;
+    for (uint32_t seq = 0; seq < kPackets; seq++) {
+        // Odd sizes; a data head and its body are two queue blocks; a long run of packets in one
+        // send is what the socket takes in part, leaving a begun block at the head of the queue.
+        std::string body = numbered_body(seq, 700 + seq % 13 * 53);
+        int r;
+        if (seq % 30 == 0) {
+            std::string run;
+            for (uint32_t end = seq + 20; seq < end; seq++) run += command_packet(numbered_body(seq, 900 + seq % 7));
+            seq--;
+            r = net_link_send_package(link, run.data(), (int)run.size());
+        } else if (seq % 3 == 0) {
+            r = net_link_send_data(link, body.data(), (int)body.size());
+        } else {
+            r = net_link_send_command(link, body.data(), (int)body.size());
+        }
+        ASSERT_GE(r, 0) << seq;
+    }
+    std::string logged = log.stop();
+    ASSERT_NE(logged.find("buffer overflow 16"), std::string::npos);
+    EXPECT_NE(logged.find(" packets "), std::string::npos);
+    EXPECT_EQ(logged.find("dropped 0 packets"), std::string::npos);
+    sdk_os_set_max_package_buf(20000);
+    // Once the queue is empty a last packet marks the end of the stream.
+    std::string stream;
+    auto read_some = [&] {
+        char buf[65536];
+        ssize_t r = recv(peer, buf, sizeof(buf), MSG_DONTWAIT);
+        if (r > 0) stream.append(buf, (size_t)r);
+        return r;
+    };
+    ASSERT_TRUE(wait_for([&] { return read_some(), queued_blocks(link) == 0; }));
+    std::string last = numbered_body(kPackets, 16);
+    ASSERT_GE(net_link_send_command(link, last.data(), (int)last.size()), 0);
+    ASSERT_TRUE(wait_for([&] { return read_some(), stream.size() >= last.size() + 20 &&
+                                                       stream.compare(stream.size() - last.size(), last.size(), last) == 0; }));
+
+    std::vector<uint32_t> seqs;
+    size_t off = 0;
+    while (off + 20 <= stream.size()) {
+        std::string magic = stream.substr(off, 4);
+        ASSERT_TRUE(magic == "\xF1\xF5\xEA\xF5" || magic == "\xF1\xF5\xEA\xF9") << "no head at " << off;
+        size_t len = (uint8_t)stream[off + (magic[3] == '\xF5' ? 6 : 14)] |
+                     (size_t)(uint8_t)stream[off + (magic[3] == '\xF5' ? 7 : 15)] << 8;
+        ASSERT_GE(len, 28u);
+        ASSERT_LE(off + len, stream.size());
+        std::string body = stream.substr(off + 20, len - 20);
+        ASSERT_EQ(u32_at(body, body.size() - 4), fnv(body.substr(0, body.size() - 4))) << "spliced at " << off;
+        seqs.push_back(u32_at(body, 0));
+        off += len;
+    }
+    EXPECT_EQ(off, stream.size());
+    ASSERT_FALSE(seqs.empty());
+    EXPECT_EQ(seqs.back(), kPackets);
+    EXPECT_LT(seqs.size(), (size_t)kPackets);  // packets were dropped, whole ones
+    EXPECT_TRUE(std::is_sorted(seqs.begin(), seqs.end()));
+    EXPECT_EQ(std::adjacent_find(seqs.begin(), seqs.end()), seqs.end());
+}
+
+// After the peer closes, the same client opened again serves the link again: packets arrive, the
+// half packet left by the old connection is not glued to the new stream, and nothing floods the log.
+TEST_F(Link, ReopenedClientServesTheLinkAgain) {
+    std::string half = command_packet("left behind by the first connection").substr(0, 30);
+    send_all(peer, half);
+    ASSERT_TRUE(wait_for([&] {
+        sdk_main_lock();  // the event thread fills the buffer under the main lock
+        int n = link->buf_len;
+        sdk_main_unlock();
+        return n == 30;
+    }));
+    close(peer);
+    ASSERT_TRUE(wait_for([&] { std::lock_guard<std::mutex> g(dev.m); return dev.disconnects == 1; }));
+    StderrCapture log;
+    log.start();
+    ASSERT_EQ(net_tcp_client_open(client, -1), 1);
+    peer = accept_within(lfd);
+    ASSERT_GE(peer, 0);
+    ASSERT_TRUE(wait_for([&] { return net_tcp_client_get_status(client) == 2; }));
+    std::string a = command_packet("after the reopen");
+    send_all(peer, a);
+    ASSERT_TRUE(wait_packets(1));
+    ASSERT_GE(net_link_send_command(link, "answer", 6), 0);
+    EXPECT_EQ(read_n(peer, 26).substr(20), "answer");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // room for a flood, if there were one
+    EXPECT_EQ(log.stop().find("NULL == link"), std::string::npos);
+    auto got = dev.packets();
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].bytes, a);
+    // The second connection ends like the first: one more disconnect report.
+    close(peer);
+    peer = -1;
+    EXPECT_TRUE(wait_for([&] { std::lock_guard<std::mutex> g(dev.m); return dev.disconnects == 2; }));
 }
 
 TEST(LinkQueue, OverflowDropsTheQueue) {
