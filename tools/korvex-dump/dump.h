@@ -91,6 +91,16 @@ struct FrameReport {
 
 // Walks the frames of the input and prints each; the exit status of the tool.
 int walk_frames(const Options &o);
+
+// The steps of the walk for one frame, also used by the Python module. sound_header: the 32 bytes at p
+// are a valid frame header. read_header: fills the header fields of a report. examine_frame: decrypts
+// (when the options give a key) and analyses a frame whose header is sound and whose r->held bytes are
+// present; *codec is the stream's codec, decided by the first frame the probes recognise. Its result is
+// that of SA_DecryptOneFrame, or 0 when nothing was decrypted.
+bool sound_header(const uint8_t *p);
+void read_header(const uint8_t *p, FrameReport *r);
+int examine_frame(const Options &o, uint8_t *frame, FrameReport *r, kxt::Codec *codec, void *split_state,
+                  int split_state_size);
 // --probe and --index; the exit status of the tool.
 int run_probe(const Options &o);
 int run_index(const Options &o);
