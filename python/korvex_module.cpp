@@ -217,6 +217,21 @@ Codec to_codec(const std::string &codec) {
     throw py::value_error("codec is 'auto', 'h264' or 'h265', not '" + codec + "'");
 }
 
+// The analysis korvex-dump --mask chooses: None keeps the single-frame analysis.
+void set_mask(py::handle mask, kxd::Options *o) {
+    if (mask.is_none()) return;
+    o->two_layout = true;
+    if (py::isinstance<py::str>(mask) && mask.cast<std::string>() == "all") {
+        o->type = 255;  // every block, whatever the mask says
+        o->mask = 0x7FFFFFFF;
+        return;
+    }
+    long long n = py::isinstance<py::int_>(mask) && !py::isinstance<py::bool_>(mask) ? mask.cast<long long>() : 0;
+    if (n < 1 || n > 0x7FFFFFFF) throw py::value_error("mask is None, 'all' or a number from 1 to 0x7FFFFFFF");
+    o->type = 0;  // any type but 255 lets the mask choose
+    o->mask = int(n);
+}
+
 int clamp_len(size_t n) { return n > size_t(INT_MAX) ? INT_MAX : int(n); }
 
 // ---------------------------------------------------------------------------------------------------
@@ -487,6 +502,9 @@ py::bytes encrypt_frame(py::handle frame, py::handle key_obj, const std::string 
     if (!key.given) throw py::type_error("encrypt_frame() needs a key");
     std::vector<uint8_t> out = frame_bytes(frame);
     if (out.size() < KX_FRAME_HEADER_LEN) raise("FrameError", -102, "shorter than a frame header");
+    // The encrypting calls only clear flag bits: as a producer does, the state fields of the low byte
+    // start at 3, and the call leaves 2 (encrypted, and enhanced or not) where it marks the frame.
+    fh_set_flags(out.data(), uint16_t(fh_flags(out.data()) | 0x00FF));
     int rc;
     {
         py::gil_scoped_release nogil;
@@ -681,8 +699,9 @@ PYBIND11_MODULE(korvex, m) {
         .def("__next__", &Walk::next);
 
     m.def("read_frames",
-          [](py::handle source, py::handle key, const std::string &codec, bool strict) {
+          [](py::handle source, py::handle key, const std::string &codec, bool strict, py::handle mask) {
               Walk w;
+              set_mask(mask, &w.o);
               w.o.codec = to_codec(codec);
               w.codec = w.o.codec;
               Key k = to_key(key);
@@ -693,6 +712,7 @@ PYBIND11_MODULE(korvex, m) {
               return w;
           },
           py::arg("source"), py::arg("key") = py::none(), py::arg("codec") = "auto", py::arg("strict") = true,
+          py::arg("mask") = py::none(),
           "Iterates the frames of a recording, one behind the other, as korvex-dump walks them.\n\n"
           "source is a path (str or os.PathLike), bytes or any contiguous buffer. With key (str or bytes, 1 to "
           "16 bytes) encrypted frames are decrypted, in either mode; without it they are yielded encrypted and "
@@ -700,12 +720,16 @@ PYBIND11_MODULE(korvex, m) {
           "'h264' or 'h265'. User data split over consecutive frames is joined.\n\n"
           "strict=True raises at the first broken frame: FrameError for an invalid header or a frame cut short, "
           "WrongKeyError when the key is wrong. strict=False yields broken frames with their error set, and "
-          "after an invalid header searches on for the next valid one, as korvex-dump does.");
+          "after an invalid header searches on for the next valid one, as korvex-dump does.\n\n"
+          "mask chooses the analysis as korvex-dump --mask does: None the single-frame analysis; a number or "
+          "'all' the two-layout analysis, for frames that begin with an old (F0) or new (F1) container, "
+          "decoding the blocks whose bit is set (bit 0 time, 3 VCA targets, 7 plates, 8 OSD, 15 PTZ, ...).");
     m.def("probe", &probe, py::arg("data"),
           "'h264' or 'h265' when the probes of the library recognise data as that Annex B byte stream; None "
           "otherwise.");
     m.def("encrypt_frame", &encrypt_frame, py::arg("frame"), py::arg("key"), py::arg("mode"),
           "An encrypted copy of a clear frame (bytes-like, or a Frame) as bytes; mode 'plain' or 'enhanced'. "
+          "The copy's flag word marks it encrypted in that mode (a plain frame below 96 bytes stays clear). "
           "Raises FrameError for an invalid frame, CipherError when the cipher refuses.");
     m.def("iframe_index", &iframe_index, py::arg("data"), py::arg("sign") = 0,
           "The items of an I-frame index block that carry the sign type (0 all, 1 to 5 sign bit 0 to 4), in "
