@@ -1,12 +1,12 @@
 # korvex: the two everyday commands are `make demo` and `make test`.
 PREFIX ?= /usr/local
 PACKAGES := cmake ninja-build g++ clang libclang-rt-dev googletest libgtest-dev libbenchmark-dev libssl-dev \
-            nlohmann-json3-dev pkg-config
+            nlohmann-json3-dev pkg-config python3-dev python3-pybind11 python3-pytest python3-hypothesis
 JOBS ?= 2
 FUZZ_SECONDS ?= 20
 BENCH_SECONDS ?= 0.2
 
-.PHONY: all deps build test test-asan test-tsan demo install fuzz soak test-valgrind bench clean
+.PHONY: all deps build test test-asan test-tsan demo install python fuzz soak test-valgrind bench clean
 
 all: build
 
@@ -44,8 +44,18 @@ demo: build
 	@echo "== sample stream"
 	tools/demo_stream.sh build/default
 
+# Also installs the Python module for /usr/bin/python3, under $(PREFIX)/lib/python3.X/dist-packages.
 install: build
+	cmake --preset default -DKORVEX_PYTHON=ON
+	cmake --build --preset default -j $(JOBS)
 	cmake --install build/default --prefix $(PREFIX)
+
+# The Python module korvex (for /usr/bin/python3) and its pytest suite; from here on the default build
+# keeps building it.
+python: deps
+	cmake --preset default -DKORVEX_PYTHON=ON
+	cmake --build --preset default -j $(JOBS)
+	ctest --preset default --no-tests=error -R '^Python\.'
 
 # Each harness runs FUZZ_SECONDS (or FUZZ_RUNS executions, when given) on a work copy of its seed
 # corpus (fuzz/corpus/<name>), with leak detection; a crash, leak or timeout stops the target and

@@ -1,6 +1,11 @@
 """Recordings made with korvex-mkframe, read back through the module and compared with korvex-dump."""
 from datetime import datetime, timedelta, timezone
+import csv
+import os
 import struct
+import subprocess
+import sys
+from pathlib import Path
 
 import pytest
 
@@ -170,3 +175,16 @@ def test_probe_stream_info_and_index(make_recording, dump, data_dir, tmp_path):
     with pytest.raises(korvex.IndexBlockError) as e:
         korvex.iframe_index(blocks[0], 6)
     assert e.value.code == -100
+
+
+def test_plates_to_csv_example(make_recording, tmp_path):
+    script = Path(__file__).resolve().parents[2] / "examples" / "python" / "plates_to_csv.py"
+    path = make_recording("old-enhanced", encrypt="enhanced")
+    out = tmp_path / "plates.csv"
+    run = [sys.executable, str(script), "--key", KEY, str(path), str(out)]
+    subprocess.run(run, check=True, env=os.environ, capture_output=True)
+    rows = list(csv.reader(out.open()))
+    assert rows[0] == ["frame", "frame_no", "time_utc", "plate"] and len(rows) == 1 + 2 * FRAMES
+    assert rows[1:3] == [["0", "1", "2024-05-01T08:00:00+00:00", "AB123CD"], ["0", "1", "2024-05-01T08:00:00+00:00", "XY9"]]
+    run[3] = "wrong"
+    assert subprocess.run(run, env=os.environ, capture_output=True).returncode == 1
