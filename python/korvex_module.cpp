@@ -226,7 +226,12 @@ void set_mask(py::handle mask, kxd::Options *o) {
         o->mask = 0x7FFFFFFF;
         return;
     }
-    long long n = py::isinstance<py::int_>(mask) && !py::isinstance<py::bool_>(mask) ? mask.cast<long long>() : 0;
+    long long n = 0;
+    if (py::isinstance<py::int_>(mask) && !py::isinstance<py::bool_>(mask)) {
+        int overflow = 0;
+        n = PyLong_AsLongLongAndOverflow(mask.ptr(), &overflow);
+        if (overflow != 0) n = 0;
+    }
     if (n < 1 || n > 0x7FFFFFFF) throw py::value_error("mask is None, 'all' or a number from 1 to 0x7FFFFFFF");
     o->type = 0;  // any type but 255 lets the mask choose
     o->mask = int(n);
@@ -350,9 +355,9 @@ void frame_decrypt(Frame &f, py::handle key_obj) {
     if (rc != 0) {
         raise(decrypt_class(rc), rc, frame_where(f.r) + (rc == -4 ? "decryption failed: wrong key" : "decryption failed"));
     }
-    kxd::FrameReport &r = f.r;
-    std::string encryption = r.encryption;
-    uint16_t flags = r.flags;
+    // The analysis fills a copy, so that another thread reading the frame's report meanwhile sees the
+    // old one whole; the copy replaces it with the GIL held.
+    kxd::FrameReport r = f.r;
     r.flags = f.current_flags();
     r.error = r.held < r.frame_len ? "truncated: the header says " + std::to_string(r.frame_len) + " bytes, " +
                                          std::to_string(r.held) + " are present"
@@ -367,9 +372,10 @@ void frame_decrypt(Frame &f, py::handle key_obj) {
         Codec codec = f.stream_codec;
         kxd::examine_frame(o, f.data(), &r, &codec, split.data(), int(split.size()));
     }
-    r.flags = flags;
-    r.encryption = encryption;
+    r.flags = f.r.flags;
+    r.encryption = f.r.encryption;
     r.decrypt = "ok";
+    f.r = std::move(r);
 }
 
 py::object frame_userdata(const Frame &f) {
