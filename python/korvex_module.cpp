@@ -534,7 +534,11 @@ py::dict stream_info(py::handle head, py::handle frame) {
     if (f.size() < KX_FRAME_HEADER_LEN) raise("FrameError", -3, "shorter than a frame header");
     TStreamInfo info;
     memset(&info, 0, sizeof(info));
-    int rc = SA_GetStreamInfo(h.data(), clamp_len(h.size()), f.data(), clamp_len(f.size()), &info, sizeof(info));
+    int rc;
+    {
+        py::gil_scoped_release nogil;
+        rc = SA_GetStreamInfo(h.data(), clamp_len(h.size()), f.data(), clamp_len(f.size()), &info, sizeof(info));
+    }
     if (rc == -3) raise("FrameError", rc, "invalid frame header");
     if (rc == -5) raise("Error", rc, "the stream head block is shorter than 88 bytes");
     if (rc != 0) raise("Error", rc, "refused");
@@ -701,8 +705,8 @@ PYBIND11_MODULE(korvex, m) {
         });
 
     py::class_<Walk>(m, "FrameReader", "Iterator over the frames of a recording; made by read_frames().")
-        .def("__iter__", [](py::object self) { return self; })
-        .def("__next__", &Walk::next);
+        .def("__iter__", [](py::object self) { return self; }, "The iterator itself.")
+        .def("__next__", &Walk::next, "The next Frame; StopIteration at the end of the recording.");
 
     m.def("read_frames",
           [](py::handle source, py::handle key, const std::string &codec, bool strict, py::handle mask) {

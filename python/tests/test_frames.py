@@ -1,5 +1,6 @@
 """Recordings made with korvex-mkframe, read back through the module and compared with korvex-dump."""
 from datetime import datetime, timedelta, timezone
+import ast
 import csv
 import os
 import struct
@@ -188,3 +189,14 @@ def test_plates_to_csv_example(make_recording, tmp_path):
     assert rows[1:3] == [["0", "1", "2024-05-01T08:00:00+00:00", "AB123CD"], ["0", "1", "2024-05-01T08:00:00+00:00", "XY9"]]
     run[3] = "wrong"
     assert subprocess.run(run, env=os.environ, capture_output=True).returncode == 1
+
+
+def test_stub_names_the_module_api():
+    stub = ast.parse((Path(__file__).resolve().parents[1] / "korvex.pyi").read_text())
+    top = {n.name for n in stub.body if isinstance(n, (ast.ClassDef, ast.FunctionDef))}
+    assert top == {n for n in dir(korvex) if not n.startswith("_")} - {"__version__"}
+    (frame,) = [n for n in stub.body if isinstance(n, ast.ClassDef) and n.name == "Frame"]
+    assert {n.name for n in frame.body if isinstance(n, ast.FunctionDef)} == \
+        {n for n in dir(korvex.Frame) if not n.startswith("_")}
+    for name in top:
+        assert getattr(korvex, name).__doc__, name
