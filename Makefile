@@ -2,12 +2,13 @@
 PREFIX ?= /usr/local
 PACKAGES := cmake ninja-build g++ clang libclang-rt-dev googletest libgtest-dev libbenchmark-dev libssl-dev \
             nlohmann-json3-dev pkg-config tshark libpcap-dev libuv1-dev \
-            ffmpeg libavcodec-dev libavformat-dev libavfilter-dev libswscale-dev libavutil-dev fonts-dejavu-core
+            ffmpeg libavcodec-dev libavformat-dev libavfilter-dev libswscale-dev libavutil-dev fonts-dejavu-core \
+            python3-dev python3-pybind11 python3-pytest python3-hypothesis
 JOBS ?= 2
 FUZZ_SECONDS ?= 20
 BENCH_SECONDS ?= 0.2
 
-.PHONY: all deps build test test-asan test-tsan demo install fuzz soak fleet test-valgrind bench clean
+.PHONY: all deps build test test-asan test-tsan demo install python python-asan fuzz soak fleet test-valgrind bench clean
 
 all: build
 
@@ -45,8 +46,30 @@ demo: build
 	@echo "== sample stream"
 	tools/demo_stream.sh build/default
 
+# Also installs the Python module for /usr/bin/python3, under $(PREFIX)/lib/python3.X/dist-packages.
 install: build
+	cmake --preset default -DKORVEX_PYTHON=ON
+	cmake --build --preset default -j $(JOBS)
 	cmake --install build/default --prefix $(PREFIX)
+
+# The Python module korvex (for /usr/bin/python3) and its pytest suite; from here on the default build
+# keeps building it.
+python: deps
+	cmake --preset default -DKORVEX_PYTHON=ON
+	cmake --build --preset default -j $(JOBS)
+	ctest --preset default --no-tests=error -R '^Python\.'
+
+# The same tests against a module built with ASan + UBSan (build/asan-python, GCC). The interpreter is
+# not instrumented, so it preloads the sanitizer runtime, and libstdc++, whose exception calls the
+# runtime intercepts. Leak detection is off (the interpreter keeps its allocations to the end); the
+# tests watch the process's memory themselves.
+python-asan: deps
+	cmake --preset asan -B build/asan-python -DKORVEX_TOOLS=ON -DKORVEX_PYTHON=ON
+	cmake --build build/asan-python -j $(JOBS) --target korvex_python korvex-dump korvex-mkframe
+	cd build/asan-python && env LD_PRELOAD="$$(gcc -print-file-name=libasan.so) $$(g++ -print-file-name=libstdc++.so)" \
+	  ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  PYTHONPATH=python KORVEX_DUMP=tools/korvex-dump KORVEX_MKFRAME=tools/korvex-mkframe \
+	  /usr/bin/python3 -m pytest -q -p no:cacheprovider ../../python/tests
 
 # Each harness runs FUZZ_SECONDS (or FUZZ_RUNS executions, when given) on a work copy of its seed
 # corpus (fuzz/corpus/<name>), with leak detection; a crash, leak or timeout stops the target and

@@ -116,6 +116,16 @@ int write_elementary_stream(const Options &o);
 // The frame's payload as Annex B units, without the user-data units unless keep_sei; empty when the
 // payload holds no start code.
 Bytes clear_payload(const uint8_t *frame, size_t held, uint32_t payload_len, kxt::Codec codec, bool keep_sei);
+
+// The steps of the walk for one frame, also used by the Python module. sound_header: the 32 bytes at p
+// are a valid frame header. read_header: fills the header fields of a report. examine_frame: decrypts
+// (when the options give a key) and analyses a frame whose header is sound and whose r->held bytes are
+// present; *codec is the stream's codec, decided by the first frame the probes recognise. Its result is
+// that of SA_DecryptOneFrame, or 0 when nothing was decrypted.
+bool sound_header(const uint8_t *p);
+void read_header(const uint8_t *p, FrameReport *r);
+int examine_frame(const Options &o, uint8_t *frame, FrameReport *r, kxt::Codec *codec, void *split_state,
+                  int split_state_size);
 // --probe and --index; the exit status of the tool.
 int run_probe(const Options &o);
 int run_index(const Options &o);

@@ -65,10 +65,14 @@ private:
     int error_ = 0;
 };
 
+}  // namespace
+
 bool sound_header(const uint8_t *p) {
     const __S_FrameHeader *h = reinterpret_cast<const __S_FrameHeader *>(p);
     return IsValidFrameHeader(h) && fh_frame_len(h) >= KX_FRAME_HEADER_LEN;
 }
+
+namespace {
 
 // Moves the read position to the next sound header behind the current one; false at the end of the
 // input. *skipped receives the bytes passed over.
@@ -133,6 +137,8 @@ private:
     bool shown_ = false;
 };
 
+}  // namespace
+
 void read_header(const uint8_t *p, FrameReport *r) {
     r->has_header = true;
     r->frame_len = fh_frame_len(p);
@@ -144,6 +150,8 @@ void read_header(const uint8_t *p, FrameReport *r) {
     r->ext_size = fh_ext_size(p);
     r->flags = fh_flags(p);
 }
+
+namespace {
 
 const char *decrypt_failure(int rc) {
     switch (rc) {
@@ -189,6 +197,41 @@ std::string header_error(const FrameReport &r) {
 
 }  // namespace
 
+int examine_frame(const Options &o, uint8_t *frame, FrameReport *r, kxt::Codec *codec, void *split_state,
+                  int split_state_size) {
+    unsigned char key[17] = {0};  // the enhanced cipher reads 16 bytes at the key
+    memcpy(key, o.key.data(), std::min(o.key.size(), size_t(16)));
+    bool encrypted = (r->flags & 3) == 2;
+    int rc = 0;
+    r->encryption = !encrypted ? "none" : ((r->flags >> 6) & 3) == 2 ? "enhanced" : "plain";
+    if (encrypted && !o.has_key) {
+        r->decrypt = "no key";
+        r->skip_reason = "encrypted; give --key to decrypt";
+    } else if (encrypted) {
+        rc = SA_DecryptOneFrame(frame, int(r->held), key, int(o.key.size()));
+        if (rc == 0) {
+            r->decrypt = "ok";
+        } else {
+            r->decrypt = "failed";
+            std::string why = std::string("decryption failed: ") + decrypt_failure(rc);
+            r->error = r->error.empty() ? why : r->error + "; " + why;
+            r->skip_reason = "not decrypted";
+        }
+    }
+    if (r->skip_reason.empty()) {
+        const uint8_t *data = frame + KX_FRAME_HEADER_LEN;
+        size_t data_len = r->held - KX_FRAME_HEADER_LEN;
+        if (*codec == Codec::kUnknown) *codec = kxt::probe_codec(data, data_len);
+        // Until a frame with parameter sets and a key picture names the codec, a frame that begins
+        // with the H.265 user-data unit is read as H.265, any other as H.264.
+        r->codec = *codec != Codec::kUnknown ? *codec
+                   : starts_with_user_data(data, data_len, Codec::kH265) ? Codec::kH265
+                                                                         : Codec::kH264;
+        analyse_user_data(o, frame, r->held, r->codec, split_state, split_state_size, &r->ud);
+    }
+    return rc;
+}
+
 int walk(const Options &o, const FrameVisitor &visit, WalkTotals *totals) {
     FILE *f = kxt::open_input(o.input);
     if (f == nullptr) return 2;
@@ -204,8 +247,6 @@ int walk(const Options &o, const FrameVisitor &visit, WalkTotals *totals) {
     Input in(f);
     // The stream's record of containers split over frames; large, so it lives on the heap.
     Bytes split(sizeof(TUserDataSplitState), 0);
-    unsigned char key[17] = {0};  // the enhanced cipher reads 16 bytes at the key
-    memcpy(key, o.key.data(), std::min(o.key.size(), size_t(16)));
     WalkTotals &t = *totals;
     t = WalkTotals();
     t.codec = o.codec;
@@ -251,34 +292,8 @@ int walk(const Options &o, const FrameVisitor &visit, WalkTotals *totals) {
             r.error = "truncated: the header says " + std::to_string(r.frame_len) + " bytes, " +
                       std::to_string(r.held) + " are present";
         }
-        bool encrypted = (r.flags & 3) == 2;
-        r.encryption = !encrypted ? "none" : ((r.flags >> 6) & 3) == 2 ? "enhanced" : "plain";
-        if (encrypted && !o.has_key) {
-            r.decrypt = "no key";
-            r.skip_reason = "encrypted; give --key to decrypt";
-        } else if (encrypted) {
-            int rc = SA_DecryptOneFrame(frame, int(r.held), key, int(o.key.size()));
-            if (rc == 0) {
-                r.decrypt = "ok";
-            } else {
-                r.decrypt = "failed";
-                std::string why = std::string("decryption failed: ") + decrypt_failure(rc);
-                r.error = r.error.empty() ? why : r.error + "; " + why;
-                r.skip_reason = "not decrypted";
-            }
-        }
-        if (r.skip_reason.empty()) {
-            const uint8_t *data = frame + KX_FRAME_HEADER_LEN;
-            size_t data_len = r.held - KX_FRAME_HEADER_LEN;
-            if (t.codec == Codec::kUnknown) t.codec = kxt::probe_codec(data, data_len);
-            // Until a frame with parameter sets and a key picture names the codec, a frame that begins
-            // with the H.265 user-data unit is read as H.265, any other as H.264.
-            r.codec = t.codec != Codec::kUnknown ? t.codec
-                      : starts_with_user_data(data, data_len, Codec::kH265) ? Codec::kH265
-                                                                            : Codec::kH264;
-            analyse_user_data(o, frame, r.held, r.codec, split.data(), int(split.size()), &r.ud);
-            if (r.ud.status == "ok" || r.ud.status == "fragment") ++t.with_user_data;
-        }
+        examine_frame(o, frame, &r, &t.codec, split.data(), int(split.size()));
+        if (r.ud.status == "ok" || r.ud.status == "fragment") ++t.with_user_data;
         if (!r.error.empty()) {
             ++t.broken;
             report_error("frame %lld at offset %llu: %s", r.index, (unsigned long long)r.offset, r.error.c_str());

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "korvex-dump/dump.h"
+#include "korvex-dump/dump_json.h"
 
 namespace kxd {
 
@@ -30,6 +31,8 @@ Json raw_json(const RawView &v) {
     j["hex"] = kxt::hex_compact(v.head.data(), v.head.size());
     return j;
 }
+
+}  // namespace
 
 Json frame_json(const FrameReport &r) {
     Json j;
@@ -97,6 +100,8 @@ Json frame_json(const FrameReport &r) {
     j["userdata"] = ud;
     return j;
 }
+
+namespace {
 
 void print_text(const FrameReport &r) {
     if (!r.has_header) {

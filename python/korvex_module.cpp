@@ -1,0 +1,752 @@
+// The Python module `korvex`: the frame side of the library for Python programs. read_frames walks a
+// recording with korvex-dump's own frame steps (sound header, decryption, user-data analysis with split
+// containers joined across frames), and a frame's user data is korvex-dump's JSON object for it, turned
+// into Python data. The GIL is released while the library works on a buffer.
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <limits.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <pybind11/eval.h>
+#include <pybind11/pybind11.h>
+
+#include "korvex-dump/dump.h"
+#include "korvex-dump/dump_json.h"
+#include "stream/frame_header.h"
+
+namespace py = pybind11;
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using kxt::Codec;
+
+// ---------------------------------------------------------------------------------------------------
+// Errors: korvex.Error and its subclasses are defined in Python (see the module init) and carry the
+// library's negative code and a message.
+
+const char kErrorClasses[] = R"PY(
+class Error(Exception):
+    """A call of the korvex library failed: `code` is the library's negative result code, `message`
+    says what went wrong."""
+    def __init__(self, message, code):
+        super().__init__(message, code)
+        self.message = message
+        self.code = code
+    def __str__(self):
+        return f"{self.message} ({self.code})"
+
+class FrameError(Error):
+    """The bytes are no usable frame: an invalid frame header (-102), a frame cut short (-104)."""
+
+class CipherError(Error):
+    """The frame cipher refused: an unusable key (-2), a frame that is not encrypted (-3), a frame too
+    short for the plain cipher (-104)."""
+
+class WrongKeyError(CipherError):
+    """Decryption failed because the key is wrong, or the data is no frame (-4)."""
+
+class IndexBlockError(Error):
+    """An I-frame index block the library refuses: too short for its head or items (-104), a sign
+    type out of range (-100)."""
+)PY";
+
+py::object *g_module = nullptr;     // the module, for its error classes
+py::object *g_datetime = nullptr;   // datetime.datetime
+py::object *g_utc = nullptr;        // datetime.timezone.utc
+
+[[noreturn]] void raise(const char *cls, int code, const std::string &message) {
+    py::object type = g_module->attr(cls);
+    py::object exc = type(message, code);
+    PyErr_SetObject(type.ptr(), exc.ptr());
+    throw py::error_already_set();
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Byte sources: a bytes-like object (held through the buffer protocol, so it can't be resized while
+// read) or a file, mapped read-only.
+
+class Bytes {
+public:
+    Bytes() = default;
+    Bytes(const Bytes &) = delete;
+    Bytes &operator=(const Bytes &) = delete;
+    ~Bytes() {
+        if (map_ != nullptr) munmap(map_, size_);
+        if (has_view_) PyBuffer_Release(&view_);  // the owner is destroyed with the GIL held
+    }
+    // A contiguous bytes-like object; TypeError otherwise.
+    void from_buffer(py::handle obj) {
+        if (PyObject_GetBuffer(obj.ptr(), &view_, PyBUF_SIMPLE) != 0) {
+            PyErr_Clear();
+            throw py::type_error("expected a path, bytes or a contiguous buffer, not " +
+                                 std::string(Py_TYPE(obj.ptr())->tp_name));
+        }
+        has_view_ = true;
+        data_ = static_cast<const uint8_t *>(view_.buf);
+        size_ = size_t(view_.len);
+    }
+    // A file: mapped when it is a regular file, read whole otherwise; OSError on failure.
+    void from_path(const std::string &path) {
+        int fd;
+        {
+            py::gil_scoped_release nogil;
+            fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        }
+        if (fd < 0) throw_os_error(path);
+        struct stat st;
+        if (fstat(fd, &st) != 0) {
+            int e = errno;
+            close(fd);
+            errno = e;
+            throw_os_error(path);
+        }
+        if (S_ISREG(st.st_mode)) {
+            size_ = size_t(st.st_size);
+            if (size_ > 0) {
+                void *m = mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd, 0);
+                if (m == MAP_FAILED) {
+                    int e = errno;
+                    close(fd);
+                    errno = e;
+                    throw_os_error(path);
+                }
+                map_ = m;
+                data_ = static_cast<const uint8_t *>(m);
+            }
+        } else {
+            py::gil_scoped_release nogil;
+            uint8_t chunk[1 << 16];
+            ssize_t got;
+            while ((got = read(fd, chunk, sizeof(chunk))) > 0) owned_.insert(owned_.end(), chunk, chunk + got);
+            if (got < 0) {
+                int e = errno;
+                close(fd);
+                errno = e;
+                py::gil_scoped_acquire gil;
+                throw_os_error(path);
+            }
+            data_ = owned_.data();
+            size_ = owned_.size();
+        }
+        close(fd);
+    }
+    const uint8_t *data() const { return data_; }
+    size_t size() const { return size_; }
+
+private:
+    [[noreturn]] static void throw_os_error(const std::string &path) {
+        PyErr_SetFromErrnoWithFilename(PyExc_OSError, path.c_str());
+        throw py::error_already_set();
+    }
+    Py_buffer view_{};
+    bool has_view_ = false;
+    void *map_ = nullptr;
+    std::vector<uint8_t> owned_;
+    const uint8_t *data_ = nullptr;
+    size_t size_ = 0;
+};
+
+// Any of: str or os.PathLike (a path), or a bytes-like object.
+std::shared_ptr<Bytes> open_source(py::handle source) {
+    auto b = std::make_shared<Bytes>();
+    if (py::isinstance<py::str>(source) || PyObject_HasAttrString(source.ptr(), "__fspath__")) {
+        py::object path = py::module_::import("os").attr("fsdecode")(source);
+        b->from_path(path.cast<std::string>());
+    } else {
+        b->from_buffer(source);
+    }
+    return b;
+}
+
+// A view of a bytes-like argument for the duration of a call.
+class View {
+public:
+    explicit View(py::handle obj, const char *what) {
+        if (PyObject_GetBuffer(obj.ptr(), &view_, PyBUF_SIMPLE) != 0) {
+            PyErr_Clear();
+            throw py::type_error(std::string(what) + " must be bytes or a contiguous buffer, not " +
+                                 Py_TYPE(obj.ptr())->tp_name);
+        }
+    }
+    View(const View &) = delete;
+    View &operator=(const View &) = delete;
+    ~View() { PyBuffer_Release(&view_); }
+    const uint8_t *data() const { return static_cast<const uint8_t *>(view_.buf); }
+    size_t size() const { return size_t(view_.len); }
+
+private:
+    Py_buffer view_{};
+};
+
+// A key: str (UTF-8) or bytes, 1 to 16 bytes; kept in 17 zeroed bytes, since the enhanced cipher reads
+// 16 bytes at the key whatever its length.
+struct Key {
+    bool given = false;
+    std::string text;
+    unsigned char padded[17] = {0};
+};
+
+Key to_key(py::handle key) {
+    Key k;
+    if (key.is_none()) return k;
+    if (py::isinstance<py::str>(key)) {
+        k.text = key.cast<std::string>();
+    } else {
+        View v(key, "key");
+        k.text.assign(reinterpret_cast<const char *>(v.data()), v.size());
+    }
+    if (k.text.empty() || k.text.size() > 16) raise("CipherError", -2, "a key has 1 to 16 bytes");
+    k.given = true;
+    memcpy(k.padded, k.text.data(), k.text.size());
+    return k;
+}
+
+Codec to_codec(const std::string &codec) {
+    if (codec == "auto") return Codec::kUnknown;
+    if (codec == "h264") return Codec::kH264;
+    if (codec == "h265") return Codec::kH265;
+    throw py::value_error("codec is 'auto', 'h264' or 'h265', not '" + codec + "'");
+}
+
+// The analysis korvex-dump --mask chooses: None keeps the single-frame analysis.
+void set_mask(py::handle mask, kxd::Options *o) {
+    if (mask.is_none()) return;
+    o->two_layout = true;
+    if (py::isinstance<py::str>(mask) && mask.cast<std::string>() == "all") {
+        o->type = 255;  // every block, whatever the mask says
+        o->mask = 0x7FFFFFFF;
+        return;
+    }
+    long long n = 0;
+    if (py::isinstance<py::int_>(mask) && !py::isinstance<py::bool_>(mask)) {
+        int overflow = 0;
+        n = PyLong_AsLongLongAndOverflow(mask.ptr(), &overflow);
+        if (overflow != 0) n = 0;
+    }
+    if (n < 1 || n > 0x7FFFFFFF) throw py::value_error("mask is None, 'all' or a number from 1 to 0x7FFFFFFF");
+    o->type = 0;  // any type but 255 lets the mask choose
+    o->mask = int(n);
+}
+
+int clamp_len(size_t n) { return n > size_t(INT_MAX) ? INT_MAX : int(n); }
+
+// ---------------------------------------------------------------------------------------------------
+// JSON to Python: objects become dicts (in order), arrays lists; a "utc" text becomes a datetime in UTC.
+
+py::object utc_time(const std::string &s) {
+    int y, mo, d, h, mi, sec;
+    char z;
+    if (sscanf(s.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%c", &y, &mo, &d, &h, &mi, &sec, &z) == 7 && z == 'Z') {
+        try {
+            return (*g_datetime)(y, mo, d, h, mi, sec, 0, *g_utc);
+        } catch (py::error_already_set &) {
+            // not a date the datetime type holds: left as the text
+        }
+    }
+    return py::str(s);
+}
+
+py::object to_python(const Json &j, bool utc = false) {
+    switch (j.type()) {
+    case Json::value_t::null: return py::none();
+    case Json::value_t::boolean: return py::bool_(j.get<bool>());
+    case Json::value_t::number_integer: return py::reinterpret_steal<py::object>(PyLong_FromLongLong(j.get<long long>()));
+    case Json::value_t::number_unsigned:
+        return py::reinterpret_steal<py::object>(PyLong_FromUnsignedLongLong(j.get<unsigned long long>()));
+    case Json::value_t::number_float: return py::float_(j.get<double>());
+    case Json::value_t::string: {
+        const std::string &s = j.get_ref<const std::string &>();
+        if (utc) return utc_time(s);
+        // Text from a stream can hold any bytes; invalid UTF-8 is replaced, as korvex-dump does.
+        PyObject *u = PyUnicode_DecodeUTF8(s.data(), Py_ssize_t(s.size()), "replace");
+        if (u == nullptr) throw py::error_already_set();
+        return py::reinterpret_steal<py::object>(u);
+    }
+    case Json::value_t::array: {
+        py::list l(j.size());
+        size_t i = 0;
+        for (const Json &e : j) l[i++] = to_python(e);
+        return std::move(l);
+    }
+    case Json::value_t::object: {
+        py::dict d;
+        for (auto it = j.begin(); it != j.end(); ++it) d[py::str(it.key())] = to_python(it.value(), it.key() == "utc");
+        return std::move(d);
+    }
+    default: return py::none();
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Frames
+
+// The bytes of one frame, owned by the module; the frame's memoryviews point here.
+struct FrameBytes {
+    std::vector<uint8_t> bytes;
+};
+
+struct Frame {
+    std::shared_ptr<FrameBytes> buf;
+    kxd::FrameReport r;
+    Codec stream_codec = Codec::kUnknown;  // the stream's codec when the frame was read
+    bool busy = false;
+
+    uint8_t *data() { return buf->bytes.data(); }
+    bool has_header() const { return buf->bytes.size() >= KX_FRAME_HEADER_LEN; }
+    uint16_t current_flags() const { return has_header() ? fh_flags(buf->bytes.data()) : 0; }
+    bool encrypted() const { return (current_flags() & 3) == 2; }
+};
+
+// Marks an object busy for the length of a call that releases the GIL, so that a second thread can't
+// work on the same frame or walk at the same time.
+class Busy {
+public:
+    Busy(bool *flag, const char *what) : flag_(flag) {
+        if (*flag_) throw std::runtime_error(std::string(what) + " is in use by another thread");
+        *flag_ = true;
+    }
+    ~Busy() { *flag_ = false; }
+
+private:
+    bool *flag_;
+};
+
+py::object frame_memoryview(const Frame &f, size_t begin, size_t end) {
+    py::object owner = py::cast(f.buf);
+    py::object mv = py::reinterpret_steal<py::object>(PyMemoryView_FromObject(owner.ptr()));
+    if (!mv) throw py::error_already_set();
+    return mv[py::slice(py::int_(begin), py::int_(end), py::none())];
+}
+
+const char *decrypt_class(int rc) {
+    switch (rc) {
+    case -4: return "WrongKeyError";
+    case -101: case -102: return "FrameError";
+    default: return "CipherError";
+    }
+}
+
+std::string frame_where(const kxd::FrameReport &r) {
+    return "frame " + std::to_string(r.index) + " at offset " + std::to_string(r.offset) + ": ";
+}
+
+// Decrypts a frame that was read without a key (or whose key failed) and analyses its user data alone,
+// with a fresh record of split containers.
+void frame_decrypt(Frame &f, py::handle key_obj) {
+    Key key = to_key(key_obj);
+    if (!key.given) throw py::type_error("decrypt() needs a key");
+    if (!f.r.valid) raise("FrameError", -102, frame_where(f.r) + "invalid frame header");
+    Busy busy(&f.busy, "the frame");
+    int rc;
+    {
+        py::gil_scoped_release nogil;
+        rc = SA_DecryptOneFrame(f.data(), clamp_len(f.r.held), key.padded, int(key.text.size()));
+    }
+    if (rc == -3) raise("CipherError", rc, frame_where(f.r) + "the frame is not encrypted");
+    if (rc != 0) {
+        raise(decrypt_class(rc), rc, frame_where(f.r) + (rc == -4 ? "decryption failed: wrong key" : "decryption failed"));
+    }
+    // The analysis fills a copy, so that another thread reading the frame's report meanwhile sees the
+    // old one whole; the copy replaces it with the GIL held.
+    kxd::FrameReport r = f.r;
+    r.flags = f.current_flags();
+    r.error = r.held < r.frame_len ? "truncated: the header says " + std::to_string(r.frame_len) + " bytes, " +
+                                         std::to_string(r.held) + " are present"
+                                   : "";
+    r.skip_reason.clear();
+    r.ud = kxd::UserDataReport();
+    {
+        py::gil_scoped_release nogil;
+        kxd::Options o;
+        o.codec = f.stream_codec;
+        std::vector<uint8_t> split(sizeof(TUserDataSplitState), 0);
+        Codec codec = f.stream_codec;
+        kxd::examine_frame(o, f.data(), &r, &codec, split.data(), int(split.size()));
+    }
+    r.flags = f.r.flags;
+    r.encryption = f.r.encryption;
+    r.decrypt = "ok";
+    f.r = std::move(r);
+}
+
+py::object frame_userdata(const Frame &f) {
+    Json j = kxd::frame_json(f.r);
+    auto it = j.find("userdata");
+    return it == j.end() ? py::none() : to_python(*it);
+}
+
+// ---------------------------------------------------------------------------------------------------
+// The walk over a recording
+
+struct Walk {
+    std::shared_ptr<Bytes> src;
+    kxd::Options o;
+    std::vector<uint8_t> split = std::vector<uint8_t>(sizeof(TUserDataSplitState), 0);
+    Codec codec = Codec::kUnknown;
+    size_t pos = 0;
+    long long index = 0;
+    bool strict = true;
+    bool done = false;
+    bool busy = false;
+
+    Frame next() {
+        if (done || pos >= src->size()) {
+            done = true;
+            throw py::stop_iteration();
+        }
+        Busy guard(&busy, "the read_frames iterator");
+        Frame f;
+        f.buf = std::make_shared<FrameBytes>();
+        kxd::FrameReport &r = f.r;
+        r.index = index++;
+        r.offset = pos;
+        const uint8_t *at = src->data() + pos;
+        size_t avail = src->size() - pos;
+        if (avail < KX_FRAME_HEADER_LEN) {
+            r.error = "only " + std::to_string(avail) + " bytes left, too short for a frame header";
+            r.held = avail;
+            f.buf->bytes.assign(at, at + avail);
+            done = true;
+            if (strict) raise("FrameError", -104, frame_where(r) + r.error);
+            return f;
+        }
+        kxd::read_header(at, &r);
+        r.valid = kxd::sound_header(at);
+        if (!r.valid) {
+            char msg[160];
+            snprintf(msg, sizeof(msg), "invalid frame header (uiFrameLen %u, uiPayloadLen %u, extension %u x %u)",
+                     r.frame_len, r.payload_len, r.ext_count, r.ext_size);
+            r.error = msg;
+            f.buf->bytes.assign(at, at + KX_FRAME_HEADER_LEN);
+            if (strict) {
+                done = true;
+                raise("FrameError", -102, frame_where(r) + r.error);
+            }
+            resync();
+            return f;
+        }
+        r.held = std::min(avail, size_t(r.frame_len));
+        f.buf->bytes.assign(at, at + r.held);
+        bool truncated = r.held < r.frame_len;
+        if (truncated) {
+            r.error = "truncated: the header says " + std::to_string(r.frame_len) + " bytes, " +
+                      std::to_string(r.held) + " are present";
+        }
+        f.stream_codec = codec;
+        int rc;
+        {
+            py::gil_scoped_release nogil;
+            rc = kxd::examine_frame(o, f.data(), &r, &codec, split.data(), int(split.size()));
+        }
+        pos += r.held;
+        if (truncated) done = true;
+        if (strict && truncated) {
+            done = true;
+            raise("FrameError", -104, frame_where(r) + r.error);
+        }
+        if (strict && rc != 0) {
+            done = true;
+            raise(decrypt_class(rc), rc, frame_where(r) + r.error);
+        }
+        return f;
+    }
+
+    // The next sound header behind the current position, as korvex-dump searches; the end otherwise.
+    void resync() {
+        const uint8_t *p = src->data();
+        size_t n = src->size();
+        size_t found = n;
+        {
+            py::gil_scoped_release nogil;
+            for (size_t i = pos + 1; i + KX_FRAME_HEADER_LEN <= n; ++i) {
+                if (kxd::sound_header(p + i)) {
+                    found = i;
+                    break;
+                }
+            }
+        }
+        pos = found;
+        if (found == n) done = true;
+    }
+};
+
+// ---------------------------------------------------------------------------------------------------
+// Module functions
+
+py::object probe(py::handle data) {
+    View v(data, "data");
+    int h264, h265 = 0;
+    {
+        py::gil_scoped_release nogil;
+        h264 = H264_Probe(v.data(), clamp_len(v.size()));
+        if (h264 != 1) h265 = H265_Probe(v.data(), clamp_len(v.size()));
+    }
+    if (h264 == 1) return py::str("h264");
+    if (h265 == 1) return py::str("h265");
+    return py::none();
+}
+
+// The frame argument of encrypt_frame and stream_info: a Frame or a bytes-like object.
+std::vector<uint8_t> frame_bytes(py::handle frame) {
+    if (py::isinstance<Frame>(frame)) return frame.cast<Frame &>().buf->bytes;
+    View v(frame, "frame");
+    return std::vector<uint8_t>(v.data(), v.data() + v.size());
+}
+
+py::bytes encrypt_frame(py::handle frame, py::handle key_obj, const std::string &mode) {
+    if (mode != "plain" && mode != "enhanced") throw py::value_error("mode is 'plain' or 'enhanced', not '" + mode + "'");
+    Key key = to_key(key_obj);
+    if (!key.given) throw py::type_error("encrypt_frame() needs a key");
+    std::vector<uint8_t> out = frame_bytes(frame);
+    if (out.size() < KX_FRAME_HEADER_LEN) raise("FrameError", -102, "shorter than a frame header");
+    // The encrypting calls only clear flag bits: as a producer does, the state fields of the low byte
+    // start at 3, and the call leaves 2 (encrypted, and enhanced or not) where it marks the frame.
+    fh_set_flags(out.data(), uint16_t(fh_flags(out.data()) | 0x00FF));
+    int rc;
+    {
+        py::gil_scoped_release nogil;
+        rc = mode == "plain" ? SA_EncryptOneFrame(out.data(), clamp_len(out.size()), key.padded, int(key.text.size()))
+                             : SA_EncryptOneFrameEx(out.data(), clamp_len(out.size()), key.padded, int(key.text.size()));
+    }
+    switch (rc) {
+    case 0: break;
+    case -102: raise("FrameError", rc, "invalid frame header");
+    case -104: raise("FrameError", rc, "the frame is shorter than its header says");
+    case -2: raise("CipherError", rc, "unusable key");
+    default: raise("CipherError", rc, "refused by the cipher");
+    }
+    return py::bytes(reinterpret_cast<const char *>(out.data()), out.size());
+}
+
+py::dict stream_info(py::handle head, py::handle frame) {
+    View h(head, "head");
+    std::vector<uint8_t> f = frame_bytes(frame);
+    // The call reads the 32 header bytes whatever length it is given.
+    if (f.size() < KX_FRAME_HEADER_LEN) raise("FrameError", -3, "shorter than a frame header");
+    TStreamInfo info;
+    memset(&info, 0, sizeof(info));
+    int rc;
+    {
+        py::gil_scoped_release nogil;
+        rc = SA_GetStreamInfo(h.data(), clamp_len(h.size()), f.data(), clamp_len(f.size()), &info, sizeof(info));
+    }
+    if (rc == -3) raise("FrameError", rc, "invalid frame header");
+    if (rc == -5) raise("Error", rc, "the stream head block is shorter than 88 bytes");
+    if (rc != 0) raise("Error", rc, "refused");
+    py::dict d;
+    d["head_word0"] = info.iHeadWord0;
+    d["head_word2"] = info.iHeadWord2;
+    d["head_word4"] = info.iHeadWord4;
+    d["frame_info"] = info.iFrameInfo;
+    d["frame_attr"] = info.iFrameAttr;
+    d["stream_kind"] = info.iStreamKind;
+    d["stream_reserved"] = info.iStreamReserved;
+    return d;
+}
+
+const char *index_error(int rc) {
+    switch (rc) {
+    case -104: return "the block is too short for its head or for the items its head announces";
+    case -100: return "sign type out of range";
+    default: return "refused";
+    }
+}
+
+// Asks the library about a block of one or two items cut from an index: find mode, the wanted match of
+// the sign type. False when nothing was found.
+bool find_in_window(int sign, const uint8_t *items, uint32_t n, uint32_t width, int wanted, TIFrameInfoQuery *q) {
+    uint8_t win[44 + 2 * 80];
+    memset(win, 0, 44);
+    kxt::Bytes head;
+    kxt::put32(head, n);
+    kxt::put32(head, width);
+    memcpy(win + 32, head.data(), head.size());
+    memcpy(win + 44, items, size_t(n) * width);
+    memset(q, 0, sizeof(*q));
+    q->iWantedOrdinal = wanted;
+    q->iRestartCount = -1;  // left so when nothing is found
+    int room = sizeof(*q);
+    return SA_GetIFrameInfo(sign, win, int(44 + n * width), q, &room) == 0 && q->iRestartCount >= 0;
+}
+
+struct IndexMatch {
+    long long ordinal;
+    TIFrameIndexItem item;
+    long long restarts;
+};
+
+// Every match of the sign type in table order, each with the restarts up to it. The library judges
+// every item: alone (its bytes, whether it matches, and whether it counts as a restart at the head of
+// a walk) and behind its predecessor (whether the step to it is a restart). The library reads at most
+// 80 bytes of an item, so each is cut to that; the whole list costs one pass over the block.
+py::list iframe_index(py::handle data, int sign) {
+    View v(data, "data");
+    if (sign < 0 || sign > 5) raise("IndexBlockError", -100, "sign type out of range (0 to 5)");
+    if (v.size() > size_t(INT_MAX)) raise("IndexBlockError", -104, "too large for an index block");
+    std::vector<IndexMatch> found;
+    int rc;
+    {
+        py::gil_scoped_release nogil;
+        TIFrameInfoQuery q;
+        memset(&q, 0, sizeof(q));
+        q.iWantedOrdinal = -1;
+        int room = sizeof(q);
+        rc = SA_GetIFrameInfo(sign + 100, v.data(), int(v.size()), &q, &room);
+        if (rc == 0 && q.iMatchCount > 0) {
+            // The library accepted the block: count x item_size bytes of items lie behind the head.
+            uint32_t count = kxt::rd32(v.data() + 32), item_size = kxt::rd32(v.data() + 36);
+            uint32_t width = item_size < 80 ? item_size : 80;
+            uint8_t pair[2 * 80];
+            long long restarts = 0, matches = 0;
+            int prev_alone = 0;  // the previous item counted as a restart at the head of a walk
+            for (uint32_t i = 0; i < count && matches < q.iMatchCount; ++i) {
+                const uint8_t *item = v.data() + 44 + size_t(i) * item_size;
+                TIFrameInfoQuery alone, step, match;
+                find_in_window(0, item, 1, width, 1, &alone);
+                if (i == 0) {
+                    restarts = alone.iRestartCount;
+                } else {
+                    memcpy(pair, item - item_size, width);
+                    memcpy(pair + width, item, width);
+                    find_in_window(0, pair, 2, width, 2, &step);
+                    restarts += step.iRestartCount - prev_alone;
+                }
+                prev_alone = alone.iRestartCount;
+                bool hit = sign == 0 || find_in_window(sign, item, 1, width, 1, &match);
+                if (hit) found.push_back(IndexMatch{++matches, alone.tItem, restarts});
+            }
+        }
+    }
+    if (rc != 0) raise("IndexBlockError", rc, index_error(rc));
+    py::list out;
+    for (const IndexMatch &f : found) {
+        py::dict d;
+        d["ordinal"] = f.ordinal;
+        d["word"] = f.item.uiItemWord;
+        d["stamp"] = f.item.iItemStamp;
+        d["mask"] = f.item.uiSignMask;
+        d["restarts"] = f.restarts;
+        out.append(d);
+    }
+    return out;
+}
+
+}  // namespace
+
+PYBIND11_MODULE(korvex, m) {
+    m.doc() = "The frame side of the korvex library: read recordings of frames, decrypt them, and get each "
+              "frame's user data as Python data (the shape of korvex-dump --json).";
+    m.attr("__version__") = KORVEX_VERSION;
+    // The library logs refused calls on standard error, keys included; a Python program sees exceptions.
+    sdk_log_set_level(0, 0, 0);
+
+    py::exec(kErrorClasses, m.attr("__dict__"));
+    // Kept for the life of the process: the interpreter may already be gone when statics are destroyed.
+    g_module = new py::object(m);
+    py::module_ dt = py::module_::import("datetime");
+    g_datetime = new py::object(dt.attr("datetime"));
+    g_utc = new py::object(dt.attr("timezone").attr("utc"));
+
+    py::class_<FrameBytes, std::shared_ptr<FrameBytes>>(m, "_FrameBytes", py::buffer_protocol(),
+                                                        "The bytes of one frame, read-only.")
+        .def_buffer([](FrameBytes &b) { return py::buffer_info(b.bytes.data(), py::ssize_t(b.bytes.size()), true); });
+
+    py::class_<Frame>(m, "Frame",
+                      "One frame of a recording: its header fields, its bytes, and the user data found in it. "
+                      "Made by read_frames(); the frame owns a copy of its bytes.")
+        .def_property_readonly("index", [](const Frame &f) { return f.r.index; }, "Position in the recording, from 0.")
+        .def_property_readonly("offset", [](const Frame &f) { return f.r.offset; }, "Byte offset in the recording.")
+        .def_property_readonly("valid", [](const Frame &f) { return f.r.valid; }, "The frame header is valid.")
+        .def_property_readonly("frame_len", [](const Frame &f) { return f.r.frame_len; }, "uiFrameLen: the whole frame, header included.")
+        .def_property_readonly("payload_len", [](const Frame &f) { return f.r.payload_len; }, "uiPayloadLen.")
+        .def_property_readonly("ext_count", [](const Frame &f) { return f.r.ext_count; }, "usExtCount.")
+        .def_property_readonly("ext_size", [](const Frame &f) { return f.r.ext_size; }, "usExtSize.")
+        .def_property_readonly("frame_no", [](const Frame &f) { return f.r.frame_no; }, "uiFrameNo, the cipher's counter.")
+        .def_property_readonly("attr", [](const Frame &f) { return f.r.attr; }, "ucFrameAttr.")
+        .def_property_readonly("info", [](const Frame &f) { return f.r.info; }, "uiFrameInfo.")
+        .def_property_readonly("flags", [](const Frame &f) { return f.r.flags; }, "usFrameFlags as read from the recording.")
+        .def_property_readonly("held", [](const Frame &f) { return f.r.held; },
+                               "Bytes of the frame present in the recording (less than frame_len when cut short).")
+        .def_property_readonly("error", [](const Frame &f) { return f.r.error.empty() ? py::object(py::none()) : py::object(py::str(f.r.error)); },
+                               "Why the frame is broken, or None (only read_frames(strict=False) yields broken frames).")
+        .def_property_readonly("encrypted", &Frame::encrypted, "The frame's bytes are encrypted now.")
+        .def_property_readonly("mode", [](const Frame &f) -> py::object {
+                if (!f.encrypted()) return py::none();
+                return py::str(((f.current_flags() >> 6) & 3) == 2 ? "enhanced" : "plain");
+            }, "The cipher mode of an encrypted frame, 'plain' or 'enhanced'; None for a clear frame.")
+        .def_property_readonly("data", [](const Frame &f) { return frame_memoryview(f, 0, f.buf->bytes.size()); },
+                               "The frame's bytes, header included: a read-only memoryview, no copy.")
+        .def_property_readonly("payload", [](const Frame &f) {
+                size_t n = f.buf->bytes.size();
+                size_t begin = std::min(n, size_t(KX_FRAME_HEADER_LEN));
+                size_t end = f.r.valid ? std::min(n, begin + size_t(f.r.payload_len)) : begin;
+                return frame_memoryview(f, begin, end);
+            }, "The payload behind the header (uiPayloadLen bytes, as far as present): a read-only memoryview, no copy.")
+        .def("decrypt", &frame_decrypt, py::arg("key"),
+             "Decrypts the frame in place with key (str or bytes, 1 to 16 bytes) and analyses its user data, "
+             "alone. Raises WrongKeyError for a wrong key, CipherError for a clear frame or an unusable key.")
+        .def("userdata", &frame_userdata,
+             "The user data of the frame as plain Python data: the 'userdata' object that korvex-dump --json "
+             "prints for the frame, with times as datetime in UTC. None for a frame with a broken header.")
+        .def("report", [](const Frame &f) { return to_python(kxd::frame_json(f.r)); },
+             "Everything korvex-dump --json prints for the frame, as one dict (times as datetime in UTC).")
+        .def("__repr__", [](const Frame &f) {
+            return "<korvex.Frame " + std::to_string(f.r.index) + " at " + std::to_string(f.r.offset) + ", " +
+                   std::to_string(f.r.frame_len) + " bytes, no " + std::to_string(f.r.frame_no) + ">";
+        });
+
+    py::class_<Walk>(m, "FrameReader", "Iterator over the frames of a recording; made by read_frames().")
+        .def("__iter__", [](py::object self) { return self; }, "The iterator itself.")
+        .def("__next__", &Walk::next, "The next Frame; StopIteration at the end of the recording.");
+
+    m.def("read_frames",
+          [](py::handle source, py::handle key, const std::string &codec, bool strict, py::handle mask) {
+              Walk w;
+              set_mask(mask, &w.o);
+              w.o.codec = to_codec(codec);
+              w.codec = w.o.codec;
+              Key k = to_key(key);
+              w.o.has_key = k.given;
+              w.o.key = k.text;
+              w.strict = strict;
+              w.src = open_source(source);
+              return w;
+          },
+          py::arg("source"), py::arg("key") = py::none(), py::arg("codec") = "auto", py::arg("strict") = true,
+          py::arg("mask") = py::none(),
+          "Iterates the frames of a recording, one behind the other, as korvex-dump walks them.\n\n"
+          "source is a path (str or os.PathLike), bytes or any contiguous buffer. With key (str or bytes, 1 to "
+          "16 bytes) encrypted frames are decrypted, in either mode; without it they are yielded encrypted and "
+          "their user data is not analysed. codec is 'auto' (the first frame the probes recognise decides), "
+          "'h264' or 'h265'. User data split over consecutive frames is joined.\n\n"
+          "strict=True raises at the first broken frame: FrameError for an invalid header or a frame cut short, "
+          "WrongKeyError when the key is wrong. strict=False yields broken frames with their error set, and "
+          "after an invalid header searches on for the next valid one, as korvex-dump does.\n\n"
+          "mask chooses the analysis as korvex-dump --mask does: None the single-frame analysis; a number or "
+          "'all' the two-layout analysis, for frames that begin with an old (F0) or new (F1) container, "
+          "decoding the blocks whose bit is set (bit 0 time, 3 VCA targets, 7 plates, 8 OSD, 15 PTZ, ...).");
+    m.def("probe", &probe, py::arg("data"),
+          "'h264' or 'h265' when the probes of the library recognise data as that Annex B byte stream; None "
+          "otherwise.");
+    m.def("encrypt_frame", &encrypt_frame, py::arg("frame"), py::arg("key"), py::arg("mode"),
+          "An encrypted copy of a clear frame (bytes-like, or a Frame) as bytes; mode 'plain' or 'enhanced'. "
+          "The copy's flag word marks it encrypted in that mode (a plain frame below 96 bytes stays clear). "
+          "Raises FrameError for an invalid frame, CipherError when the cipher refuses.");
+    m.def("iframe_index", &iframe_index, py::arg("data"), py::arg("sign") = 0,
+          "The items of an I-frame index block that carry the sign type (0 all, 1 to 5 sign bit 0 to 4), in "
+          "table order: dicts of ordinal (from 1), word, stamp, mask and restarts (restarts up to and "
+          "including the item). Raises IndexBlockError for a block the library refuses.");
+    m.def("stream_info", &stream_info, py::arg("head"), py::arg("frame"),
+          "What a stream head block (at least 88 bytes) and a frame header say: a dict of head_word0, "
+          "head_word2, head_word4, frame_info, frame_attr, stream_kind and stream_reserved. Raises "
+          "FrameError for an invalid frame header, Error (-5) for a short head block.");
+}
