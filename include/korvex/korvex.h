@@ -23,7 +23,9 @@
 /** @defgroup startup Start and stop
  *  @brief Library start and stop, the main lock and the event thread. */
 /** @defgroup timers Timers
- *  @brief Second-granular timers served by the event thread. */
+ *  @brief Second-granular timers served by the event thread.
+ *  Any thread may create and destroy timers once sdk_os_startup() has run; both calls take the timer
+ *  list lock. Callbacks run on the event thread with the main lock and the timer list lock held. */
 /** @defgroup threads Mutexes and threads
  *  @brief Thin wrappers of POSIX mutexes and threads. */
 /** @defgroup list List
@@ -457,8 +459,10 @@ typedef struct _SdkTimer _SdkTimer;
 typedef int (*SdkTimerCallback)(void *udata);
 
 /** @addtogroup startup
- *  sdk_os_startup() and sdk_os_cleanup() and their inner_ forms are called from one thread at a
- *  time (the start count has no lock); the other calls here from any thread.
+ *  The first start makes the event thread (TCP clients, timers, the log check) and the timer thread
+ *  (one tick a second); both run to the end of the process. sdk_os_startup() and sdk_os_cleanup() and
+ *  their inner_ forms are called from one thread at a time (the start count has no lock); the other
+ *  calls here from any thread.
  *  @{ */
 /** Starts the library. Counts nested starts; the first start builds the pools, the descriptor table
  *  and the timer list and starts the event and timer threads, which run for the rest of the process;
@@ -1166,8 +1170,8 @@ KX_API int pap_run_cmd_package(_TProtFrame *frame, const char *text, int length,
 /** @addtogroup maps
  *  A function map binds function pointers to names (key map, searched from the front, first binding
  *  wins) or to numbers (index map, an array of max_index slots). The map never calls the functions:
- *  the caller casts func, or the slot, to the function's real type. No lock is taken; the caller
- *  serialises binding against lookup. Failures log the error named at each call.
+ *  the caller casts func, or the slot, to the function's real type. Any thread; no lock is taken, so
+ *  the caller serialises binding against lookup. Failures log the error named at each call.
  *  @{ */
 #define MAP_TYPE_KEY 0   /**< a map of names */
 #define MAP_TYPE_INDEX 1 /**< a map of numbers */
