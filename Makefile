@@ -3,12 +3,13 @@ PREFIX ?= /usr/local
 PACKAGES := cmake ninja-build g++ clang libclang-rt-dev googletest libgtest-dev libbenchmark-dev libssl-dev \
             nlohmann-json3-dev pkg-config tshark libpcap-dev libuv1-dev \
             ffmpeg libavcodec-dev libavformat-dev libavfilter-dev libswscale-dev libavutil-dev fonts-dejavu-core \
-            python3-dev python3-pybind11 python3-pytest python3-hypothesis
+            python3-dev python3-pybind11 python3-pytest python3-hypothesis \
+            doxygen graphviz
 JOBS ?= 2
 FUZZ_SECONDS ?= 20
 BENCH_SECONDS ?= 0.2
 
-.PHONY: all deps build test test-asan test-tsan demo install python python-asan fuzz soak fleet test-valgrind bench clean
+.PHONY: all deps build test test-asan test-tsan demo install python python-asan fuzz soak fleet test-valgrind bench docs clean
 
 all: build
 
@@ -118,6 +119,12 @@ bench: deps
 	cmake --preset bench
 	cmake --build --preset bench -j $(JOBS)
 	python3 bench/ratios.py build/bench/bench --min-time $(BENCH_SECONDS)
+
+# The API reference (Doxygen): build/docs/html/index.html; any Doxygen warning fails the target.
+docs: deps
+	cmake --preset default
+	cmake --build --preset default -j $(JOBS) --target docs
+	@echo "API reference: build/docs/html/index.html"
 
 clean:
 	rm -rf build
