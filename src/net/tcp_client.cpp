@@ -166,8 +166,8 @@ int open_new(_NetTcpClient *client) {
 }
 
 // One recv within the share of the current read event: a read event takes at most KX_READ_SLICE
-// bytes and ends at the first short read, so one busy peer cannot hold the event thread; data left
-// behind brings the client back in the next pass. Outside a read event there is no share. The byte
+// bytes, so one busy peer cannot hold the event thread; data left behind brings the client back in
+// the next pass. Outside a read event there is no share. The byte
 // count, 0 for would-block or a used share, -1 for a closed or failed stream.
 int share_recv(NetClientSlot *s, int fd, char *buf, uint32_t len) {
     int32_t left = s->read_left.load(std::memory_order_relaxed);
@@ -178,10 +178,7 @@ int share_recv(NetClientSlot *s, int fd, char *buf, uint32_t len) {
     if (n > 0) {
         if (left > 0) {
             left -= (int32_t)n;
-            if ((size_t)n < want)
-                left = 0;  // the socket had no more for now
-            else if (left == 0)
-                s->read_yielded = true;
+            if (left == 0) s->read_yielded = true;
             s->read_left.store(left, std::memory_order_relaxed);
         }
         return (int)n;
