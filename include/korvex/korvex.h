@@ -218,8 +218,8 @@ typedef struct _SdkTimer _SdkTimer;
 typedef int (*SdkTimerCallback)(void *udata);
 
 /* Counts nested starts; the first start builds the pools and starts the event and timer threads,
- * which run for the rest of the process. The client pool always has 200 slots; servernum sizes the
- * server pool and the UDP pool. 1 started or already started, 0 the engine start failed. */
+ * which run for the rest of the process. The client pool has max(clientnum, 200) slots; servernum
+ * sizes the server pool and the UDP pool. 1 started or already started, 0 the engine start failed. */
 KX_API int sdk_os_startup(uint32_t clientnum, uint32_t servernum);
 /* 1 for a stop that was not the last. The last stop closes the server and UDP sockets and stops the
  * log check; TCP clients and caller timers keep running. */

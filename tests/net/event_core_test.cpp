@@ -154,7 +154,9 @@ TEST(EventCore, BareClientKeepsItsWritePump) {
     int peer = accept_within(lfd);
     EXPECT_TRUE(wait_for([] { return g_writes.load() >= 20; }));
     EXPECT_EQ(unsigned(KX_WATCH_READ | KX_WATCH_WRITE), net_tcp_client_interest(c));
+    sdk_main_lock();  // keeps the event thread out of on_write while it is unbound
     net_tcp_client_bind_write(c, nullptr, nullptr);  // unbound: no write events any more
+    sdk_main_unlock();
     EXPECT_EQ(unsigned(KX_WATCH_READ), net_tcp_client_interest(c));
     net_tcp_client_destroy(c);
     close(peer);
