@@ -50,6 +50,14 @@ _NetLink *make_link(Packets *p, const char *ip, uint16_t port, _NetTcpClient **c
     return link;
 }
 
+// Blocks in a link's send queue, read under its send lock.
+uint32_t queued(_NetLink *link) {
+    sdk_mutex_lock(link->mtx_send);
+    uint32_t n = adt_dlist_size(link->send_buf_ls);
+    sdk_mutex_unlock(link->mtx_send);
+    return n;
+}
+
 std::string command_packet(const std::string &body) {
     std::string pkt(LINK_HEAD_SIZE, '\0');
     link_write_command_head(reinterpret_cast<uint8_t *>(&pkt[0]), 0, (int)body.size(), 0, 0);
@@ -121,17 +129,17 @@ TEST(EventCore, WriteInterestOnlyWhileBytesWait) {
     // The peer reads nothing until the socket refuses: the rest waits in the queue.
     std::string body(1440, 'q');
     int sent = 0;
-    while (adt_dlist_size(link->send_buf_ls) == 0 && sent < 100000) {
+    while (queued(link) == 0 && sent < 100000) {
         ASSERT_EQ(0, net_link_send_command(link, body.data(), (int)body.size()) < 0);
         sent++;
     }
-    ASSERT_GT(adt_dlist_size(link->send_buf_ls), 0u);
+    ASSERT_GT(queued(link), 0u);
     EXPECT_EQ(unsigned(KX_WATCH_READ | KX_WATCH_WRITE), net_tcp_client_interest(client));
     // The peer takes everything: the queue empties through write events, then they stop.
     size_t want = (size_t)sent * (LINK_HEAD_SIZE + body.size());
     EXPECT_EQ(want, read_n(peer, want, 10000).size());
     EXPECT_TRUE(wait_for([&] { return net_tcp_client_interest(client) == KX_WATCH_READ; }));
-    EXPECT_EQ(0u, adt_dlist_size(link->send_buf_ls));
+    EXPECT_EQ(0u, queued(link));
     net_link_destroy(link);
     close(peer);
     close(lfd);
@@ -211,11 +219,11 @@ TEST(EventCore, ReadEventsTakeABoundedShare) {
         std::lock_guard<std::mutex> g(r.m);
         return r.data.size() == stream.size();
     }));
+    net_tcp_client_destroy(c);
     std::lock_guard<std::mutex> g(r.m);
     EXPECT_TRUE(r.data == stream);
     EXPECT_LE(r.most, (size_t)KX_READ_SLICE);
     EXPECT_GE(r.calls, (int)(stream.size() / KX_READ_SLICE));
-    net_tcp_client_destroy(c);
     close(peer);
     close(lfd);
 }
