@@ -37,7 +37,9 @@ struct NetClientSlot {
     bool read_yielded;  // event thread only
 };
 
-inline NetClientSlot *client_slot(_NetTcpClient *c) { return reinterpret_cast<NetClientSlot *>(c); }
+// The slot of a pool client; null for a record that is not a slot of the pool (a caller's own
+// record), which then has no registration, no write interest of its own and no read share.
+NetClientSlot *client_slot(_NetTcpClient *c);
 
 // --- pools: slots are taken by create calls and given back by destroy calls ---
 // Builds the three pools at the engine start: max(clientnum, 200) client slots, servernum server

@@ -1,4 +1,5 @@
 // The three pools of network records and the engine start: pools first, then the event engine.
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -133,6 +134,15 @@ int net_pools_build(uint32_t clientnum, uint32_t servernum) {
     if (!pool_build(s_net.udps, servernum, "sdk_mutex_init s_net_udps_mutex fail", "malloc NetUdpClient fail"))
         return 0;
     return 1;
+}
+
+NetClientSlot *client_slot(_NetTcpClient *c) {
+    const uintptr_t at = reinterpret_cast<uintptr_t>(c);
+    const uintptr_t first = reinterpret_cast<uintptr_t>(s_net.clients.slots);
+    if (first == 0 || at < first) return nullptr;
+    const uintptr_t off = at - first;
+    if (off % sizeof(NetClientSlot) != 0 || off / sizeof(NetClientSlot) >= s_net.clients.max) return nullptr;
+    return &s_net.clients.slots[off / sizeof(NetClientSlot)];
 }
 
 _NetTcpClient *pool_take_client(void) { return pool_take(s_net.clients, 1, "client num out"); }

@@ -41,6 +41,7 @@ unsigned wanted_interest(NetClientSlot *s) {
 }
 
 void update_interest(NetClientSlot *s) {
+    if (s == nullptr) return;
     WatchLock lock(s);
     if (s->watch.active.load()) kx_watch_set_interest(&s->watch, wanted_interest(s));
 }
@@ -55,7 +56,7 @@ void close_connection(_NetTcpClient *client) {
     NetClientSlot *s = client_slot(client);
     int fd = client_fd(client);
     if (fd != -1) {
-        {
+        if (s != nullptr) {
             WatchLock lock(s);
             kx_watch_stop(&s->watch);
         }
@@ -149,8 +150,8 @@ int open_new(_NetTcpClient *client) {
     int rc = connect(fd, reinterpret_cast<sockaddr *>(&ss), len);
     int err = errno;
     if (rc == 0) client_set_status(client, 2);
-    bool entered;
-    {
+    bool entered = false;
+    if (s != nullptr) {
         WatchLock lock(s);
         entered = kx_watch_start(&s->watch, fd, wanted_interest(s), on_client_event, s) != 0;
     }
@@ -170,7 +171,7 @@ int open_new(_NetTcpClient *client) {
 // the next pass. Outside a read event there is no share. The byte
 // count, 0 for would-block or a used share, -1 for a closed or failed stream.
 int share_recv(NetClientSlot *s, int fd, char *buf, uint32_t len) {
-    int32_t left = s->read_left.load(std::memory_order_relaxed);
+    int32_t left = s != nullptr ? s->read_left.load(std::memory_order_relaxed) : -1;
     if (left == 0) return 0;
     size_t want = len;
     if (left > 0 && want > (size_t)left) want = (size_t)left;
@@ -275,6 +276,7 @@ int on_client_event(KxWatcher *w, unsigned events) {
 void net_tcp_client_want_write(_NetTcpClient *client, int want) {
     if (client == nullptr) return;
     NetClientSlot *s = client_slot(client);
+    if (s == nullptr) return;
     want = want ? 1 : 0;
     if (s->on_demand.load(std::memory_order_relaxed) && s->want_write.load(std::memory_order_relaxed) == want) return;
     WatchLock lock(s);
@@ -283,10 +285,14 @@ void net_tcp_client_want_write(_NetTcpClient *client, int want) {
     if (s->watch.active.load()) kx_watch_set_interest(&s->watch, wanted_interest(s));
 }
 
-bool net_tcp_client_watched(_NetTcpClient *client) { return client_slot(client)->watch.active.load(); }
+bool net_tcp_client_watched(_NetTcpClient *client) {
+    NetClientSlot *s = client_slot(client);
+    return s != nullptr && s->watch.active.load();
+}
 
 unsigned net_tcp_client_interest(_NetTcpClient *client) {
     NetClientSlot *s = client_slot(client);
+    if (s == nullptr) return 0;
     WatchLock lock(s);
     return s->watch.active.load() ? s->watch.interest.load() : 0u;
 }
@@ -475,7 +481,8 @@ KX_API int net_tcp_client_bind_read(_NetTcpClient *client, NetTcpClientCallback 
 // A bare client's write events follow its binding: on while on_write is bound.
 KX_API int net_tcp_client_bind_write(_NetTcpClient *client, NetTcpClientCallback cb, void *arg) {
     if (!bind_cb(client, &_NetTcpClient::on_write, &_NetTcpClient::write_arg, cb, arg)) return 0;
-    if (!client_slot(client)->on_demand.load()) update_interest(client_slot(client));
+    NetClientSlot *s = client_slot(client);
+    if (s != nullptr && !s->on_demand.load()) update_interest(s);
     return 1;
 }
 
