@@ -70,8 +70,9 @@ _NetUdpClient *pool_udp_at(uint32_t i);
 // Write interest of a client whose on_write pumps a queue (the link's send queue). The first call
 // puts the client's write events on demand for as long as it holds its slot: once connected, the
 // client gets write events only while want is 1 (while connecting it always gets them). Call with 1
-// when bytes wait to be written, with 0 when none wait any more. Any thread, without the main lock
-// (a link calls it with its mtx_send held); cheap when nothing changes.
+// when bytes wait to be written, with 0 when none wait any more (write events stop after the next
+// one, which finds nothing to send). Any thread, without the main lock (a link calls it with its
+// mtx_send held); cheap when nothing changes.
 void net_tcp_client_want_write(_NetTcpClient *client, int want);
 // True while the event thread watches the client's descriptor; its current interest (KX_WATCH_*).
 bool net_tcp_client_watched(_NetTcpClient *client);

@@ -249,7 +249,10 @@ int on_client_event(KxWatcher *w, unsigned events) {
     // connection it was given for.
     auto same = [&] { return client->index != -1 && client_fd(client) == fd; };
     if (client_status(client) == 1 && (!finish_connect(s, fd, events) || !same())) return 0;
-    if (events & KX_WATCH_WRITE) call(client->on_write, client, client->write_arg);
+    if (events & KX_WATCH_WRITE) {
+        call(client->on_write, client, client->write_arg);
+        if (same() && s->on_demand.load() && !s->want_write.load()) update_interest(s);
+    }
     if (!same()) return 0;
     int yielded = 0;
     if (events & (KX_WATCH_READ | KX_WATCH_ERROR)) {
@@ -280,9 +283,12 @@ void net_tcp_client_want_write(_NetTcpClient *client, int want) {
     want = want ? 1 : 0;
     if (s->on_demand.load(std::memory_order_relaxed) && s->want_write.load(std::memory_order_relaxed) == want) return;
     WatchLock lock(s);
-    s->on_demand = 1;
+    bool first = s->on_demand.exchange(1) == 0;
     s->want_write = want;
-    if (s->watch.active.load()) kx_watch_set_interest(&s->watch, wanted_interest(s));
+    // Bytes to send turn write events on at once. An empty queue turns them off lazily, at the next
+    // write event that finds nothing to send (or here, on the first call): a queue that fills and
+    // empties in quick turns costs no change of interest each time.
+    if (s->watch.active.load() && (want || first)) kx_watch_set_interest(&s->watch, wanted_interest(s));
 }
 
 bool net_tcp_client_watched(_NetTcpClient *client) {
