@@ -69,6 +69,7 @@ auto pool_take(NetPool<Slot> &pool, uint8_t type, const char *full_msg) -> declt
     decltype(record(*pool.slots)) rec = nullptr;
     {
         PoolLock<Slot> lock(pool);
+        KX_ASSERT_HELD(pool.owner);
         if (pool.slots != nullptr && pool.num < pool.max) {
             for (uint32_t i = 0; i < pool.max; i++) {
                 if (record(pool.slots[i])->index == -1) {
@@ -92,6 +93,8 @@ template <typename Slot, typename Rec>
 int pool_give(NetPool<Slot> &pool, Rec *rec) {
     MainLock main;
     PoolLock<Slot> lock(pool);
+    KX_ASSERT_MAIN_LOCK();  // the order: the main lock, then the pool's mutex
+    KX_ASSERT_HELD(pool.owner);
     if (rec->index == -1) return 0;
     rec->index = -1;
     pool.num--;
