@@ -459,16 +459,16 @@ typedef struct _SdkTimer _SdkTimer;
 typedef int (*SdkTimerCallback)(void *udata);
 
 /** @addtogroup startup
- *  The first start makes the event thread (TCP clients, timers, the log check) and the timer thread
- *  (one tick a second); both run to the end of the process. sdk_os_startup() and sdk_os_cleanup() and
+ *  The first start makes the event thread (watchers: TCP clients, timers, the log check) and the
+ *  timer thread (one tick a second); both run to the end of the process. sdk_os_startup() and sdk_os_cleanup() and
  *  their inner_ forms are called from one thread at a time (the start count has no lock); the other
  *  calls here from any thread.
  *  @{ */
-/** Starts the library. Counts nested starts; the first start builds the pools, the descriptor table
+/** Starts the library. Counts nested starts; the first start builds the pools, the watcher table
  *  and the timer list and starts the event and timer threads, which run for the rest of the process;
  *  each start reads the log configuration and starts the log check timer.
- *  The client pool always has 200 slots; servernum sizes the server pool and the UDP pool.
- *  @param clientnum not used: the client pool has 200 slots.
+ *  The client pool has max(clientnum, 200) slots; servernum sizes the server pool and the UDP pool.
+ *  @param clientnum slots of the client pool; below 200 (0 too) gives 200.
  *  @param servernum slots of the server pool and of the UDP pool.
  *  @return 1 started or already started, 0 the engine start failed (the failing step logs, e.g.
  *          "sdk_thread_create s_os_main_thread fail"). */
@@ -478,7 +478,7 @@ KX_API int sdk_os_startup(uint32_t clientnum, uint32_t servernum);
  *  @return 1. */
 KX_API int sdk_os_cleanup(void);
 /** The engine start alone (pools, table, threads), without the start count and the log.
- *  @param clientnum not used.
+ *  @param clientnum slots of the client pool, as for sdk_os_startup().
  *  @param servernum slots of the server pool and of the UDP pool.
  *  @return 1, also when the engine runs already; 0 when a step failed. */
 KX_API int inner_sdk_os_startup(uint32_t clientnum, uint32_t servernum);

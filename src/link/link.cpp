@@ -170,6 +170,10 @@ KX_API int net_link_set_core(_NetLink *link, _NetTcpClient *client) {
         KX_LOG_ERR("net_tcp_client_bind_write faild");
         return -1;
     }
+    // The write pump runs on demand: write events only while the send queue holds bytes.
+    sdk_mutex_lock(link->mtx_send);
+    net_tcp_client_want_write(client, !adt_dlist_empty(link->send_buf_ls));
+    sdk_mutex_unlock(link->mtx_send);
     return 0;
 }
 

@@ -116,6 +116,7 @@ int net_link_put_in_send_ls(_NetLink *link, const char *data, int size, int sent
         free(b);
         return -1;
     }
+    net_tcp_client_want_write(link->client, 1);  // the pump has bytes to send
     return 0;
 }
 
@@ -169,6 +170,7 @@ int net_link_send_buffer_data(_NetLink *link) {
         free(b);
         adt_dlist_delete(link->send_buf_ls, node);
     }
+    net_tcp_client_want_write(link->client, 0);  // the queue is empty: no write events needed
     return ret;
 }
 

@@ -11,32 +11,43 @@
 
 #include "log/log_internal.h"
 
-std::atomic<int> s_log_level{SDK_LOG_LEVEL_MSG};
-std::atomic<int> s_logfile_level{SDK_LOG_LEVEL_MSG};
-std::atomic<int> s_api_control_log{0};
-std::atomic<int> s_write_log_file{0};
-std::atomic<int> s_pause_write_log{0};
-char s_log_path[KX_LOG_PATH_MAX] = "";
-
-std::atomic<sdk_mutex_t *> s_log_buf_mtx{nullptr};
-std::atomic<sdk_mutex_t *> s_log_file_mtx{nullptr};
-
-namespace {
-
 // The storage of the two log mutexes lives for the whole process: the event thread outlives the
 // last stop and may be inside a log call when the handles are dropped, so the mutex itself is never
 // destroyed. Both are non-recursive; where the platform has it they check errors, so a closing call
 // without an open record cannot release a lock that another thread holds.
 #if defined(PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP)
-pthread_mutex_t s_log_buf_storage = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
-pthread_mutex_t s_log_file_storage = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+#define KX_LOG_MUTEX_INIT PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP
 #else
-pthread_mutex_t s_log_buf_storage = PTHREAD_MUTEX_INITIALIZER;
-pthread_mutex_t s_log_file_storage = PTHREAD_MUTEX_INITIALIZER;
+#define KX_LOG_MUTEX_INIT PTHREAD_MUTEX_INITIALIZER
 #endif
 
-char s_log_buf[4096];
-int s_log_buf_idx = 0;
+LogState s_log = {
+    /*level*/ {SDK_LOG_LEVEL_MSG},
+    /*file_level*/ {SDK_LOG_LEVEL_MSG},
+    /*api_control*/ {0},
+    /*write_file*/ {0},
+    /*pause_write*/ {0},
+    /*file_size*/ {2048},
+    /*savetime*/ {2592000},
+    /*diskfree_percent*/ {0},
+    /*path_state*/ {0},
+    /*path*/ "",
+    /*buf_storage*/ KX_LOG_MUTEX_INIT,
+    /*file_storage*/ KX_LOG_MUTEX_INIT,
+    /*buf_mtx*/ {nullptr},
+    /*file_mtx*/ {nullptr},
+    /*buf_owner*/ {},
+    /*file_owner*/ {},
+    /*buf*/ "",
+    /*buf_idx*/ 0,
+    /*fp*/ nullptr,
+    /*file_name*/ "",
+    /*last_file_name*/ "",
+    /*file_day*/ -1,
+    /*clock*/ {nullptr},
+};
+
+namespace {
 
 // Appends formatted text to buf[*idx] with the room left before `room`; advances *idx by what was
 // really stored and gives what vsnprintf gave.
@@ -81,7 +92,7 @@ void end_line(char *line, int *idx) {
 // Hands a finished line to the file step when the file sink takes it. Without a time of its own
 // the clock is read again; that reading only selects the day of the file.
 void to_file(const char *line, int len, int level, const struct tm *when) {
-    if (!isOutputLogString(1, level) || s_pause_write_log || !isWriteLog()) return;
+    if (!isOutputLogString(1, level) || s_log.pause_write || !isWriteLog()) return;
     struct tm tm;
     if (when == nullptr) {
         time_t t = time(nullptr);
@@ -114,13 +125,15 @@ void err_doit2(int level, const char *fmt, va_list ap) {
 // Closes an error record begun in the shared buffer; entered with the buffer lock held.
 void err_doit_unlock(int errflag, int error, const char *fmt, va_list ap) {
     char line[KX_LOG_LINE_MAX];
-    int idx = s_log_buf_idx;
+    KX_ASSERT_HELD(s_log.buf_owner);
+    int idx = s_log.buf_idx;
     if (idx < 0) idx = 0;
     if (idx > KX_LOG_ROOM - 1) idx = KX_LOG_ROOM - 1;
-    memcpy(line, s_log_buf, (size_t)idx);
+    memcpy(line, s_log.buf, (size_t)idx);
     line[idx] = '\0';
-    s_log_buf_idx = 0;
-    pthread_mutex_unlock(&s_log_buf_storage);
+    s_log.buf_idx = 0;
+    s_log.buf_owner.releasing();
+    pthread_mutex_unlock(&s_log.buf_storage);
 
     append_v(line, &idx, KX_LOG_ROOM, fmt, ap);
     if (errflag) {
@@ -144,13 +157,13 @@ void err_doit_unlock(int errflag, int error, const char *fmt, va_list ap) {
 }  // namespace
 
 sdk_mutex_t *log_buf_mutex(void) {
-    if (s_log_buf_mtx == nullptr) s_log_buf_mtx = &s_log_buf_storage;
-    return &s_log_buf_storage;
+    if (s_log.buf_mtx == nullptr) s_log.buf_mtx = &s_log.buf_storage;
+    return &s_log.buf_storage;
 }
 
 sdk_mutex_t *log_file_mutex(void) {
-    if (s_log_file_mtx == nullptr) s_log_file_mtx = &s_log_file_storage;
-    return &s_log_file_storage;
+    if (s_log.file_mtx == nullptr) s_log.file_mtx = &s_log.file_storage;
+    return &s_log.file_storage;
 }
 
 void log_create_mutexes(void) {
@@ -159,18 +172,18 @@ void log_create_mutexes(void) {
 }
 
 void log_release_mutexes(void) {
-    s_log_buf_mtx = nullptr;
-    s_log_file_mtx = nullptr;
+    s_log.buf_mtx = nullptr;
+    s_log.file_mtx = nullptr;
 }
 
 int isOutputLogString(int sink, int level) {
-    if (sink == 0) return level <= s_log_level ? 1 : 0;
-    if (sink == 1) return level <= s_logfile_level ? 1 : 0;
+    if (sink == 0) return level <= s_log.level ? 1 : 0;
+    if (sink == 1) return level <= s_log.file_level ? 1 : 0;
     return 0;
 }
 
 int isWriteLog(void) {
-    if (s_api_control_log) return s_write_log_file;
+    if (s_log.api_control) return s_log.write_file;
     char path[KX_LOG_PATH_MAX + 4];
     int n = snprintf(path, sizeof(path), "%ssdk", log_path());
     if (n < 0 || n >= (int)sizeof(path)) return 0;
@@ -195,22 +208,27 @@ KX_API void sdk_log_debug(const char *fmt, ...) {
 
 // The lock is always taken, whatever the levels, so the shared buffer is guarded for every record
 // and each closing call has a lock to release; a record that no sink takes is simply dropped.
-KX_API void sdk_log_buf_lock(void) { pthread_mutex_lock(log_buf_mutex()); }
+KX_API void sdk_log_buf_lock(void) {
+    pthread_mutex_lock(log_buf_mutex());
+    s_log.buf_owner.acquired();
+}
 
 KX_API int sdk_log_buf_date(void) {
     struct tm tm;
     int ms;
     now_local(&tm, &ms);
-    int before = s_log_buf_idx;
-    append(s_log_buf, &s_log_buf_idx, KX_LOG_ROOM, "%04d-%02d-%02d %02d:%02d:%02d.%03d [ERR] ", tm.tm_year + 1900,
+    KX_ASSERT_HELD(s_log.buf_owner);
+    int before = s_log.buf_idx;
+    append(s_log.buf, &s_log.buf_idx, KX_LOG_ROOM, "%04d-%02d-%02d %02d:%02d:%02d.%03d [ERR] ", tm.tm_year + 1900,
            tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ms);
-    return s_log_buf_idx - before;
+    return s_log.buf_idx - before;
 }
 
 KX_API int sdk_log_buf_msg(const char *fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    int n = append_v(s_log_buf, &s_log_buf_idx, KX_LOG_ROOM, fmt, ap);
+    KX_ASSERT_HELD(s_log.buf_owner);
+    int n = append_v(s_log.buf, &s_log.buf_idx, KX_LOG_ROOM, fmt, ap);
     va_end(ap);
     return n;
 }
@@ -245,15 +263,15 @@ KX_API void sdk_err_buf_quit_unlock(const char *fmt, ...) {
 }
 
 KX_API void sdk_log_get_level(int *level, int *file_level) {
-    if (level != nullptr) *level = s_log_level;
-    if (file_level != nullptr) *file_level = s_logfile_level;
+    if (level != nullptr) *level = s_log.level;
+    if (file_level != nullptr) *file_level = s_log.file_level;
 }
 
 KX_API void sdk_log_set_level(int level, int file_level, int write_file) {
-    s_log_level = level;
-    s_logfile_level = file_level;
-    s_write_log_file = write_file;
-    s_api_control_log = 1;
+    s_log.level = level;
+    s_log.file_level = file_level;
+    s_log.write_file = write_file;
+    s_log.api_control = 1;
 }
 
 KX_API void my_abort(void) {}

@@ -9,6 +9,7 @@
 #include <atomic>
 
 #include "korvex/korvex.h"
+#include "platform/lock_check.h"
 
 // Writes one error record (level 100) with the source position in front of the message. Every
 // failure path of the library logs through this. For a record with an empty text use KX_LOG_ERR("%s", "").
@@ -31,20 +32,49 @@
 
 enum { KX_LOG_PATH_MAX = 260, KX_LOG_LINE_MAX = 4095, KX_LOG_ROOM = 4093 };
 
-// Levels and switches: single integers read without a lock by every logging thread while the log
-// check on the event thread or a caller may change them; a reader sees the old or the new value.
-extern std::atomic<int> s_log_level;
-extern std::atomic<int> s_logfile_level;
-extern std::atomic<int> s_api_control_log;
-extern std::atomic<int> s_write_log_file;
-extern std::atomic<int> s_pause_write_log;
-// Log directory with a trailing "/"; empty means the current directory. Read it through log_path().
-extern char s_log_path[KX_LOG_PATH_MAX];
+// The log's process-wide state: one record, one instance (s_log, in log.cpp). Each field names what
+// guards it.
+struct LogState {
+    // Levels and switches: single integers read without a lock by every logging thread while the
+    // log check on the event thread or a caller may change them; a reader sees the old or the new
+    // value. Atomic.
+    std::atomic<int> level;        // terminal threshold
+    std::atomic<int> file_level;   // file threshold
+    std::atomic<int> api_control;  // 1 once sdk_log_set_level has taken over from the file
+    std::atomic<int> write_file;   // the file switch given to sdk_log_set_level
+    std::atomic<int> pause_write;  // the free-disk guard holds the file back
+    // Values of sdk_log_config.ini, read anew by each check. Atomic.
+    std::atomic<int> file_size;         // MiB for a file and its rotated copy together
+    std::atomic<int64_t> savetime;      // retention in seconds
+    std::atomic<int> diskfree_percent;  // lowest free disk share; 0 turns the guard off
+    // Log directory with a trailing "/"; empty means the current directory. Set at most once:
+    // path_state (atomic) is 0 no directory, 1 being set, 2 set; path is written only in state 1
+    // and read only in state 2 (through log_path()).
+    std::atomic<int> path_state;
+    char path[KX_LOG_PATH_MAX];
+    // Storage of the two log mutexes, for the whole process, and the handles of the current start
+    // (atomic; dropped by the last stop). The owners record their holders (debug builds).
+    sdk_mutex_t buf_storage;
+    sdk_mutex_t file_storage;
+    std::atomic<sdk_mutex_t *> buf_mtx;
+    std::atomic<sdk_mutex_t *> file_mtx;
+    KxLockOwner buf_owner;   // written by the holder of buf_storage
+    KxLockOwner file_owner;  // written by the holder of file_storage
+    // The error record being composed. buf_storage.
+    char buf[4096];
+    int buf_idx;
+    // The open log file, its name, the name of its rotated copy and its day. file_storage.
+    FILE *fp;
+    char file_name[KX_LOG_PATH_MAX];
+    char last_file_name[KX_LOG_PATH_MAX];
+    int file_day;
+    // Test seam of the file step: "now" for the file's date and the retention (null: the real
+    // clock). Atomic.
+    std::atomic<time_t (*)(void)> clock;
+};
 
-// Handles of the two log mutexes. They point at storage that lives for the whole process, so a
-// thread still holding one when the last stop drops the handle never touches freed memory.
-extern std::atomic<sdk_mutex_t *> s_log_buf_mtx;
-extern std::atomic<sdk_mutex_t *> s_log_file_mtx;
+extern LogState s_log;
+
 // Sets the handle to the process-lifetime storage of that mutex when it is null.
 sdk_mutex_t *log_buf_mutex(void);
 sdk_mutex_t *log_file_mutex(void);
@@ -79,11 +109,6 @@ void check_diskfreesize_writelog(void);
 void check_delete_log_file(void);
 // 1 and the size of the stream's file (it seeks to the end); 0 for a null stream or a failed seek.
 int get_filesize(FILE *fp, int64_t *size);
-
-// Values of sdk_log_config.ini, read anew by each check.
-extern std::atomic<int> s_logfile_size;         // MiB for a file and its rotated copy together
-extern std::atomic<int64_t> s_logfile_savetime;  // retention in seconds
-extern std::atomic<int> s_diskfree_percent;     // lowest free disk share; 0 turns the guard off
 
 // Test seams of the file step. The clock gives "now" for the choice of the file's date and for the
 // retention (null: the real clock). Forgetting closes the open file and clears its names and day.

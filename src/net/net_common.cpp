@@ -1,9 +1,11 @@
-// Address checks and descriptor mode, shared by the TCP client, the TCP server and the UDP client.
+// Address checks, socket addresses and descriptor mode, shared by the TCP client, the TCP server and the UDP client.
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <netinet/in.h>
 
 #include "log/log_internal.h"
 #include "net/net_internal.h"
@@ -66,4 +68,25 @@ int net_set_nonblocking(int fd) {
         exit(0);
     }
     return 1;
+}
+
+int net_make_addr(bool v4, const char *ip, uint16_t port, sockaddr_storage *ss, socklen_t *len) {
+    memset(ss, 0, sizeof(*ss));
+    if (v4) {
+        sockaddr_in *a = reinterpret_cast<sockaddr_in *>(ss);
+        a->sin_family = AF_INET;
+        a->sin_port = htons(port);
+        a->sin_addr.s_addr = ip[0] != '\0' ? inet_addr(ip) : htonl(INADDR_ANY);
+        *len = sizeof(sockaddr_in);
+        return 1;
+    }
+    sockaddr_in6 *a = reinterpret_cast<sockaddr_in6 *>(ss);
+    a->sin6_family = AF_INET6;
+    a->sin6_port = htons(port);
+    *len = sizeof(sockaddr_in6);
+    if (ip[0] == '\0') {
+        a->sin6_addr = in6addr_any;
+        return 1;
+    }
+    return inet_pton(AF_INET6, ip, &a->sin6_addr) < 0 ? 0 : 1;
 }

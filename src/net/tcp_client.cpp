@@ -2,14 +2,11 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <atomic>
 
 #include "log/log_internal.h"
 #include "net/net_internal.h"
@@ -20,28 +17,49 @@ namespace {
 
 constexpr size_t kIpRoom = 16;  // address texts: 15 characters and the terminator
 
-// Holds the main lock for one scope.
-struct MainLock {
-    MainLock() { sdk_main_lock(); }
-    ~MainLock() { sdk_main_unlock(); }
-    MainLock(const MainLock &) = delete;
-    MainLock &operator=(const MainLock &) = delete;
-};
-
 inline bool would_block(int err) { return err == EAGAIN || err == EWOULDBLOCK || err == EINTR; }
 
 inline void call(NetTcpClientCallback cb, _NetTcpClient *client, void *arg) {
     if (cb != nullptr) cb(client, arg);
 }
 
+// Holds a client's watch_mtx for one scope.
+struct WatchLock {
+    explicit WatchLock(NetClientSlot *s) : slot(s) { pthread_mutex_lock(&slot->watch_mtx); }
+    ~WatchLock() { pthread_mutex_unlock(&slot->watch_mtx); }
+    WatchLock(const WatchLock &) = delete;
+    WatchLock &operator=(const WatchLock &) = delete;
+    NetClientSlot *slot;
+};
+
+// What the client's watcher asks for now: read always; write while connecting, and once connected
+// while a bare client has on_write bound or an on-demand client has bytes waiting. watch_mtx held.
+unsigned wanted_interest(NetClientSlot *s) {
+    if (client_status(&s->client) == 1) return KX_WATCH_READ | KX_WATCH_WRITE;
+    bool wr = s->on_demand.load() ? s->want_write.load() != 0 : s->client.on_write != nullptr;
+    return wr ? (unsigned)(KX_WATCH_READ | KX_WATCH_WRITE) : (unsigned)KX_WATCH_READ;
+}
+
+void update_interest(NetClientSlot *s) {
+    if (s == nullptr) return;
+    WatchLock lock(s);
+    if (s->watch.active.load()) kx_watch_set_interest(&s->watch, wanted_interest(s));
+}
+
+int on_client_event(KxWatcher *w, unsigned events);
+
 // Closes the socket of a client and fires on_disconnect when it was connecting or connected. The
-// entry leaves the table before the descriptor is closed, so its number cannot come back through
-// another open while the old entry still stands. Main lock held.
+// watcher stops before the descriptor is closed, so its number cannot come back through another
+// open while the old registration still stands. Main lock held.
 void close_connection(_NetTcpClient *client) {
+    KX_ASSERT_MAIN_LOCK();
+    NetClientSlot *s = client_slot(client);
     int fd = client_fd(client);
     if (fd != -1) {
-        select_clear_fd(fd);
-        select_Del_clientfd(fd);
+        if (s != nullptr) {
+            WatchLock lock(s);
+            kx_watch_stop(&s->watch);
+        }
         close(fd);
         client_set_fd(client, -1);
     }
@@ -53,25 +71,10 @@ void close_connection(_NetTcpClient *client) {
 // Family of a client, from the form of remote_ip alone.
 inline bool is_v4(const _NetTcpClient *client) { return check_ipv4(client->remote_ip) == 0; }
 
-// Fills an address for a text and a port; an empty text is the any-address.
-socklen_t make_addr(bool v4, const char *ip, uint16_t port, sockaddr_storage *ss) {
-    memset(ss, 0, sizeof(*ss));
-    if (v4) {
-        sockaddr_in *a = reinterpret_cast<sockaddr_in *>(ss);
-        a->sin_family = AF_INET;
-        a->sin_port = htons(port);
-        a->sin_addr.s_addr = ip[0] != '\0' ? inet_addr(ip) : htonl(INADDR_ANY);
-        return sizeof(sockaddr_in);
-    }
-    sockaddr_in6 *a = reinterpret_cast<sockaddr_in6 *>(ss);
-    a->sin6_family = AF_INET6;
-    a->sin6_port = htons(port);
-    if (ip[0] == '\0') {
-        a->sin6_addr = in6addr_any;
-    } else if (inet_pton(AF_INET6, ip, &a->sin6_addr) < 0) {
-        sdk_log_msg("inet_pton error");
-    }
-    return sizeof(sockaddr_in6);
+socklen_t client_addr(bool v4, const char *ip, uint16_t port, sockaddr_storage *ss) {
+    socklen_t len;
+    if (!net_make_addr(v4, ip, port, ss, &len)) sdk_log_msg("inet_pton error");
+    return len;
 }
 
 // Text and port of an address that getpeername or getsockname filled. The family branch is the
@@ -116,24 +119,11 @@ int open_adopted(_NetTcpClient *client, int fd) {
     return 1;
 }
 
-// A new entry wakes the event thread from its select, which waits up to a second when nothing else
-// is ready, so the next pass takes the descriptor in. At most one wake is under way at a time, none
-// is posted from the event thread itself (its next pass comes anyway), and none under the main
-// lock: a full post pipe then only waits for the event thread to read it.
-std::atomic<bool> s_wake_pending{false};
-
-int wake_done(void *) {
-    s_wake_pending = false;
-    return 0;
-}
-
-void wake_event_thread(void) {
-    if (pthread_equal(pthread_self(), runtime_event_thread())) return;
-    if (s_wake_pending.exchange(true)) return;
-    if (!os_post_main_thread_func(wake_done, nullptr)) s_wake_pending = false;
-}
-
-int open_new(_NetTcpClient *client, bool *entered) {
+// A new socket, connected without waiting. The whole open runs under the main lock, and the
+// watcher starts after connect has run: the event thread never sees a socket that has not begun to
+// connect (such a socket reads as writable and would be taken for connected).
+int open_new(_NetTcpClient *client) {
+    NetClientSlot *s = client_slot(client);
     bool v4 = is_v4(client);
     int fd = socket(v4 ? AF_INET : AF_INET6, SOCK_STREAM, 0);
     if (fd < 0) {
@@ -147,7 +137,7 @@ int open_new(_NetTcpClient *client, bool *entered) {
     kx_platform_nosigpipe(fd);
     sockaddr_storage ss;
     if (client->local_port != 0 || client->local_ip[0] != '\0') {
-        socklen_t len = make_addr(v4, client->local_ip, client->local_port, &ss);
+        socklen_t len = client_addr(v4, client->local_ip, client->local_port, &ss);
         if (bind(fd, reinterpret_cast<sockaddr *>(&ss), len) != 0) {
             sdk_log_msg("bind fail");
             close(fd);
@@ -155,34 +145,59 @@ int open_new(_NetTcpClient *client, bool *entered) {
             return 0;
         }
     }
-    socklen_t len = make_addr(v4, client->remote_ip, client->remote_port, &ss);
+    socklen_t len = client_addr(v4, client->remote_ip, client->remote_port, &ss);
     client_set_status(client, 1);
-    *entered = select_add_clientfd(client, fd) != 0;
-    if (!*entered) sdk_log_msg("select_add_clientfd(client,client->connectfd) repeat");
-    if (connect(fd, reinterpret_cast<sockaddr *>(&ss), len) == 0) {
-        // Still under the lock, so on_connect comes before the event thread's first on_write.
-        client_set_status(client, 2);
-        call(client->on_connect, client, client->connect_arg);
-        return 1;
+    int rc = connect(fd, reinterpret_cast<sockaddr *>(&ss), len);
+    int err = errno;
+    if (rc == 0) client_set_status(client, 2);
+    bool entered = false;
+    if (s != nullptr) {
+        WatchLock lock(s);
+        entered = kx_watch_start(&s->watch, fd, wanted_interest(s), on_client_event, s) != 0;
     }
-    if (errno != EINPROGRESS) sdk_log_msg("connect fail %s %d", client->remote_ip, client->remote_port);
+    if (!entered) sdk_log_msg("select_add_clientfd(client,client->connectfd) repeat");
+    if (rc == 0) {
+        // Still under the lock, so on_connect comes before the event thread's first on_write.
+        call(client->on_connect, client, client->connect_arg);
+    } else if (err != EINPROGRESS) {
+        // The event thread reports the failure: the socket reads as hung up.
+        sdk_log_msg("connect fail %s %d", client->remote_ip, client->remote_port);
+    }
     return 1;
 }
 
-// True when fd reports now, without waiting. A connecting client is promoted only on a report that
-// is current: the sets of a pass can hold a bit for an earlier descriptor of the same number.
-bool reports_now(int fd) {
-    pollfd p = {fd, POLLOUT, 0};
-    return poll(&p, 1, 0) > 0 && p.revents != 0;
+// One recv within the share of the current read event: a read event takes at most KX_READ_SLICE
+// bytes, so one busy peer cannot hold the event thread; data left behind brings the client back in
+// the next pass. Outside a read event there is no share. The byte
+// count, 0 for would-block or a used share, -1 for a closed or failed stream.
+int share_recv(NetClientSlot *s, int fd, char *buf, uint32_t len) {
+    int32_t left = s != nullptr ? s->read_left.load(std::memory_order_relaxed) : -1;
+    if (left == 0) return 0;
+    size_t want = len;
+    if (left > 0 && want > (size_t)left) want = (size_t)left;
+    ssize_t n = recv(fd, buf, want, 0);
+    if (n > 0) {
+        if (left > 0) {
+            left -= (int32_t)n;
+            if (left == 0) s->read_yielded = true;
+            s->read_left.store(left, std::memory_order_relaxed);
+        }
+        return (int)n;
+    }
+    if (n < 0 && would_block(errno)) {
+        if (left > 0) s->read_left.store(0, std::memory_order_relaxed);
+        return 0;
+    }
+    return -1;
 }
 
-// Reads and discards everything the socket holds. True when the stream ended or failed.
-bool drain(int fd) {
+// Reads and discards the share of this read event. True when the stream ended or failed.
+bool drain(NetClientSlot *s, int fd) {
     char buf[65535];
     for (;;) {
-        ssize_t n = recv(fd, buf, sizeof(buf), 0);
+        int n = share_recv(s, fd, buf, sizeof(buf));
         if (n > 0) continue;
-        return n == 0 || !would_block(errno);
+        return n < 0;
     }
 }
 
@@ -198,55 +213,94 @@ void probe(_NetTcpClient *client) {
                    client->remote_port);
 }
 
-}  // namespace
-
-int select_dispath_client(_NetTcpClient *client) {
-    if (client == nullptr) {
-        sdk_log_msg("NetTcpClient* client == NULL fail");
-        return 0;
+// A connect has ended, one way or the other. A failed one (a pending socket error, or a socket that
+// reads as hung up) goes straight to the closing path: on_disconnect, never on_connect. True when
+// the client is connected now.
+bool finish_connect(NetClientSlot *s, int fd, unsigned events) {
+    _NetTcpClient *client = &s->client;
+    int err = 0;
+    socklen_t len = sizeof(err);
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) err = errno;
+    if (err != 0 || (events & KX_WATCH_ERROR) != 0) {
+        sdk_log_msg("connect fail %s %d", client->remote_ip, client->remote_port);
+        close_connection(client);
+        return false;
     }
+    if (!(events & KX_WATCH_WRITE)) return false;
+    client_set_status(client, 2);
+    update_interest(s);
+    call(client->on_connect, client, client->connect_arg);
+    return true;
+}
+
+// Serves one client for the events of one pass, on the event thread with the main lock held: the
+// connect, then write, then read, then the socket error probe. 1 when the read share was used up
+// with data left.
+int on_client_event(KxWatcher *w, unsigned events) {
+    KX_ASSERT_MAIN_LOCK();
+    NetClientSlot *s = static_cast<NetClientSlot *>(w->context);
+    _NetTcpClient *client = &s->client;
     if (client->index == -1) {
         sdk_log_msg("client index == -1 fail");
         return 0;
     }
     const int fd = client_fd(client);
-    const bool rd = select_fd_is_set(fd, KX_SET_READ) != 0;
-    bool wr = select_fd_is_set(fd, KX_SET_WRITE) != 0;
-    if (select_fd_is_set(fd, KX_SET_EXCEPT)) {
-        // Urgent data: no service in this pass. The urgent byte is taken off and dropped, since it
-        // would otherwise hold the condition, and with it the client, unserved for good.
-        char urgent;
-        recv(fd, &urgent, 1, MSG_OOB | MSG_DONTWAIT);
-        return 0;
-    }
-    if (!rd && !wr) return 0;
-    if (client_status(client) == 1) {
-        // A connecting client is served only on a current report, and one that reports has ended
-        // its connect either way: it is served as writable.
-        if (!reports_now(fd)) return 0;
-        wr = true;
-    }
-
-    if (wr) {
-        if (client_status(client) == 1) {
-            client_set_status(client, 2);
-            call(client->on_connect, client, client->connect_arg);
-        }
+    // A callback may close, re-open or destroy the client: the rest of the pass belongs to the
+    // connection it was given for.
+    auto same = [&] { return client->index != -1 && client_fd(client) == fd; };
+    if (client_status(client) == 1 && (!finish_connect(s, fd, events) || !same())) return 0;
+    if (events & KX_WATCH_WRITE) {
         call(client->on_write, client, client->write_arg);
+        if (same() && s->on_demand.load() && !s->want_write.load()) update_interest(s);
     }
-    // A callback may have closed, re-opened or destroyed the client: the rest of the pass belongs to
-    // the connection it was given for.
-    if (client->index == -1 || client_fd(client) != fd) return 0;
-    if (rd) {
+    if (!same()) return 0;
+    int yielded = 0;
+    if (events & (KX_WATCH_READ | KX_WATCH_ERROR)) {
+        s->read_left.store(KX_READ_SLICE, std::memory_order_relaxed);
+        s->read_yielded = false;
         bool close_it;
         if (client->on_read != nullptr)
             close_it = client->on_read(client, client->read_arg) == -1;
         else
-            close_it = drain(fd);
-        if (close_it && client->index != -1 && client_fd(client) == fd) close_connection(client);
+            close_it = drain(s, fd);
+        yielded = s->read_yielded ? 1 : 0;
+        s->read_left.store(-1, std::memory_order_relaxed);
+        if (close_it && same()) {
+            close_connection(client);
+            return 0;
+        }
     }
-    if (client->index != -1 && client_fd(client) != -1) probe(client);
-    return 0;
+    if (same()) probe(client);
+    return yielded;
+}
+
+}  // namespace
+
+void net_tcp_client_want_write(_NetTcpClient *client, int want) {
+    if (client == nullptr) return;
+    NetClientSlot *s = client_slot(client);
+    if (s == nullptr) return;
+    want = want ? 1 : 0;
+    if (s->on_demand.load(std::memory_order_relaxed) && s->want_write.load(std::memory_order_relaxed) == want) return;
+    WatchLock lock(s);
+    bool first = s->on_demand.exchange(1) == 0;
+    s->want_write = want;
+    // Bytes to send turn write events on at once. An empty queue turns them off lazily, at the next
+    // write event that finds nothing to send (or here, on the first call): a queue that fills and
+    // empties in quick turns costs no change of interest each time.
+    if (s->watch.active.load() && (want || first)) kx_watch_set_interest(&s->watch, wanted_interest(s));
+}
+
+bool net_tcp_client_watched(_NetTcpClient *client) {
+    NetClientSlot *s = client_slot(client);
+    return s != nullptr && s->watch.active.load();
+}
+
+unsigned net_tcp_client_interest(_NetTcpClient *client) {
+    NetClientSlot *s = client_slot(client);
+    if (s == nullptr) return 0;
+    WatchLock lock(s);
+    return s->watch.active.load() ? s->watch.interest.load() : 0u;
 }
 
 extern "C" {
@@ -362,21 +416,12 @@ KX_API int net_tcp_client_open(_NetTcpClient *client, int fd) {
         sdk_log_msg("client is null");
         return 0;
     }
-    // The whole open happens under one hold of the main lock: the event thread serves no entry
-    // meanwhile, so it never sees the new socket before connect has run (a socket that has not begun
-    // to connect reads as writable and would be taken for connected).
-    bool entered = false;
-    int ret;
-    {
-        MainLock lock;
-        if (client_status(client) != 0) {
-            sdk_log_msg("client is not disconnect");
-            return 0;
-        }
-        ret = fd == -1 ? open_new(client, &entered) : open_adopted(client, fd);
+    MainLock lock;
+    if (client_status(client) != 0) {
+        sdk_log_msg("client is not disconnect");
+        return 0;
     }
-    if (entered) wake_event_thread();
-    return ret;
+    return fd == -1 ? open_new(client) : open_adopted(client, fd);
 }
 
 KX_API int net_tcp_client_send(_NetTcpClient *client, const char *data, uint32_t len) {
@@ -407,10 +452,7 @@ KX_API int net_tcp_client_read(_NetTcpClient *client, char *buf, uint32_t len) {
         return -1;
     }
     if (client_status(client) != 2) return -1;
-    ssize_t n = recv(client_fd(client), buf, len, 0);
-    if (n > 0) return (int)n;
-    if (n < 0 && would_block(errno)) return 0;
-    return -1;
+    return share_recv(client_slot(client), client_fd(client), buf, len);
 }
 
 KX_API int net_tcp_client_set_udata(_NetTcpClient *client, void *udata) {
@@ -442,8 +484,12 @@ KX_API int net_tcp_client_bind_read(_NetTcpClient *client, NetTcpClientCallback 
     return bind_cb(client, &_NetTcpClient::on_read, &_NetTcpClient::read_arg, cb, arg);
 }
 
+// A bare client's write events follow its binding: on while on_write is bound.
 KX_API int net_tcp_client_bind_write(_NetTcpClient *client, NetTcpClientCallback cb, void *arg) {
-    return bind_cb(client, &_NetTcpClient::on_write, &_NetTcpClient::write_arg, cb, arg);
+    if (!bind_cb(client, &_NetTcpClient::on_write, &_NetTcpClient::write_arg, cb, arg)) return 0;
+    NetClientSlot *s = client_slot(client);
+    if (s != nullptr && !s->on_demand.load()) update_interest(s);
+    return 1;
 }
 
 KX_API int net_tcp_client_set_rcvbuf_len(_NetTcpClient *client, uint32_t len) {

@@ -10,7 +10,6 @@
 
 #include "log/log_internal.h"
 #include "net/net_internal.h"
-#include "runtime/runtime_internal.h"
 
 namespace {
 
@@ -112,21 +111,8 @@ KX_API int net_tcp_server_open(_NetTcpServer *server) {
     net_set_nonblocking(server->socketfd);
 
     struct sockaddr_storage ss;
-    memset(&ss, 0, sizeof(ss));
     socklen_t len;
-    if (v4) {
-        struct sockaddr_in *a = reinterpret_cast<struct sockaddr_in *>(&ss);
-        a->sin_family = AF_INET;
-        a->sin_port = htons(server->local_port);
-        a->sin_addr.s_addr = inet_addr(server->local_ip);
-        len = sizeof(*a);
-    } else {
-        struct sockaddr_in6 *a = reinterpret_cast<struct sockaddr_in6 *>(&ss);
-        a->sin6_family = AF_INET6;
-        a->sin6_port = htons(server->local_port);
-        if (inet_pton(AF_INET6, server->local_ip, &a->sin6_addr) < 0) KX_LOG_ERR("inet_pton error");
-        len = sizeof(*a);
-    }
+    if (!net_make_addr(v4, server->local_ip, server->local_port, &ss, &len)) KX_LOG_ERR("inet_pton error");
     if (bind(server->socketfd, reinterpret_cast<struct sockaddr *>(&ss), len) != 0) {
         close(server->socketfd);
         server->socketfd = -1;

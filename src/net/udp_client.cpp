@@ -62,10 +62,10 @@ KX_API _NetUdpClient *net_udp_client_create(void) {
     return client;
 }
 
-// The socket stays open and bound, and goes on receiving; only destroy closes it.
+// The socket stays open and bound, and goes on receiving; only destroy closes it. A UDP socket is
+// never watched by the event thread, so there is no registration to remove.
 KX_API int net_udp_client_close(_NetUdpClient *client) {
     if (null_client(client)) return 0;
-    select_Del_clientfd(client->socketfd);
     sdk_main_lock();
     client->status = 0;
     sdk_main_unlock();

@@ -1,21 +1,75 @@
-// Internal side of the runtime: the pools, the descriptor table, the timers and the event thread.
+// Internal side of the runtime: the event thread and its watchers, the timers, the main lock.
 #pragma once
 
-#include <sys/select.h>
+#include <stdint.h>
+
+#include <atomic>
 
 #include "korvex/korvex.h"
+#include "platform/lock_check.h"
 
 enum {
-    KX_CLIENT_POOL_SIZE = 200,
-    KX_SELECT_TABLE_SIZE = 1024,
     KX_STACK_EVENT_THREAD = 10485760,
 };
 
-// One entry of the descriptor table.
-typedef struct _SelectClient {
-    _NetTcpClient *client;  // null for a pipe and for a free entry
-    int fd;                 // -1 in a free entry
-} _SelectClient;
+// Readiness bits of a watcher's interest and of the events handed to its callback.
+enum {
+    KX_WATCH_READ = 1,   // readable, or the peer has closed
+    KX_WATCH_WRITE = 2,  // writable
+    KX_WATCH_ERROR = 4,  // error or hang-up: reported whatever the interest
+};
+
+// One descriptor that the event thread serves. Its storage belongs to whoever registers it and must
+// stay valid for the life of the process (pool records and static records do).
+struct KxWatcher;
+// Runs on the event thread with the main lock held. 1 when the watcher yielded with work left (it
+// read its share of a stream that still has data): the next pass follows without the rest.
+typedef int (*KxWatchCallback)(KxWatcher *w, unsigned events);
+struct KxWatcher {
+    int fd;                          // main lock
+    std::atomic<unsigned> interest;  // KX_WATCH_READ | KX_WATCH_WRITE; see kx_watch_set_interest
+    KxWatchCallback callback;        // main lock
+    void *context;                   // main lock; the registrant's, never read by the loop
+    uint64_t epoch;                  // main lock; the loop's: when it was last started
+    std::atomic<bool> active;        // written under the main lock
+};
+
+// Registers fd. Main lock held. 1, or 0 with nothing registered (fd negative, already watched, or
+// refused by the system).
+int kx_watch_start(KxWatcher *w, int fd, unsigned interest, KxWatchCallback callback, void *context);
+// Changes the interest of an active watcher, from any thread and without the main lock; the event
+// thread sees it at once, also in a wait in progress. The caller serialises the calls for one
+// watcher with each other and with kx_watch_stop. 1, or 0 when the system refuses.
+int kx_watch_set_interest(KxWatcher *w, unsigned interest);
+// Unregisters; call before the descriptor is closed. Main lock held. Events of this watcher that a
+// pass has already collected are dropped. 1, or 0 when it was not active.
+int kx_watch_stop(KxWatcher *w);
+// Number of active watchers (the two pipes included).
+int kx_watch_count(void);
+// Passes the event thread has completed (a pass: one wait and the service of what it reported).
+uint64_t kx_loop_passes(void);
+
+// --- the engine ---
+// Creates the main lock (where it needs run-time initialisation), the timer and posted-function
+// lists, the readiness backend, the tick and post pipes with their watchers, and starts the event
+// thread and the timer thread. Logs the failing step and gives 0; nothing made so far is undone.
+int runtime_engine_start(void);
+// Marks the engine started: sdk_is_startup() is true from here on.
+void runtime_engine_started(void);
+// Initialises the main lock where the system needs that at run time. 1, or 0 on failure.
+int runtime_main_lock_init(void);
+
+// True when the calling thread holds the main lock (always true with NDEBUG).
+bool runtime_main_lock_held(void);
+#define KX_ASSERT_MAIN_LOCK() assert(runtime_main_lock_held())
+
+// Holds the main lock for one scope.
+struct MainLock {
+    MainLock() { sdk_main_lock(); }
+    ~MainLock() { sdk_main_unlock(); }
+    MainLock(const MainLock &) = delete;
+    MainLock &operator=(const MainLock &) = delete;
+};
 
 struct _SdkTimer {
     SdkTimerCallback callback;  // null: counts, calls nothing
@@ -31,43 +85,6 @@ typedef struct _MainThreadFunc {
     MainThreadFuncCallback func;
     void *arg;
 } _MainThreadFunc;
-
-// --- descriptor table ---
-int select_add_clientfd(_NetTcpClient *client, int fd);
-int select_Del_clientfd(int fd);
-int get_maxfd_socketfd(void);
-// Clears the bits of fd in the three sets of the current pass, so that a descriptor closed (and
-// possibly reused) during a walk is not served on the old readiness. Call with the main lock held.
-void select_clear_fd(int fd);
-// Readiness of fd in the sets of the current pass: which is one of KX_SET_READ, KX_SET_WRITE,
-// KX_SET_EXCEPT. 1 when the bit is set. Read with the main lock held, as the event thread does.
-enum { KX_SET_READ = 0, KX_SET_WRITE = 1, KX_SET_EXCEPT = 2 };
-int select_fd_is_set(int fd, int which);
-// Read-only views for inspection: the entry at i (below the total) and the total.
-const _SelectClient *select_table_entry(int i);
-int select_table_total(void);
-
-// --- pools: slots are taken by create calls and given back by destroy calls ---
-// Takes the lowest free slot, zeroed, with index, type and a fresh session set; null and the pool's
-// "... num out" line when the pool is full.
-_NetTcpClient *pool_take_client(void);
-_NetTcpServer *pool_take_server(void);
-_NetUdpClient *pool_take_udp(void);
-// Gives a slot back under the main lock, then the pool's mutex. 0 when the slot was already free.
-int pool_give_client(_NetTcpClient *client);
-int pool_give_server(_NetTcpServer *server);
-int pool_give_udp(_NetUdpClient *client);
-// Slot counts, slots in use.
-uint32_t pool_client_max(void);
-uint32_t pool_client_used(void);
-uint32_t pool_server_max(void);
-uint32_t pool_server_used(void);
-uint32_t pool_udp_max(void);
-uint32_t pool_udp_used(void);
-// Slot i of a pool (i below its maximum), for walks over a whole pool.
-_NetTcpClient *pool_client_at(uint32_t i);
-_NetTcpServer *pool_server_at(uint32_t i);
-_NetUdpClient *pool_udp_at(uint32_t i);
 
 // --- timers and posted functions ---
 // The timer walk of one tick: advances every timer by 1000 ms and fires those that are due.

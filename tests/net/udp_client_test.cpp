@@ -7,7 +7,6 @@
 
 #include "net/net_internal.h"
 #include "net/tcp_peer.h"
-#include "runtime/runtime_internal.h"
 #include "support/stderr_capture.h"
 
 namespace {

@@ -9,6 +9,7 @@
 
 #include "net/tcp_peer.h"
 #include "runtime/runtime_internal.h"
+#include <sys/resource.h>
 #include "support/stderr_capture.h"
 
 namespace {
@@ -87,63 +88,65 @@ TEST(Lifecycle, StartCountThreadsAndLastStop) {
     EXPECT_NE(out.find("]out s_ilInitialOsCore 1 clientnum 5 servernum 3\n"), std::string::npos) << out;
 }
 
-TEST(Lifecycle, PoolSizesAndSlotRules) {
-    ASSERT_EQ(1, sdk_os_startup(5, 3));
-    EXPECT_EQ(200u, pool_client_max());
-    EXPECT_EQ(3u, pool_server_max());
-    EXPECT_EQ(3u, pool_udp_max());
-
-    _NetTcpClient *a = pool_take_client();
-    _NetTcpClient *b = pool_take_client();
-    ASSERT_TRUE(a && b);
-    EXPECT_TRUE(a->index == 0 && b->index == 1 && a->type == 1);
-    EXPECT_LT(a->session, b->session);
-    uint32_t old_session = a->session;
-    a->status = 2;
-    EXPECT_EQ(1, pool_give_client(a));
-    EXPECT_EQ(0, pool_give_client(a));  // already free
-    _NetTcpClient *c = pool_take_client();
-    EXPECT_EQ(a, c);  // lowest free slot first, zeroed, fresh session
-    EXPECT_EQ(0, c->status);
-    EXPECT_GT(c->session, old_session);
-    EXPECT_EQ(2u, pool_client_used());
-
-    StderrCapture cap;
-    cap.start();
-    _NetUdpClient *u[4];
-    for (auto &x : u) x = pool_take_udp();
-    EXPECT_TRUE(u[0] && u[1] && u[2] && u[3] == nullptr);
-    EXPECT_EQ(4, u[0]->type);
-    EXPECT_NE(cap.stop().find("udp num out\n"), std::string::npos);
+namespace {
+struct PipeSeen {
+    std::atomic<int> calls{0};
+    std::atomic<unsigned> events{0};
+    std::atomic<bool> on_event_thread{true};
+};
+int on_pipe(KxWatcher *w, unsigned events) {
+    PipeSeen *seen = static_cast<PipeSeen *>(w->context);
+    if (!pthread_equal(pthread_self(), runtime_event_thread()) || !runtime_main_lock_held())
+        seen->on_event_thread = false;
+    char buf[64];
+    if (read(w->fd, buf, sizeof(buf)) > 0) seen->calls++;
+    seen->events |= events;
+    return 0;
 }
+}  // namespace
 
-TEST(Lifecycle, DescriptorTableInvariants) {
+// A watcher is served on the event thread under the main lock while it is active, and never after
+// its stop; the same record can be started again on another descriptor.
+TEST(Watchers, ServeStopAndRestart) {
     ASSERT_EQ(1, sdk_os_startup(0, 0));
-    ASSERT_EQ(2, select_table_total());
-    EXPECT_TRUE(select_table_entry(0)->fd >= 0 && select_table_entry(1)->fd >= 0);
-
-    // Pipes stand in for client descriptors here: the event thread serves only type-1 clients and
-    // the two tick/post pipes, and these entries have null clients.
+    EXPECT_EQ(2, kx_watch_count());  // the tick and post pipes
     int p[2], q[2];
     ASSERT_EQ(0, pipe(p));
     ASSERT_EQ(0, pipe(q));
-    EXPECT_EQ(1, select_add_clientfd(nullptr, p[0]));
-    EXPECT_EQ(3, select_table_total());
-    EXPECT_EQ(p[0], select_table_entry(2)->fd);
-    EXPECT_EQ(0, select_add_clientfd(nullptr, p[0]));  // already there
-    EXPECT_EQ(3, select_table_total());
-    EXPECT_GE(get_maxfd_socketfd(), p[0]);
+    static KxWatcher w;
+    PipeSeen seen;
+    sdk_main_lock();
+    EXPECT_EQ(0, kx_watch_start(&w, -1, KX_WATCH_READ, on_pipe, &seen));
+    ASSERT_EQ(1, kx_watch_start(&w, p[0], KX_WATCH_READ, on_pipe, &seen));
+    EXPECT_EQ(0, kx_watch_start(&w, p[0], KX_WATCH_READ, on_pipe, &seen));  // already active
+    sdk_main_unlock();
+    EXPECT_EQ(3, kx_watch_count());
+    ASSERT_EQ(1, write(p[1], "x", 1));
+    EXPECT_TRUE(wait_for([&] { return seen.calls.load() == 1; }));
+    EXPECT_EQ(unsigned(KX_WATCH_READ), seen.events.load());
+    // No read interest: the byte waits; with it back, it is read.
+    EXPECT_EQ(1, kx_watch_set_interest(&w, 0));
+    ASSERT_EQ(1, write(p[1], "y", 1));
+    EXPECT_FALSE(wait_for([&] { return seen.calls.load() == 2; }, 100));
+    EXPECT_EQ(1, kx_watch_set_interest(&w, KX_WATCH_READ));
+    EXPECT_TRUE(wait_for([&] { return seen.calls.load() == 2; }));
 
-    EXPECT_EQ(1, select_Del_clientfd(p[0]));
-    EXPECT_EQ(0, select_Del_clientfd(p[0]));  // not there any more
-    EXPECT_EQ(3, select_table_total());       // never falls
-    EXPECT_EQ(-1, select_table_entry(2)->fd);
-    EXPECT_EQ(1, select_add_clientfd(nullptr, q[0]));
-    EXPECT_EQ(q[0], select_table_entry(2)->fd);  // the hole is reused
-    EXPECT_EQ(3, select_table_total());
-
-    EXPECT_EQ(0, select_add_clientfd(nullptr, -1));
-    select_Del_clientfd(q[0]);
+    sdk_main_lock();
+    EXPECT_EQ(1, kx_watch_stop(&w));
+    EXPECT_EQ(0, kx_watch_stop(&w));
+    sdk_main_unlock();
+    ASSERT_EQ(1, write(p[1], "z", 1));
+    EXPECT_FALSE(wait_for([&] { return seen.calls.load() == 3; }, 100));
+    sdk_main_lock();
+    ASSERT_EQ(1, kx_watch_start(&w, q[0], KX_WATCH_READ, on_pipe, &seen));
+    sdk_main_unlock();
+    ASSERT_EQ(1, write(q[1], "q", 1));
+    EXPECT_TRUE(wait_for([&] { return seen.calls.load() == 3; }));
+    EXPECT_TRUE(seen.on_event_thread.load());
+    sdk_main_lock();
+    kx_watch_stop(&w);
+    sdk_main_unlock();
+    EXPECT_EQ(2, kx_watch_count());
 }
 
 TEST(Timers, WholeTickPeriodsOrderAndSelfDestroy) {
@@ -213,5 +216,25 @@ TEST(Timers, RealTicksOnTheEventThread) {
     EXPECT_EQ(1, os_post_main_thread_func(posted_cb, (void *)5));
     EXPECT_EQ(1, os_post_main_thread_func(posted_cb, (void *)7));
     EXPECT_TRUE(wait_for([] { return g_posted.load() == 12; }));
+    EXPECT_EQ(1, sdk_timer_destroy(t));
+}
+
+// Descriptor numbers have no limit: started after 1100 open files, the engine's own pipes lie above
+// 1024 and the timers still fire.
+TEST(Timers, FireWhenStartedAfter1100OpenFiles) {
+    rlimit rl;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &rl));
+    if (rl.rlim_cur < 1200) {
+        rl.rlim_cur = rl.rlim_max < 1200 ? rl.rlim_max : 1200;
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &rl));
+    }
+    if (rl.rlim_cur < 1200) GTEST_SKIP() << "descriptor limit " << rl.rlim_cur;
+    int fill = dup(0);
+    while (fill >= 0 && fill < 1100) fill = dup(0);
+    ASSERT_GE(fill, 1100);
+    ASSERT_EQ(1, sdk_os_startup(0, 0));
+    _SdkTimer *t = sdk_timer_create(tick_cb, 1000, nullptr);
+    ASSERT_NE(nullptr, t);
+    EXPECT_TRUE(wait_for([] { return g_ticks.load() >= 1; }, 4000));
     EXPECT_EQ(1, sdk_timer_destroy(t));
 }
