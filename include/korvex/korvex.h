@@ -1028,7 +1028,7 @@ typedef struct tagUserDataOut {
     void *pTrackStyle;
     int32_t iReservedSize;     /* not read */
     void *pReserved;           /* not read */
-    int32_t iWatermarkAddSize; /* in and out, without the 4-byte block head that the buffer also holds */
+    int32_t iWatermarkAddSize; /* in and out, the 4-byte block head counted; the buffer holds it + 4 */
     void *pWatermarkAdd;
 } tagUserDataOut;
 
@@ -1118,7 +1118,8 @@ KX_API void GetCheckHmacInfo(const void *_pUDData, int _iLen, tagUserDataOut *_p
 KX_API void GetTargetTrackStyle(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                                 const _tagInnerFramePara *_ptPara); /* 0xFEFC, 40 */
 /* 0xFEFE, 42: given the block from its 4-byte head on. The slot's buffer holds iWatermarkAddSize + 4
- * bytes; up to that many are stored, and the size goes out as the bytes stored less the 4 of the head. */
+ * bytes; up to that many are stored, and the size goes out as the bytes stored, head included. The
+ * analysis offers every such block of a frame the size that the caller gave. */
 KX_API void GetWatermarkAddData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                                 const _tagInnerFramePara *_ptPara);
 

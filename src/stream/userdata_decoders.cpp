@@ -69,8 +69,9 @@ void decode_opaque(const OpaqueKind &k, bool all, const void *in, void *out, int
 
 // The slot rule: the slot's size comes in as the capacity and goes out as the bytes stored, so a second
 // block of the kind in one frame gets no more room than the first one left. Where the data carries a head
-// of `head` bytes, the buffer holds size + head bytes and the size counts without the head, in and out.
-// A null output or slot pointer, or a size of 0 or below, stores nothing.
+// of `head` bytes in front, the buffer holds size + head bytes: up to that many are stored, and the size
+// goes out as the bytes stored, head included. A null output or slot pointer, or a size of 0 or below,
+// stores nothing.
 void ud_decode_slot(const void *in, int len, tagUserDataOut *out, const _tagInnerFramePara *para, int cb_type,
                     int32_t tagUserDataOut::*size_field, void *tagUserDataOut::*ptr_field, int head) {
     if (in == nullptr) return;
@@ -79,7 +80,7 @@ void ud_decode_slot(const void *in, int len, tagUserDataOut *out, const _tagInne
         long long cap = (long long)(out->*size_field) + head;
         int n = len < cap ? len : (int)cap;
         memcpy(out->*ptr_field, in, (size_t)n);
-        out->*size_field = n > head ? n - head : 0;
+        out->*size_field = n;
     }
     DevCallbackFunc(cb_type, para, in, len);
 }
@@ -330,7 +331,8 @@ KX_API void GetTargetTrackStyle(const void *_pUDData, int _iLen, tagUserDataOut 
 
 KX_API void GetWatermarkAddData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                                 const _tagInnerFramePara *_ptPara) {
-    // The data comes with its 4-byte block head in front, which the slot's size doesn't count, in or out.
+    // The data comes with its 4-byte block head in front: the buffer holds the slot's size plus 4 bytes,
+    // and the size goes out as the bytes stored, head included.
     KX_UD_NEED_PAYLOAD(_pUDData);
     ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_WATERMARK_ADD,
                    &tagUserDataOut::iWatermarkAddSize, &tagUserDataOut::pWatermarkAdd, KX_UD_BLOCK_HEAD_LEN);
