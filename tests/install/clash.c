@@ -9,7 +9,9 @@ unsigned char pow_tab[256] = {1};
 unsigned char log_tab[256] = {2};
 int s_log_level = 3;
 const char *s_log_path = "mine";
-void tab_gen(void) { pow_tab[0] = 9; }
+void tab_gen(void) {
+    pow_tab[0] = 9;
+}
 
 int main(void) {
     /* FIPS 197, appendix C.1. */
