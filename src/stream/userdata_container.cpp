@@ -114,10 +114,20 @@ int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limi
     if (n <= 0) return 0;
     if (n > src_len) return -1;
     if (limit < 0) limit = 0;
+    // The leftmost 00 00 03 from the read position on is the first 03 there with two zeros in front of
+    // it: the search goes from 03 to 03 (few in real data) rather than from zero to zero.
     int rpos = 0, wpos = 0;
-    while ((long long)rpos + 3 <= n) {
-        int d = FindPosByFlag(src + rpos, n - rpos, s_ucNeedToRevert, 3);
-        if (d < 0) break;
+    int from = 2;  // the first place where the 03 of a 00 00 03 may stand
+    while (from < n) {
+        const uint8_t *p =
+            static_cast<const uint8_t *>(memchr(src + from, s_ucNeedToRevert[2], (size_t)(n - from)));
+        if (p == nullptr) break;
+        const int at = (int)(p - src);
+        if (src[at - 1] != 0 || src[at - 2] != 0) {
+            from = at + 1;
+            continue;
+        }
+        const int d = at - 2 - rpos;  // distance of the 00 00 03 from the read position
         if ((long long)wpos + d > limit) break;
         // One more source byte is consumed for the 03 dropped; the search goes on over the grown size.
         if (n >= src_len) {
@@ -127,7 +137,8 @@ int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limi
         n++;
         copy_capped(dst, wpos, limit, src + rpos, d + 2);
         wpos += d + 2;
-        rpos += d + 3;
+        rpos = at + 1;
+        from = rpos + 2;
     }
     copy_capped(dst, wpos, limit, src + rpos, n - rpos);
     *size = n;
