@@ -4,6 +4,10 @@
 #include <stddef.h>
 #include <string.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "log/log_internal.h"
 #include "platform/bytes.h"
 #include "stream/frame_header.h"
@@ -51,13 +55,6 @@ const MaskBit s_atMaskBits[] = {
     {0xFEEB, 21}, {0xFEE4, 22}, {0xFEE5, 23}, {0xFEEC, 24}, {0xFEED, 25}, {0xFEEE, 26}, {0xFEEF, 27},
     {0xFEF1, 28}, {0xFEF6, 33}, {0xFEF7, 34},
 };
-
-// Copies n bytes to dst + pos, cut at limit.
-inline void copy_capped(uint8_t *dst, int pos, int limit, const uint8_t *src, int n) {
-    if (n <= 0 || pos >= limit) return;
-    if (n > limit - pos) n = limit - pos;
-    memcpy(dst + pos, src, (size_t)n);
-}
 
 }  // namespace
 
@@ -110,37 +107,67 @@ int ud_read_size_run(const uint8_t *p, int avail, int max_bytes, int *consumed) 
 }
 
 int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit) {
-    int n = *size;
+    const int stated = *size;
+    int n = stated;
     if (n <= 0) return 0;
     if (n > src_len) return -1;
     if (limit < 0) limit = 0;
-    // The leftmost 00 00 03 from the read position on is the first 03 there with two zeros in front of
-    // it: the search goes from 03 to 03 (few in real data) rather than from zero to zero.
-    int rpos = 0, wpos = 0;
-    int from = 2;  // the first place where the 03 of a 00 00 03 may stand
-    while (from < n) {
-        const uint8_t *p =
-            static_cast<const uint8_t *>(memchr(src + from, s_ucNeedToRevert[2], (size_t)(n - from)));
-        if (p == nullptr) break;
-        const int at = (int)(p - src);
-        if (src[at - 1] != 0 || src[at - 2] != 0) {
-            from = at + 1;
+    // One pass that copies as it reads. A 00 00 03 counts from the read position of the last removal on,
+    // so the zeros in front of a removed 03 never count again; each removal makes the source one byte
+    // longer (n), and the search runs over the grown size.
+    int r = 0, w = 0;
+    int zeros = 0;  // zero bytes in a row in front of r, since the last removal
+#if defined(__SSE2__)
+    // Sixteen bytes at a time: a block is copied whole, and behind each 00 00 03 in it the rest of the
+    // block is copied again one place further down. A block is taken while its loads stay inside the
+    // source and its stores inside the target and the stated size (so that nothing lands behind the
+    // bytes that the whole copy leaves); one with a 00 00 03 reaches 32 bytes, or goes to the byte loop.
+    const __m128i zero = _mm_setzero_si128(), three = _mm_set1_epi8(3);
+    const int room = limit < stated ? limit : stated;
+    unsigned zprev = 0;  // zero bytes of the block before r (bit i: byte i), those up to a removed 03 cleared
+    while (r + 16 <= n && w + 16 <= room) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + r));
+        const unsigned z = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero));
+        const unsigned t = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, three));
+        unsigned m = t & ((z << 1) | (zprev >> 15)) & ((z << 2) | (zprev >> 14)) & 0xFFFF;
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + w), v);
+        if (m == 0) {
+            r += 16, w += 16, zprev = z;
             continue;
         }
-        const int d = at - 2 - rpos;  // distance of the 00 00 03 from the read position
-        if ((long long)wpos + d > limit) break;
-        // One more source byte is consumed for the 03 dropped; the search goes on over the grown size.
-        if (n >= src_len) {
-            *size = n;
-            return -1;
+        int count = 0;
+        for (unsigned c = m; c != 0; c &= c - 1) count++;
+        if (r + 32 > n || w + 32 > room || n + count > src_len) break;
+        const int last = 31 - __builtin_clz(m);
+        zprev = z & ~((2u << last) - 1);
+        for (int dropped = 1; m != 0; m &= m - 1, dropped++) {
+            const int k = __builtin_ctz(m);
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + w + k + 1 - dropped),
+                             _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + r + k + 1)));
         }
-        n++;
-        copy_capped(dst, wpos, limit, src + rpos, d + 2);
-        wpos += d + 2;
-        rpos = at + 1;
-        from = rpos + 2;
+        r += 16, w += 16 - count, n += count;
     }
-    copy_capped(dst, wpos, limit, src + rpos, n - rpos);
+    zeros = (zprev >> 15) ? ((zprev >> 14) & 1) + 1 : 0;
+#endif
+    bool removing = true;  // false once a 00 00 03 would begin beyond the target: the rest is copied as is
+    while (r < n) {
+        const uint8_t b = src[r];
+        if (b == s_ucNeedToRevert[2] && zeros >= 2 && removing) {
+            if (w - 2 > limit) {
+                removing = false;
+            } else {
+                if (n >= src_len) {
+                    *size = n;
+                    return -1;
+                }
+                n++, r++, zeros = 0;
+                continue;
+            }
+        }
+        if (w < limit) dst[w] = b;
+        w++, r++;
+        zeros = b == 0 ? zeros + 1 : 0;
+    }
     *size = n;
     return 0;
 }

@@ -67,14 +67,16 @@ inline void scale_words(uint16_t *words) {
 void decode_target_records(bool is_new, const void *in, int len, tagVcaTargetGet *rec,
                            const _tagInnerFramePara *para) {
     enum { kOldRead = 16 * kRecordLen, kNewRead = 128 * kRecordLen };
-    uint8_t local[kNewRead];
     const int read_bytes = is_new ? kNewRead : kOldRead;
     const int per_block = is_new ? 128 : 16;
-    ud_copy_padded(local, read_bytes, in, len);
-    int record_len = kx_rd16le(local);
+    uint8_t head[2];
+    ud_copy_padded(head, 2, in, len);
+    int record_len = kx_rd16le(head);
     if (record_len == 0) return;
     int records = len / record_len;  // records stand 18 bytes apart whatever their length word says
     if (rec != nullptr) {
+        uint8_t local[kNewRead];
+        ud_copy_padded(local, read_bytes, in, len);
         uint16_t &count = is_new ? rec->usTargetNewCount : rec->usTargetCount;
         TVcaTarget *scaled = is_new ? rec->atTargetNew : rec->atTarget;
         TVcaTargetRaw *raw = is_new ? rec->atTargetNewRaw : rec->atTargetRaw;
@@ -139,9 +141,9 @@ KX_API void GetVcaTargetnfo(bool _bAll, const void *_pvInBuf, int _iLen, void *_
     if (_pvInBuf == nullptr) return;
     if (_iLen < 0) _iLen = 0;
     if (_pvOutBuf != nullptr) {
-        uint8_t local[kListBytes];
-        ud_copy_padded(local, kListBytes, _pvInBuf, _iLen);
         if (tagVcaTargetGet *rec = vca_record(_bAll, _pvOutBuf, iOutSize, kTargetsEnd)) {
+            uint8_t local[kListBytes];
+            ud_copy_padded(local, kListBytes, _pvInBuf, _iLen);
             int count = kx_rd16le(local);
             if (count > kListMax) count = kListMax;
             // Replaces the count; entries behind it stay. Coordinates stay as the block has them.
