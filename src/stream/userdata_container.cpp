@@ -25,6 +25,14 @@ namespace {
 // The three bytes whose 03 is no part of the data.
 const uint8_t s_ucNeedToRevert[3] = {0x00, 0x00, 0x03};
 
+#if defined(__SSE2__)
+// Sixteen bytes from src to dst, at any alignment.
+inline void copy16(uint8_t *dst, const uint8_t *src) {
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst),
+                     _mm_loadu_si128(reinterpret_cast<const __m128i *>(src)));
+}
+#endif
+
 // Start patterns: an SEI NAL unit (H.264 type 6, H.265 prefix SEI type 39) of payload type F0 (old) or F1.
 const char s_acH264Old[6] = {0x00, 0x00, 0x00, 0x01, 0x06, (char)0xF0};
 const char s_acH264New[6] = {0x00, 0x00, 0x00, 0x01, 0x06, (char)0xF1};
@@ -106,12 +114,15 @@ int ud_read_size_run(const uint8_t *p, int avail, int max_bytes, int *consumed) 
     return sum;
 }
 
-int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit) {
+int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit, int room) {
     const int stated = *size;
     int n = stated;
     if (n <= 0) return 0;
     if (n > src_len) return -1;
     if (limit < 0) limit = 0;
+    // Without room, reads stay inside the container too (src_len may only be a caller's promise).
+    const bool exact = room < 0;
+    if (exact || room > limit) room = limit < stated ? limit : stated;
     // One pass that copies as it reads. A 00 00 03 counts from the read position of the last removal on,
     // so the zeros in front of a removed 03 never count again; each removal makes the source one byte
     // longer (n), and the search runs over the grown size.
@@ -119,31 +130,39 @@ int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limi
     int zeros = 0;  // zero bytes in a row in front of r, since the last removal
 #if defined(__SSE2__)
     // Sixteen bytes at a time: a block is copied whole, and behind each 00 00 03 in it the rest of the
-    // block is copied again one place further down. A block is taken while its loads stay inside the
-    // source and its stores inside the target and the stated size (so that nothing lands behind the
-    // bytes that the whole copy leaves); one with a 00 00 03 reaches 32 bytes, or goes to the byte loop.
+    // block is copied again one place further down. Loads stay inside src_len and stores inside room;
+    // bytes copied from beyond the container land behind what the whole copy leaves, in the scratch
+    // that room allows. A block runs to 32 bytes when it holds a 00 00 03; where that doesn't fit, and
+    // for the last bytes, the byte loop below goes on.
     const __m128i zero = _mm_setzero_si128(), three = _mm_set1_epi8(3);
-    const int room = limit < stated ? limit : stated;
     unsigned zprev = 0;  // zero bytes of the block before r (bit i: byte i), those up to a removed 03 cleared
-    while (r + 16 <= n && w + 16 <= room) {
+    while (r < n && r + 16 <= (exact ? n : src_len) && w + 16 <= room) {
         const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + r));
         const unsigned z = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero));
         const unsigned t = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, three));
         unsigned m = t & ((z << 1) | (zprev >> 15)) & ((z << 2) | (zprev >> 14)) & 0xFFFF;
+        if (r + 16 > n) {
+            // The container ends inside this block: done here when no 00 00 03 lies before its end.
+            if ((m & ((1u << (n - r)) - 1)) != 0) break;
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + w), v);
+            w += n - r, r = n;
+            break;
+        }
         _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + w), v);
         if (m == 0) {
             r += 16, w += 16, zprev = z;
             continue;
         }
-        int count = 0;
-        for (unsigned c = m; c != 0; c &= c - 1) count++;
-        if (r + 32 > n || w + 32 > room || n + count > src_len) break;
+        unsigned c = m - ((m >> 1) & 0x5555);  // bits set in m, without a branch
+        c = (c & 0x3333) + ((c >> 2) & 0x3333);
+        c = (c + (c >> 4)) & 0x0F0F;
+        const int count = (int)((c + (c >> 8)) & 0x1F);
+        if (r + 32 > (exact ? n : src_len) || w + 32 > room || n + count > src_len) break;
         const int last = 31 - __builtin_clz(m);
         zprev = z & ~((2u << last) - 1);
         for (int dropped = 1; m != 0; m &= m - 1, dropped++) {
             const int k = __builtin_ctz(m);
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + w + k + 1 - dropped),
-                             _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + r + k + 1)));
+            copy16(dst + w + k + 1 - dropped, src + r + k + 1);
         }
         r += 16, w += 16 - count, n += count;
     }
@@ -207,7 +226,7 @@ KX_API int FindPosByFlag(const unsigned char *_pucBuf, int _iLen, const void *_p
 KX_API int RevertUserData(const unsigned char *_pucSrc, unsigned char *_pucDst, int &_iSize, int _iLimit) {
     if (_pucSrc == nullptr || _pucDst == nullptr) return 0;
     // The caller vouches for the source: it holds the container's whole stream length.
-    ud_revert(_pucSrc, INT_MAX, _pucDst, &_iSize, _iLimit);
+    ud_revert(_pucSrc, INT_MAX, _pucDst, &_iSize, _iLimit, -1);
     return 0;
 }
 
