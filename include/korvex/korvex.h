@@ -1028,7 +1028,7 @@ typedef struct tagUserDataOut {
     void *pTrackStyle;
     int32_t iReservedSize;     /* not read */
     void *pReserved;           /* not read */
-    int32_t iWatermarkAddSize; /* in and out, the 4-byte block head counted; the buffer holds it + 4 */
+    int32_t iWatermarkAddSize; /* in: capacity, the buffer holds 4 more; out: bytes stored, head included */
     void *pWatermarkAdd;
 } tagUserDataOut;
 
