@@ -120,6 +120,14 @@ def table(res):
         ours = res.ns(name)
         add("%s, 100 KB frame" % label, fmt_ns(ours), "memcpy of the frame + 10 KiB: %s" % fmt_ns(copy10),
             div(ours, copy10), "within 3x", 3.0)
+    floor = res.ns("BM_SmallFloor")
+    for name, label in (("BM_SmallSingleFrameAllTypes", "`SA_GetUserDataInfoEx` single-frame analysis"),
+                        ("BM_SmallTwoLayoutOldContainer", "`SA_GetUserDataInfoEx` two-layout analysis, old container"),
+                        ("BM_SmallTwoLayoutNewContainer", "`SA_GetUserDataInfoEx` two-layout analysis, new container")):
+        ours = res.ns(name)
+        add("%s, small frame" % label, fmt_ns(ours),
+            "floor: clearing 10 KiB + copying the container: %s" % fmt_ns(floor), div(ours, floor),
+            "within 2x", 2.0)
     scan, peer = res.ns("BM_HeadScan"), res.ns("BM_Memchr")
     rate = None if scan is None else (1 << 20) / scan
     add("`protocol_parase_net_data`, 1 MiB of noise", fmt_rate(1 << 20, scan),

@@ -1,84 +1,41 @@
 // Frames per second of SA_GetUserDataInfoEx on a typical frame - 100 KB with one user-data container of
 // time, VCA targets and a plate - in both analyses, against memcpy of the frame and of the frame plus
-// the 10 KiB working buffer.
+// the 10 KiB working buffer; and on a small frame with the same container, against the floor of the
+// analysis's own work (clearing the 10 KiB working buffer and copying the container).
 #include <benchmark/benchmark.h>
 #include <string.h>
 
 #include <vector>
 
+#include "framegen.h"
 #include "korvex/korvex.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using framegen::Bytes;
 
 constexpr size_t kFrameLen = 100 * 1000;
 
-void put16(Bytes &b, unsigned v) {
-    b.push_back(uint8_t(v)), b.push_back(uint8_t(v >> 8));
-}
-
-void put32(Bytes &b, uint32_t v) {
-    put16(b, v & 0xFFFF), put16(b, v >> 16);
-}
-
-void block(Bytes &c, unsigned type, const Bytes &payload) {
-    put16(c, type), put16(c, unsigned(payload.size()));
-    c.insert(c.end(), payload.begin(), payload.end());
-}
-
 // A container with a time block, eight VCA targets and one plate, as a device sends them.
 Bytes container() {
-    Bytes blocks;
-    Bytes time;
-    put32(time, 1700000000);
-    block(blocks, 0xFED3, time);
     Bytes vca;
-    put16(vca, 8);
+    framegen::put16(vca, 8);
     for (unsigned i = 0; i < 8; i++) {
-        for (unsigned w : {1000 * i, 2000u, 1000 * i + 800, 3500u, i, 0u, 0u, 0u}) put16(vca, w);
+        for (unsigned w : {1000 * i, 2000u, 1000 * i + 800, 3500u, i, 0u, 0u, 0u})
+            framegen::put16(vca, uint16_t(w));
     }
-    block(blocks, 0xFED2, vca);
-    Bytes plate;
-    put32(plate, 1);
+    Bytes plate = framegen::le32(1);
     for (int i = 0; i < 64; i++) plate.push_back(uint8_t("AB123CD"[i % 7]));
-    block(blocks, 0xFED5, plate);
-    Bytes c = {'Q', 'Z', 'S', 'T'};
-    put16(c, 3), put16(c, unsigned(blocks.size()));
-    c.insert(c.end(), blocks.begin(), blocks.end());
-    return c;
+    return framegen::container("QZST", {framegen::block(0xFED3, framegen::le32(1700000000)),
+                                        framegen::block(0xFED2, vca), framegen::block(0xFED5, plate)});
 }
 
-// The user-data unit: pattern, size bytes, the container with emulation prevention, trailing byte.
-Bytes unit(uint8_t payload_type) {
-    const Bytes c = container();
-    Bytes u = {0, 0, 0, 1, 0x06, payload_type};
-    for (size_t n = c.size();; n -= 255) {
-        u.push_back(uint8_t(n >= 255 ? 255 : n));
-        if (n < 255) break;
-    }
-    int zeros = 0;
-    for (uint8_t b : c) {
-        if (zeros >= 2 && b <= 3) u.push_back(3), zeros = 0;
-        u.push_back(b);
-        zeros = b == 0 ? zeros + 1 : 0;
-    }
-    u.push_back(0x80);
-    return u;
-}
-
-// A 100 KB frame: header, the unit, then the coded slice.
-Bytes frame(uint8_t payload_type) {
-    Bytes f(32, 0);
-    Bytes data = unit(payload_type);
-    const Bytes slice = {0, 0, 0, 1, 0x65, 0x88};
-    data.insert(data.end(), slice.begin(), slice.end());
-    for (size_t i = 0; data.size() + 32 < kFrameLen; i++) data.push_back(uint8_t(i * 131 + 7) | 1);
-    const uint32_t len = uint32_t(32 + data.size()), payload = uint32_t(data.size());
-    memcpy(&f[4], &len, 4);
-    memcpy(&f[20], &payload, 4);
-    f.insert(f.end(), data.begin(), data.end());
-    return f;
+// A frame: header, the user-data unit, then the start of a coded slice, filled up to len bytes with
+// slice data (a small frame holds only the unit and the slice's first bytes).
+Bytes frame(framegen::Layout layout, size_t len) {
+    Bytes data = framegen::cat({framegen::unit(21, layout, container()), {0, 0, 0, 1, 0x65, 0x88}});
+    for (size_t i = 0; data.size() + 32 < len; i++) data.push_back(uint8_t(i * 131 + 7) | 1);
+    return framegen::frame(data);
 }
 
 int on_block(int, int type, const void *, int len, TUserDataFrameInfo *, void *user) {
@@ -91,8 +48,8 @@ void per_frame(benchmark::State &state, size_t bytes) {
     state.SetBytesProcessed(int64_t(state.iterations() * bytes));
 }
 
-void run_analysis(benchmark::State &state, uint8_t payload_type, int type, int mask) {
-    const Bytes f = frame(payload_type);
+void run_analysis(benchmark::State &state, framegen::Layout layout, int type, int mask, size_t len) {
+    const Bytes f = frame(layout, len);
     static tagUserDataAll all;
     static tagVcaTargetGet vca;
     static tagLprInfo lpr;
@@ -117,22 +74,53 @@ void run_analysis(benchmark::State &state, uint8_t payload_type, int type, int m
 }
 
 void BM_SingleFrameAllTypes(benchmark::State &state) {
-    run_analysis(state, 0xF0, 255, 0);
+    run_analysis(state, framegen::kOld, 255, 0, kFrameLen);
 }
 BENCHMARK(BM_SingleFrameAllTypes);
 
 void BM_TwoLayoutOldContainer(benchmark::State &state) {
-    run_analysis(state, 0xF0, 255, 0x7FFFFFFF);
+    run_analysis(state, framegen::kOld, 255, 0x7FFFFFFF, kFrameLen);
 }
 BENCHMARK(BM_TwoLayoutOldContainer);
 
 void BM_TwoLayoutNewContainer(benchmark::State &state) {
-    run_analysis(state, 0xF1, 255, 0x7FFFFFFF);
+    run_analysis(state, framegen::kNew, 255, 0x7FFFFFFF, kFrameLen);
 }
 BENCHMARK(BM_TwoLayoutNewContainer);
 
+// The same analyses on a small frame: the header, the unit and the first bytes of a slice.
+void BM_SmallSingleFrameAllTypes(benchmark::State &state) {
+    run_analysis(state, framegen::kOld, 255, 0, 0);
+}
+BENCHMARK(BM_SmallSingleFrameAllTypes);
+
+void BM_SmallTwoLayoutOldContainer(benchmark::State &state) {
+    run_analysis(state, framegen::kOld, 255, 0x7FFFFFFF, 0);
+}
+BENCHMARK(BM_SmallTwoLayoutOldContainer);
+
+void BM_SmallTwoLayoutNewContainer(benchmark::State &state) {
+    run_analysis(state, framegen::kNew, 255, 0x7FFFFFFF, 0);
+}
+BENCHMARK(BM_SmallTwoLayoutNewContainer);
+
+// The floor of an analysis: clearing a 10 KiB working buffer and copying the container into it.
+void BM_SmallFloor(benchmark::State &state) {
+    const Bytes c = container();
+    static uint8_t work[10240];
+    for (auto _ : state) {
+        memset(work, 0, sizeof(work));
+        benchmark::ClobberMemory();
+        memcpy(work, c.data(), c.size());
+        benchmark::DoNotOptimize(work);
+        benchmark::ClobberMemory();
+    }
+    per_frame(state, c.size());
+}
+BENCHMARK(BM_SmallFloor);
+
 void run_memcpy(benchmark::State &state, size_t extra) {
-    const Bytes f = frame(0xF0);
+    const Bytes f = frame(framegen::kOld, kFrameLen);
     Bytes src = f;
     src.resize(f.size() + extra);
     Bytes dst(src.size());

@@ -12,6 +12,7 @@
 
 #include <vector>
 
+#include "framegen.h"
 #include "korvex/korvex.h"
 
 namespace {
@@ -110,14 +111,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (opt & 1) {
         frame.assign(in.p, in.p + in.n);
     } else {
-        const uint32_t len = 32 + (uint32_t)in.n;
-        frame.assign(32, 0);
-        memcpy(&frame[4], &len, 4);
-        memcpy(&frame[12], &frame_no, 4);
-        const uint32_t payload = (uint32_t)in.n;
-        memcpy(&frame[20], &payload, 4);
-        frame[30] = (opt & 0x40) ? 0x82 : 0;  // encryption flags play no part
-        frame.insert(frame.end(), in.p, in.p + in.n);
+        framegen::FrameHeader h;
+        h.frame_no = frame_no;
+        h.flags = (opt & 0x40) ? 0x82 : 0;  // encryption flags play no part
+        frame = framegen::frame(framegen::Bytes(in.p, in.p + in.n), h);
     }
     if (frame.empty()) return 0;
 

@@ -127,7 +127,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (FormC f : form_c) {
         f(payload, len, nullptr, pp);
         f(payload, len, &out, pp);
-        f(payload, len, &out, pp);  // the second block sees the first one's length as capacity
+        // The second block sees the first one's length as capacity; the watermark's size goes out with
+        // its head counted, so it gets the caller's capacity again, as the analysis gives it.
+        out.iWatermarkAddSize = slot_size;
+        f(payload, len, &out, pp);
     }
     for (int sel = -1; sel <= 2; sel++) GetVcaTargetAttr(payload, len, &out, pp, sel);
 
@@ -135,9 +138,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const uint8_t *src = static_cast<const uint8_t *>(payload_buf.get());
     static uint8_t work[KX_UD_NEW_MAX];
     int stated = len ? src[0] * 41 : 0;
-    ud_revert(src, len, work, &stated, sizeof(work));
+    ud_revert(src, len, work, &stated, sizeof(work), sizeof(work));
     stated = len;
-    ud_revert(src, len, work, &stated, 7);
+    ud_revert(src, len, work, &stated, sizeof(work), -1);
+    stated = len;
+    ud_revert(src, len, work, &stated, 7, -1);
     int consumed;
     g_sink = ud_read_size_run(src, len, null_mask >> 4, &consumed);
     if (len >= 8) {

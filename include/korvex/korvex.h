@@ -1946,7 +1946,7 @@ typedef struct tagUserDataOut {
     void *pTrackStyle;         /**< target track style */
     int32_t iReservedSize;     /**< not read */
     void *pReserved;           /**< not read */
-    int32_t iWatermarkAddSize; /**< in and out, without the 4-byte block head that the buffer also holds */
+    int32_t iWatermarkAddSize; /**< in: capacity, the buffer holds 4 more; out: bytes stored, head included */
     void *pWatermarkAdd;       /**< added watermark, block head included */
 } tagUserDataOut;
 
@@ -2069,7 +2069,8 @@ KX_API void GetCheckHmacInfo(const void *_pUDData, int _iLen, tagUserDataOut *_p
 KX_API void GetTargetTrackStyle(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                                 const _tagInnerFramePara *_ptPara); /* 0xFEFC, 40 */
 /** Block 0xFEFE, type 42, given from its 4-byte head on. The slot's buffer holds iWatermarkAddSize + 4
- *  bytes; up to that many are stored, and the size goes out as the bytes stored less the 4 of the head.
+ *  bytes; up to that many are stored, and the size goes out as the bytes stored, head included. The
+ *  analysis offers every such block of a frame the size that the caller gave.
  *  @copydetails GetLawCaseData */
 KX_API void GetWatermarkAddData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                                 const _tagInnerFramePara *_ptPara);

@@ -4,6 +4,10 @@
 #include <stddef.h>
 #include <string.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "log/log_internal.h"
 #include "platform/bytes.h"
 #include "stream/frame_header.h"
@@ -20,6 +24,14 @@ namespace {
 
 // The three bytes whose 03 is no part of the data.
 const uint8_t s_ucNeedToRevert[3] = {0x00, 0x00, 0x03};
+
+#if defined(__SSE2__)
+// Sixteen bytes from src to dst, at any alignment.
+inline void copy16(uint8_t *dst, const uint8_t *src) {
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst),
+                     _mm_loadu_si128(reinterpret_cast<const __m128i *>(src)));
+}
+#endif
 
 // Start patterns: an SEI NAL unit (H.264 type 6, H.265 prefix SEI type 39) of payload type F0 (old) or F1.
 const char s_acH264Old[6] = {0x00, 0x00, 0x00, 0x01, 0x06, (char)0xF0};
@@ -51,13 +63,6 @@ const MaskBit s_atMaskBits[] = {
     {0xFEEB, 21}, {0xFEE4, 22}, {0xFEE5, 23}, {0xFEEC, 24}, {0xFEED, 25}, {0xFEEE, 26}, {0xFEEF, 27},
     {0xFEF1, 28}, {0xFEF6, 33}, {0xFEF7, 34},
 };
-
-// Copies n bytes to dst + pos, cut at limit.
-inline void copy_capped(uint8_t *dst, int pos, int limit, const uint8_t *src, int n) {
-    if (n <= 0 || pos >= limit) return;
-    if (n > limit - pos) n = limit - pos;
-    memcpy(dst + pos, src, (size_t)n);
-}
 
 }  // namespace
 
@@ -109,27 +114,79 @@ int ud_read_size_run(const uint8_t *p, int avail, int max_bytes, int *consumed) 
     return sum;
 }
 
-int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit) {
-    int n = *size;
+int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit, int room) {
+    const int stated = *size;
+    int n = stated;
     if (n <= 0) return 0;
     if (n > src_len) return -1;
     if (limit < 0) limit = 0;
-    int rpos = 0, wpos = 0;
-    while ((long long)rpos + 3 <= n) {
-        int d = FindPosByFlag(src + rpos, n - rpos, s_ucNeedToRevert, 3);
-        if (d < 0) break;
-        if ((long long)wpos + d > limit) break;
-        // One more source byte is consumed for the 03 dropped; the search goes on over the grown size.
-        if (n >= src_len) {
-            *size = n;
-            return -1;
+    // Without room, reads stay inside the container too (src_len may only be a caller's promise).
+    const bool exact = room < 0;
+    if (exact || room > limit) room = limit < stated ? limit : stated;
+    // One pass that copies as it reads. A 00 00 03 counts from the read position of the last removal on,
+    // so the zeros in front of a removed 03 never count again; each removal makes the source one byte
+    // longer (n), and the search runs over the grown size.
+    int r = 0, w = 0;
+    int zeros = 0;  // zero bytes in a row in front of r, since the last removal
+#if defined(__SSE2__)
+    // Sixteen bytes at a time: a block is copied whole, and behind each 00 00 03 in it the rest of the
+    // block is copied again one place further down. Loads stay inside src_len and stores inside room;
+    // bytes copied from beyond the container land behind what the whole copy leaves, in the scratch
+    // that room allows. A block runs to 32 bytes when it holds a 00 00 03; where that doesn't fit, and
+    // for the last bytes, the byte loop below goes on.
+    const __m128i zero = _mm_setzero_si128(), three = _mm_set1_epi8(3);
+    unsigned zprev = 0;  // zero bytes of the block before r (bit i: byte i), those up to a removed 03 cleared
+    while (r < n && r + 16 <= (exact ? n : src_len) && w + 16 <= room) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + r));
+        const unsigned z = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero));
+        const unsigned t = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, three));
+        unsigned m = t & ((z << 1) | (zprev >> 15)) & ((z << 2) | (zprev >> 14)) & 0xFFFF;
+        if (r + 16 > n) {
+            // The container ends inside this block: done here when no 00 00 03 lies before its end.
+            if ((m & ((1u << (n - r)) - 1)) != 0) break;
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + w), v);
+            w += n - r, r = n;
+            break;
         }
-        n++;
-        copy_capped(dst, wpos, limit, src + rpos, d + 2);
-        wpos += d + 2;
-        rpos += d + 3;
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + w), v);
+        if (m == 0) {
+            r += 16, w += 16, zprev = z;
+            continue;
+        }
+        unsigned c = m - ((m >> 1) & 0x5555);  // bits set in m, without a branch
+        c = (c & 0x3333) + ((c >> 2) & 0x3333);
+        c = (c + (c >> 4)) & 0x0F0F;
+        const int count = (int)((c + (c >> 8)) & 0x1F);
+        if (r + 32 > (exact ? n : src_len) || w + 32 > room || n + count > src_len) break;
+        const int last = 31 - __builtin_clz(m);
+        zprev = z & ~((2u << last) - 1);
+        for (int dropped = 1; m != 0; m &= m - 1, dropped++) {
+            const int k = __builtin_ctz(m);
+            copy16(dst + w + k + 1 - dropped, src + r + k + 1);
+        }
+        r += 16, w += 16 - count, n += count;
     }
-    copy_capped(dst, wpos, limit, src + rpos, n - rpos);
+    zeros = (zprev >> 15) ? ((zprev >> 14) & 1) + 1 : 0;
+#endif
+    bool removing = true;  // false once a 00 00 03 would begin beyond the target: the rest is copied as is
+    while (r < n) {
+        const uint8_t b = src[r];
+        if (b == s_ucNeedToRevert[2] && zeros >= 2 && removing) {
+            if (w - 2 > limit) {
+                removing = false;
+            } else {
+                if (n >= src_len) {
+                    *size = n;
+                    return -1;
+                }
+                n++, r++, zeros = 0;
+                continue;
+            }
+        }
+        if (w < limit) dst[w] = b;
+        w++, r++;
+        zeros = b == 0 ? zeros + 1 : 0;
+    }
     *size = n;
     return 0;
 }
@@ -169,7 +226,7 @@ KX_API int FindPosByFlag(const unsigned char *_pucBuf, int _iLen, const void *_p
 KX_API int RevertUserData(const unsigned char *_pucSrc, unsigned char *_pucDst, int &_iSize, int _iLimit) {
     if (_pucSrc == nullptr || _pucDst == nullptr) return 0;
     // The caller vouches for the source: it holds the container's whole stream length.
-    ud_revert(_pucSrc, INT_MAX, _pucDst, &_iSize, _iLimit);
+    ud_revert(_pucSrc, INT_MAX, _pucDst, &_iSize, _iLimit, -1);
     return 0;
 }
 

@@ -4,7 +4,6 @@
 // stay inside the record (or the slot's stated capacity) and reads inside the payload's _iLen bytes.
 #include <stddef.h>
 #include <string.h>
-#include <time.h>
 
 #include "log/log_internal.h"
 #include "platform/bytes.h"
@@ -28,7 +27,6 @@ static_assert(sizeof(void *) != 8 ||
                    offsetof(tagUserDataOut, iPoliceClothSize) == 252 &&
                    offsetof(tagUserDataOut, pWatermarkAdd) == 368 && sizeof(tagUserDataOut) == 376),
               "slot record layout");
-static_assert(sizeof(time_t) >= 8, "times behind 2038 need a 64-bit time_t");
 
 namespace {
 
@@ -69,8 +67,9 @@ void decode_opaque(const OpaqueKind &k, bool all, const void *in, void *out, int
 
 // The slot rule: the slot's size comes in as the capacity and goes out as the bytes stored, so a second
 // block of the kind in one frame gets no more room than the first one left. Where the data carries a head
-// of `head` bytes, the buffer holds size + head bytes and the size counts without the head, in and out.
-// A null output or slot pointer, or a size of 0 or below, stores nothing.
+// of `head` bytes in front, the buffer holds size + head bytes: up to that many are stored, and the size
+// goes out as the bytes stored, head included. A null output or slot pointer, or a size of 0 or below,
+// stores nothing.
 void ud_decode_slot(const void *in, int len, tagUserDataOut *out, const _tagInnerFramePara *para, int cb_type,
                     int32_t tagUserDataOut::*size_field, void *tagUserDataOut::*ptr_field, int head) {
     if (in == nullptr) return;
@@ -79,24 +78,30 @@ void ud_decode_slot(const void *in, int len, tagUserDataOut *out, const _tagInne
         long long cap = (long long)(out->*size_field) + head;
         int n = len < cap ? len : (int)cap;
         memcpy(out->*ptr_field, in, (size_t)n);
-        out->*size_field = n > head ? n - head : 0;
+        out->*size_field = n;
     }
     DevCallbackFunc(cb_type, para, in, len);
 }
 
 void MakeAbsoluteTime(__S_AbsoluteTime *ptTime, unsigned int uiSeconds) {
     if (ptTime == nullptr) return;
-    // Unsigned widening: 2^31 and above lie behind 2038, not before 1970.
-    time_t t = (time_t)(uint32_t)uiSeconds;
-    struct tm tm;
-    memset(&tm, 0, sizeof(tm));
-    if (gmtime_r(&t, &tm) == nullptr) memset(&tm, 0, sizeof(tm));
-    ptTime->usYear = (uint16_t)(tm.tm_year + 1900);
-    ptTime->usMonth = (uint16_t)(tm.tm_mon + 1);
-    ptTime->usDay = (uint16_t)tm.tm_mday;
-    ptTime->usHour = (uint16_t)tm.tm_hour;
-    ptTime->usMinute = (uint16_t)tm.tm_min;
-    ptTime->usSecond = (uint16_t)tm.tm_sec;
+    // UTC calendar fields of the unsigned seconds (so 2^31 and above lie behind 2038, not before 1970),
+    // counted here rather than by gmtime_r, which takes the C library's time-zone lock on every call:
+    // the day from its number since 1970-03-01 in 400-year eras of the Gregorian calendar, a year of
+    // the count running from March so that the leap day comes last.
+    const uint32_t days = uiSeconds / 86400, secs = uiSeconds % 86400;
+    const uint32_t z = days + 719468;  // days since 0000-03-01
+    const uint32_t era = z / 146097, doe = z % 146097;
+    const uint32_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    const uint32_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    const uint32_t mp = (5 * doy + 2) / 153;
+    const uint32_t month = mp < 10 ? mp + 3 : mp - 9;
+    ptTime->usYear = (uint16_t)(yoe + era * 400 + (month <= 2 ? 1 : 0));
+    ptTime->usMonth = (uint16_t)month;
+    ptTime->usDay = (uint16_t)(doy - (153 * mp + 2) / 5 + 1);
+    ptTime->usHour = (uint16_t)(secs / 3600);
+    ptTime->usMinute = (uint16_t)(secs / 60 % 60);
+    ptTime->usSecond = (uint16_t)(secs % 60);
     ptTime->uiSeconds = uiSeconds;
 }
 
@@ -330,7 +335,8 @@ KX_API void GetTargetTrackStyle(const void *_pUDData, int _iLen, tagUserDataOut 
 
 KX_API void GetWatermarkAddData(const void *_pUDData, int _iLen, tagUserDataOut *_pvOutBuf,
                                 const _tagInnerFramePara *_ptPara) {
-    // The data comes with its 4-byte block head in front, which the slot's size doesn't count, in or out.
+    // The data comes with its 4-byte block head in front: the buffer holds the slot's size plus 4 bytes,
+    // and the size goes out as the bytes stored, head included.
     KX_UD_NEED_PAYLOAD(_pUDData);
     ud_decode_slot(_pUDData, _iLen, _pvOutBuf, _ptPara, KX_CB_WATERMARK_ADD,
                    &tagUserDataOut::iWatermarkAddSize, &tagUserDataOut::pWatermarkAdd, KX_UD_BLOCK_HEAD_LEN);

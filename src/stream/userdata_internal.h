@@ -132,7 +132,10 @@ int ud_read_size_run(const uint8_t *p, int avail, int max_bytes, int *consumed);
 // beyond limit bytes. *size comes in as the stated size and goes out as the stream length (stated size
 // plus the 03 bytes removed). 0 on success; -1 when the container runs past src_len (the frame is too
 // short for its stated size), in which case *size says how far it got and the target is incomplete.
-int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit);
+// room (at most limit) is how far dst may be written at all: bytes behind the stated size up to room
+// may receive scratch, which lets the copy go on in whole blocks; -1 writes nothing behind the stated
+// size (nor behind limit).
+int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit, int room);
 
 // Reads the block head at pos of a container of container_len bytes. false when the head itself doesn't
 // fit; the caller still has to check that pos + 4 + usLen stays inside its limit.
@@ -154,7 +157,7 @@ void ud_copy_padded(void *dst, int dst_len, const void *src, int src_len);
 
 // The common body of the slot decoders, behind their payload check: when the output, the slot's pointer
 // and a size above 0 are there, copies the smaller of len and size + head bytes to the slot and sets the
-// size to the bytes copied less head (head is 4 for data that carries its block head, else 0); then
+// size to the bytes copied, head included (head is 4 for data that carries its block head, else 0); then
 // reports the whole block with cb_type.
 void ud_decode_slot(const void *in, int len, tagUserDataOut *out, const _tagInnerFramePara *para, int cb_type,
                     int32_t tagUserDataOut::*size_field, void *tagUserDataOut::*ptr_field, int head);

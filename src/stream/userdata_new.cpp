@@ -63,12 +63,18 @@ KX_API int InnerAnalyzeNewUserData(const _tagInnerFramePara *_pInParam, int _iOl
     _pOut->pucFrameRest = unit + rest;
     _pOut->iFrameRestLen = left - rest;
 
+    // The watermark slot's size goes out with the 4-byte head counted, and its buffer holds the size
+    // that came in plus 4: every watermark block of the frame is offered the capacity that the caller
+    // gave, never the size that an earlier one left, so none writes past that buffer.
+    const int32_t watermark_cap = _pOut->iWatermarkAddSize;
     TUserDataBlockHead head;
     int at = KX_UD_HEADER_LEN;
     for (int i = 0; i < hdr.usBlockCount; i++) {
         const uint8_t *payload = ud_next_block(work, stream_len, &at, &head);
         if (payload == nullptr) break;
-        if (ud_mask_takes(para, head.usType)) ud_dispatch_slot_block(true, para, head, payload, _pOut);
+        if (!ud_mask_takes(para, head.usType)) continue;
+        if (head.usType == KX_BLK_WATERMARK_ADD) _pOut->iWatermarkAddSize = watermark_cap;
+        ud_dispatch_slot_block(true, para, head, payload, _pOut);
     }
     DevCallbackFunc(KX_UD_CB_END, para, nullptr, 0);
     return 0;

@@ -13,9 +13,9 @@ uint32_t ud_frame_no(const _tagInnerFramePara *para) {
 bool ud_load_container(const uint8_t *src, int src_len, uint8_t *work, int *size) {
     const int stated = *size;
     if (src_len < 0) src_len = 0;
-    if (ud_revert(src, src_len, work, size, KX_UD_NEW_MAX) != 0) return false;
-    // The revert wrote the stated bytes. Behind them the walk may reach up to the stream length, and the
-    // header is read whatever the size: those bytes read as zeros.
+    if (ud_revert(src, src_len, work, size, KX_UD_NEW_MAX, KX_UD_NEW_MAX) != 0) return false;
+    // The revert wrote the stated bytes (and maybe scratch behind them). Behind them the walk may reach
+    // up to the stream length, and the header is read whatever the size: those bytes read as zeros.
     int written = stated < 0 ? 0 : (stated > KX_UD_NEW_MAX ? KX_UD_NEW_MAX : stated);
     int reach = *size > KX_UD_NEW_MAX ? KX_UD_NEW_MAX : *size;
     if (reach < KX_UD_HEADER_LEN) reach = KX_UD_HEADER_LEN;

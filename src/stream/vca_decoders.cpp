@@ -51,7 +51,11 @@ inline tagVcaTargetGet *vca_record(bool all, void *out, int out_size, int end) {
 }
 
 inline void read_words(uint16_t *words, const uint8_t *p) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    memcpy(words, p, 8 * sizeof(uint16_t));  // the words stand in the block as the host holds them
+#else
     for (int w = 0; w < 8; w++) words[w] = kx_rd16le(p + 2 * w);
+#endif
 }
 
 // Rescales the four coordinates from ten-thousandths to the grid; the other words stay.
@@ -67,14 +71,16 @@ inline void scale_words(uint16_t *words) {
 void decode_target_records(bool is_new, const void *in, int len, tagVcaTargetGet *rec,
                            const _tagInnerFramePara *para) {
     enum { kOldRead = 16 * kRecordLen, kNewRead = 128 * kRecordLen };
-    uint8_t local[kNewRead];
     const int read_bytes = is_new ? kNewRead : kOldRead;
     const int per_block = is_new ? 128 : 16;
-    ud_copy_padded(local, read_bytes, in, len);
-    int record_len = kx_rd16le(local);
+    uint8_t head[2];
+    ud_copy_padded(head, 2, in, len);
+    int record_len = kx_rd16le(head);
     if (record_len == 0) return;
     int records = len / record_len;  // records stand 18 bytes apart whatever their length word says
     if (rec != nullptr) {
+        uint8_t local[kNewRead];
+        ud_copy_padded(local, read_bytes, in, len);
         uint16_t &count = is_new ? rec->usTargetNewCount : rec->usTargetCount;
         TVcaTarget *scaled = is_new ? rec->atTargetNew : rec->atTarget;
         TVcaTargetRaw *raw = is_new ? rec->atTargetNewRaw : rec->atTargetRaw;
@@ -139,14 +145,19 @@ KX_API void GetVcaTargetnfo(bool _bAll, const void *_pvInBuf, int _iLen, void *_
     if (_pvInBuf == nullptr) return;
     if (_iLen < 0) _iLen = 0;
     if (_pvOutBuf != nullptr) {
-        uint8_t local[kListBytes];
-        ud_copy_padded(local, kListBytes, _pvInBuf, _iLen);
         if (tagVcaTargetGet *rec = vca_record(_bAll, _pvOutBuf, iOutSize, kTargetsEnd)) {
-            int count = kx_rd16le(local);
+            // The list is read in place when the block holds it whole, else from a zero-padded copy.
+            const uint8_t *list = static_cast<const uint8_t *>(_pvInBuf);
+            uint8_t local[kListBytes];
+            int count = _iLen >= 2 ? kx_rd16le(list) : 0;
             if (count > kListMax) count = kListMax;
+            if (_iLen < 2 + count * kTargetLen) {
+                ud_copy_padded(local, kListBytes, _pvInBuf, _iLen);
+                list = local;
+            }
             // Replaces the count; entries behind it stay. Coordinates stay as the block has them.
             rec->usTargetCount = (uint16_t)count;
-            for (int i = 0; i < count; i++) read_words(rec->atTarget[i].ausWord, local + 2 + i * kTargetLen);
+            for (int i = 0; i < count; i++) read_words(rec->atTarget[i].ausWord, list + 2 + i * kTargetLen);
         }
         if (tagVcaTargetGet *rec = vca_record(_bAll, _pvOutBuf, iOutSize, kRawAt)) {
             int n = _iLen < kRawMax ? _iLen : kRawMax;

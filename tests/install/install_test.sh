@@ -16,4 +16,13 @@ cmake -S "$src/examples/consumer" -B "$tmp/consumer" -G Ninja -DCMAKE_PREFIX_PAT
 cmake --build "$tmp/consumer" >/dev/null
 "$tmp/consumer/hello_c" 2>/dev/null | grep -q 'hello.c ok'
 "$tmp/consumer/hello_cpp" 2>/dev/null | grep -q 'hello.cpp ok'
+"$tmp/consumer/hello_c_static" 2>/dev/null | grep -q 'hello.c ok'
+# The static library: its targets publish the installed include folder only, and a program whose own
+# globals bear internal names of the library links with it and runs.
+if grep -q '/src' "$libdir/cmake/korvex/korvexTargets.cmake"; then
+  echo "the installed targets name a source folder"; exit 1
+fi
+cc -std=c11 -Wall -Werror "$src/tests/install/clash.c" $(pkg-config --cflags korvex) "$libdir/libkorvex.a" \
+  -lpthread -ldl -o "$tmp/clash"
+"$tmp/clash" 2>/dev/null | grep -q 'clash.c ok'
 echo "install test ok"

@@ -33,7 +33,7 @@ TEST(LogLine, ErrorRecordIsRedWithSourcePositionAndNoErrnoText) {
         KX_LOG_ERR("bad thing %s", "x");
     });
     std::regex line(
-        R"(^\x1b\[;31m\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} \[ERR\] file: .*log_line_test\.cpp, func:.*, line: \d+ bad thing x\n\x1b\[0m$)");
+        R"(^\x1b\[;31m\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} \[ERR\] file: tests/log/log_line_test\.cpp, func:.*, line: \d+ bad thing x\n\x1b\[0m$)");
     EXPECT_TRUE(std::regex_match(out, line)) << out;
 }
 

@@ -155,6 +155,23 @@ TEST_F(Analysis, TwoLayoutMasksNewDispatchAndFrameRest) {
     EXPECT_EQ(-101, SA_GetUserDataInfoEx(&in, sizeof(in), nullptr, 0));
 }
 
+TEST_F(Analysis, EveryWatermarkBlockOfAFrameGetsTheCallersCapacity) {
+    // The buffer holds the stated 10 bytes plus the 4 of the block head, on the heap so that ASan sees
+    // a byte written past it. A second block must not be offered the 14 that the first one left.
+    std::unique_ptr<uint8_t[]> wm(new uint8_t[14]());
+    const Bytes first = fb::block(0xFEFE, Bytes(100, 0x11)), second = fb::block(0xFEFE, Bytes(100, 0x22));
+    const Bytes short_one = fb::block(0xFEFE, Bytes(6, 0x33));
+    for (const Bytes &last : {second, short_one}) {
+        slots.pWatermarkAdd = wm.get(), slots.iWatermarkAddSize = 10;
+        const Bytes f = fb::frame(fb::unit(21, fb::kNew, fb::container("QZST", {first, last})));
+        EXPECT_EQ(0, run(f, 255, 1, &slots, sizeof(slots)));
+        EXPECT_EQ((std::vector<int>{42, 42, kEnd}), types());
+        const size_t stored = last.size() < 14 ? last.size() : 14;
+        EXPECT_EQ(int(stored), slots.iWatermarkAddSize);  // the last block's bytes, head included
+        EXPECT_EQ(Bytes(last.begin(), last.begin() + stored), Bytes(wm.get(), wm.get() + stored));
+    }
+}
+
 TEST_F(Analysis, NewContainerStandsExactlyBehindTheOldOne) {
     // Size bytes FF 10 state 271; two emulation-prevention bytes make 273 in the stream, so the new pattern
     // is looked for at 6 + 2 + 273 + 1 = 282.

@@ -68,15 +68,31 @@ TEST(UserDataContainer, RevertRemovesEmulationPreventionWithinTheGrowingSize) {
     // The bounded form refuses a container that runs past its source.
     uint8_t dst[16];
     size = 8;
-    EXPECT_EQ(-1, ud_revert(spanning.data(), 9, dst, &size, sizeof(dst)));
+    EXPECT_EQ(-1, ud_revert(spanning.data(), 9, dst, &size, sizeof(dst), -1));
     size = 8;
-    EXPECT_EQ(0, ud_revert(spanning.data(), 10, dst, &size, sizeof(dst)));
+    EXPECT_EQ(0, ud_revert(spanning.data(), 10, dst, &size, sizeof(dst), -1));
     // The builder's escaping and the revert are inverse.
     Bytes raw = {0, 0, 0, 0, 1, 0, 0, 2, 0, 0, 3, 0, 0}, esc = fb::escape(raw), back(raw.size());
     size = int(raw.size());
-    EXPECT_EQ(0, ud_revert(esc.data(), int(esc.size()), back.data(), &size, int(back.size())));
+    EXPECT_EQ(0, ud_revert(esc.data(), int(esc.size()), back.data(), &size, int(back.size()), -1));
     EXPECT_EQ(raw, back);
     EXPECT_EQ(int(raw.size()) + 4, size);
+    // A long container, with runs of zeros that put a 03 into the stream every few bytes, goes through
+    // the copy in whole blocks: the same bytes without scratch room (nothing written behind the stated
+    // size) and with it; the source is read no further than its end (ASan).
+    Bytes big;
+    for (int i = 0; i < 700; i++) big.push_back(i % 11 < 5 ? 0 : uint8_t(i % 5));
+    const Bytes esc_big = fb::escape(big);
+    for (int room : {-1, 1024}) {
+        Bytes out(1024, 0xEE);
+        size = int(big.size());
+        EXPECT_EQ(0, ud_revert(esc_big.data(), int(esc_big.size()), out.data(), &size, 1024, room));
+        EXPECT_EQ(int(esc_big.size()), size);
+        EXPECT_EQ(big, Bytes(out.begin(), out.begin() + big.size()));
+        if (room < 0) {
+            EXPECT_EQ(Bytes(1024 - big.size(), 0xEE), Bytes(out.begin() + big.size(), out.end()));
+        }
+    }
 }
 
 TEST(UserDataContainer, SizeBytesPatternsTagsAndTables) {

@@ -125,15 +125,16 @@ TEST_F(Decoders, SlotRuleStoresAtMostTheCapacity) {
     EXPECT_EQ(50, out.iVestClothSize);
     GetHmacInfo(b.data(), 100, &out, &para);
     EXPECT_EQ(0, out.iHmacSize);
-    GetWatermarkAddData(b.data(), 100, &out, &para);  // 14 bytes with the head; the size counts it out
-    EXPECT_EQ(10, out.iWatermarkAddSize);
-    GetWatermarkAddData(b.data(), 100, &out, &para);  // a second block gets no more room
+    Bytes wm(100, 0x44);
+    GetWatermarkAddData(wm.data(), 100, &out, &para);  // room for the 4-byte head besides; the size counts it
+    EXPECT_EQ(14, out.iWatermarkAddSize);
+    EXPECT_EQ(0x44, buf[13]);
     EXPECT_EQ(0, buf[14]);
-    EXPECT_EQ((std::vector<int>{31, 32, 34, 42, 42}), log.types());
-    EXPECT_EQ(std::vector<int>(5, 100), lens());
+    EXPECT_EQ((std::vector<int>{31, 32, 34, 42}), log.types());
+    EXPECT_EQ(std::vector<int>(4, 100), lens());
     GetLdcInfo(false, nullptr, all.get(), 10, &para);
     GetHmacInfo(nullptr, 10, &out, &para);
-    EXPECT_EQ(5u, log.calls.size());
+    EXPECT_EQ(4u, log.calls.size());
 }
 
 TEST_F(Decoders, VcaTargetListsAndRawCopy) {

@@ -1,5 +1,5 @@
-// Builds media frames and user-data units for tests, piece by piece, and records what reaches the user-data
-// callback. A typical frame with one absolute-time block:
+// Builds media frames and user-data units for tests, piece by piece (with the builders of framegen), and
+// records what reaches the user-data callback. A typical frame with one absolute-time block:
 //
 //   Bytes c = fb::container("QZST", {fb::block(0xFED3, fb::le32(1700000000))});
 //   Bytes f = fb::frame(fb::unit(21, fb::kOld, c));
@@ -14,35 +14,25 @@
 #include <string>
 #include <vector>
 
+#include "framegen.h"
 #include "korvex/korvex.h"
 
 namespace fb {
 
-using Bytes = std::vector<uint8_t>;
-
-enum Layout { kOld, kNew };
-
-Bytes le16(uint16_t v);
-Bytes le32(uint32_t v);
-Bytes cat(std::initializer_list<Bytes> parts);
-
-// One block: usType, usLen (the payload's length unless given) and the payload.
-Bytes block(uint16_t type, const Bytes &payload, int len_field = -1);
-
-// A container: tag, usBlockCount (the number of blocks unless given), uiDataLen (the bytes of the blocks
-// unless given), then the blocks.
-Bytes container(const char *tag, const std::vector<Bytes> &blocks, int block_count = -1, int data_len = -1);
-
-// The start pattern of a layout for iEncode 21/22 (H.264) or 23 (H.265).
-Bytes pattern(int encode, Layout layout);
-// Size bytes that state n: 255 for each full 255, then the rest (so 255 gives FF 00).
-Bytes size_bytes(int n);
-// Emulation prevention as an encoder applies it: 03 behind every 00 00 that a byte 00 to 03 follows.
-Bytes escape(const Bytes &raw);
-
-// A whole user-data unit: pattern, size bytes, the escaped container and a trailing byte. The stated size
-// is the container's unescaped length unless given.
-Bytes unit(int encode, Layout layout, const Bytes &container, int stated = -1, uint8_t trailing = 0x80);
+// The builders of blocks, containers and units are those of framegen (framegen.h).
+using framegen::block;
+using framegen::Bytes;
+using framegen::cat;
+using framegen::container;
+using framegen::escape;
+using framegen::kNew;
+using framegen::kOld;
+using framegen::Layout;
+using framegen::le16;
+using framegen::le32;
+using framegen::pattern;
+using framegen::size_bytes;
+using framegen::unit;
 
 // Fields of the frame header that a test may set; the lengths are always made consistent.
 struct FrameFields {

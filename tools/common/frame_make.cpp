@@ -6,13 +6,7 @@ namespace kxt {
 
 int container_limit(Layout layout) { return layout == Layout::kOld ? 1024 : 10240; }
 
-Bytes ud_block(uint16_t type, const Bytes &payload) {
-    Bytes out;
-    put16(out, type);
-    put16(out, uint16_t(payload.size()));
-    append(out, payload);
-    return out;
-}
+Bytes ud_block(uint16_t type, const Bytes &payload) { return framegen::block(type, payload); }
 
 Bytes time_payload(uint32_t seconds) {
     Bytes out;
@@ -55,61 +49,17 @@ Bytes osd_text_payload(const std::string &text) {
     return out;
 }
 
-Bytes ud_container(const std::vector<Bytes> &blocks) {
-    Bytes body;
-    for (const Bytes &b : blocks) append(body, b);
-    Bytes out = {'Q', 'Z', 'S', 'T'};
-    put16(out, uint16_t(blocks.size()));
-    put16(out, uint16_t(body.size()));
-    append(out, body);
-    return out;
-}
-
-Bytes escape(const Bytes &raw) {
-    Bytes out;
-    out.reserve(raw.size() + raw.size() / 64);
-    int zeros = 0;
-    for (uint8_t b : raw) {
-        if (zeros >= 2 && b <= 3) {
-            out.push_back(3);
-            zeros = 0;
-        }
-        out.push_back(b);
-        zeros = b == 0 ? zeros + 1 : 0;
-    }
-    return out;
-}
+Bytes ud_container(const std::vector<Bytes> &blocks) { return framegen::container("QZST", blocks); }
 
 Bytes ud_unit(Codec codec, Layout layout, const Bytes &container) {
-    Bytes out = {0, 0, 0, 1};
-    if (codec == Codec::kH265) {
-        out.push_back(0x4E);  // prefix SEI, type 39
-        out.push_back(0x01);
-    } else {
-        out.push_back(0x06);  // SEI
-    }
-    out.push_back(layout == Layout::kOld ? 0xF0 : 0xF1);
-    size_t n = container.size();
-    for (; n >= 255; n -= 255) out.push_back(0xFF);
-    out.push_back(uint8_t(n));
-    append(out, escape(container));
-    out.push_back(0x80);
-    return out;
+    return framegen::unit(codec_encode(codec), layout == Layout::kOld ? framegen::kOld : framegen::kNew,
+                          container);
 }
 
 Bytes frame_header(uint32_t data_len, uint32_t frame_no, uint16_t flags) {
-    Bytes h;
-    put32(h, 0);
-    put32(h, data_len + 32);  // uiFrameLen
-    put32(h, 0);              // ucFrameAttr and three bytes
-    put32(h, frame_no);
-    put32(h, 0);              // uiFrameInfo
-    put32(h, data_len);       // uiPayloadLen
-    put16(h, 0);              // usExtCount
-    put16(h, 0);              // usExtSize
-    put16(h, 0);
-    put16(h, flags);
-    return h;
+    framegen::FrameHeader h;
+    h.frame_len = data_len + 32, h.payload_len = data_len, h.frame_no = frame_no, h.flags = flags;
+    return framegen::frame_header(h);
 }
 
 Bytes iframe_index(const std::vector<IndexItem> &items) {

@@ -51,8 +51,6 @@ enum { kOsdTextMax = 512 };
 
 // A complete container (tag QZST) holding the blocks, with its header counting them.
 Bytes ud_container(const std::vector<Bytes> &blocks);
-// Emulation prevention: a 03 behind every 00 00 that a byte 00 to 03 follows.
-Bytes escape(const Bytes &raw);
 // A whole user-data unit: start pattern of the codec and layout, size bytes stating the container's
 // length, the escaped container and the closing byte 80.
 Bytes ud_unit(Codec codec, Layout layout, const Bytes &container);

@@ -29,21 +29,6 @@ void errorf(const char *fmt, ...) {
     fputc('\n', stderr);
 }
 
-void put16(Bytes &out, uint16_t v) {
-    out.push_back(uint8_t(v));
-    out.push_back(uint8_t(v >> 8));
-}
-
-void put32(Bytes &out, uint32_t v) {
-    put16(out, uint16_t(v));
-    put16(out, uint16_t(v >> 16));
-}
-
-void append(Bytes &out, const Bytes &more) { out.insert(out.end(), more.begin(), more.end()); }
-
-uint16_t rd16(const uint8_t *p) { return uint16_t(p[0] | (p[1] << 8)); }
-uint32_t rd32(const uint8_t *p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
-
 bool parse_int(const std::string &text, long long lo, long long hi, long long *out) {
     if (text.empty() || isspace((unsigned char)text[0])) return false;
     errno = 0;

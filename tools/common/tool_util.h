@@ -9,9 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "framegen.h"
+#include "platform/bytes.h"
+
 namespace kxt {
 
-using Bytes = std::vector<uint8_t>;
+using framegen::Bytes;
 
 // The program name used in front of every message ("korvex-dump: ...").
 void set_program_name(const char *name);
@@ -20,12 +23,16 @@ const char *program_name();
 // Prints "<program>: <message>" and a newline to standard error.
 void errorf(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
-// Little-endian appends and reads.
-void put16(Bytes &out, uint16_t v);
-void put32(Bytes &out, uint32_t v);
-void append(Bytes &out, const Bytes &more);
-uint16_t rd16(const uint8_t *p);
-uint32_t rd32(const uint8_t *p);
+// Little-endian appends (framegen's) and reads (the library's own).
+using framegen::append;
+using framegen::put16;
+using framegen::put32;
+inline uint16_t rd16(const uint8_t *p) {
+    return kx_rd16le(p);
+}
+inline uint32_t rd32(const uint8_t *p) {
+    return kx_rd32le(p);
+}
 
 // Parses a whole decimal or 0x-prefixed number within [lo, hi]; false on any junk or overflow.
 bool parse_int(const std::string &text, long long lo, long long hi, long long *out);
