@@ -101,7 +101,7 @@ test-valgrind: build
 
 # Load and soak over loopback (a few minutes); not part of `make test`.
 soak: build
-	./build/default/tests/korvex_soak
+	./build/default/soak/korvex_soak
 
 # Fleet soak and benchmark over loopback (about a minute and a half): each shape of korvex_fleet,
 # and beside it the same shape of the libuv anchor (UVFLEET_SRC, built here with libuv1-dev) when
@@ -113,7 +113,7 @@ fleet: build
 	  gcc -O2 -std=gnu11 -pthread "$(UVFLEET_SRC)" -luv -o build/default/uvfleet && uv=build/default/uvfleet; \
 	else echo "libuv anchor not run: $(UVFLEET_SRC) not found (UVFLEET_SRC=path)"; fi; \
 	for s in scale idle fair overflow; do \
-	  ./build/default/tests/korvex_fleet $$s || rc=1; \
+	  ./build/default/soak/korvex_fleet $$s || rc=1; \
 	  case $$s in scale) a="scale 2048 10000";; idle) a="idle 2048 1000";; fair) a="fair 2048";; *) a="";; esac; \
 	  if [ -n "$$uv" ] && [ -n "$$a" ]; then printf 'libuv: '; $$uv $$a | grep '^RESULT'; fi; \
 	done; \
