@@ -205,9 +205,11 @@ KX_API int SA_GetUserDataInfoEx(const tagUserDataInfoPara *pInParam, int _iInPar
     }
     // A shorter record counts as zeros behind its end.
     tagUserDataInfoPara in;
-    memset(&in, 0, sizeof(in));
-    if (_iInParamSize > 0) {
-        memcpy(&in, pInParam, (size_t)_iInParamSize < sizeof(in) ? (size_t)_iInParamSize : sizeof(in));
+    if (_iInParamSize >= (int)sizeof(in)) {
+        in = *pInParam;  // the whole record in fixed moves
+    } else {
+        memset(&in, 0, sizeof(in));
+        if (_iInParamSize > 0) memcpy(&in, pInParam, (size_t)_iInParamSize);
     }
     if (in.iFrameLen <= 0) {
         KX_LOG_ERR("_iFrameLen <= 0");

@@ -25,14 +25,6 @@ namespace {
 // The three bytes whose 03 is no part of the data.
 const uint8_t s_ucNeedToRevert[3] = {0x00, 0x00, 0x03};
 
-#if defined(__SSE2__)
-// Sixteen bytes from src to dst, at any alignment.
-inline void copy16(uint8_t *dst, const uint8_t *src) {
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst),
-                     _mm_loadu_si128(reinterpret_cast<const __m128i *>(src)));
-}
-#endif
-
 // Start patterns: an SEI NAL unit (H.264 type 6, H.265 prefix SEI type 39) of payload type F0 (old) or F1.
 const char s_acH264Old[6] = {0x00, 0x00, 0x00, 0x01, 0x06, (char)0xF0};
 const char s_acH264New[6] = {0x00, 0x00, 0x00, 0x01, 0x06, (char)0xF1};
@@ -114,61 +106,15 @@ int ud_read_size_run(const uint8_t *p, int avail, int max_bytes, int *consumed) 
     return sum;
 }
 
-int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit, int room) {
-    const int stated = *size;
-    int n = stated;
-    if (n <= 0) return 0;
-    if (n > src_len) return -1;
-    if (limit < 0) limit = 0;
-    // Without room, reads stay inside the container too (src_len may only be a caller's promise).
-    const bool exact = room < 0;
-    if (exact || room > limit) room = limit < stated ? limit : stated;
-    // One pass that copies as it reads. A 00 00 03 counts from the read position of the last removal on,
-    // so the zeros in front of a removed 03 never count again; each removal makes the source one byte
-    // longer (n), and the search runs over the grown size.
-    int r = 0, w = 0;
+namespace {
+
+// The removal byte by byte: for a target smaller than the stated size (once a 00 00 03 would begin
+// beyond the target, the rest is copied as it stands, and nothing is written behind limit), for a source
+// that may not be read beyond the container, and on hosts without SSE2.
+int revert_bytewise(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit) {
+    int n = *size, r = 0, w = 0;
     int zeros = 0;  // zero bytes in a row in front of r, since the last removal
-#if defined(__SSE2__)
-    // Sixteen bytes at a time: a block is copied whole, and behind each 00 00 03 in it the rest of the
-    // block is copied again one place further down. Loads stay inside src_len and stores inside room;
-    // bytes copied from beyond the container land behind what the whole copy leaves, in the scratch
-    // that room allows. A block runs to 32 bytes when it holds a 00 00 03; where that doesn't fit, and
-    // for the last bytes, the byte loop below goes on.
-    const __m128i zero = _mm_setzero_si128(), three = _mm_set1_epi8(3);
-    unsigned zprev = 0;  // zero bytes of the block before r (bit i: byte i), those up to a removed 03 cleared
-    while (r < n && r + 16 <= (exact ? n : src_len) && w + 16 <= room) {
-        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + r));
-        const unsigned z = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero));
-        const unsigned t = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, three));
-        unsigned m = t & ((z << 1) | (zprev >> 15)) & ((z << 2) | (zprev >> 14)) & 0xFFFF;
-        if (r + 16 > n) {
-            // The container ends inside this block: done here when no 00 00 03 lies before its end.
-            if ((m & ((1u << (n - r)) - 1)) != 0) break;
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + w), v);
-            w += n - r, r = n;
-            break;
-        }
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + w), v);
-        if (m == 0) {
-            r += 16, w += 16, zprev = z;
-            continue;
-        }
-        unsigned c = m - ((m >> 1) & 0x5555);  // bits set in m, without a branch
-        c = (c & 0x3333) + ((c >> 2) & 0x3333);
-        c = (c + (c >> 4)) & 0x0F0F;
-        const int count = (int)((c + (c >> 8)) & 0x1F);
-        if (r + 32 > (exact ? n : src_len) || w + 32 > room || n + count > src_len) break;
-        const int last = 31 - __builtin_clz(m);
-        zprev = z & ~((2u << last) - 1);
-        for (int dropped = 1; m != 0; m &= m - 1, dropped++) {
-            const int k = __builtin_ctz(m);
-            copy16(dst + w + k + 1 - dropped, src + r + k + 1);
-        }
-        r += 16, w += 16 - count, n += count;
-    }
-    zeros = (zprev >> 15) ? ((zprev >> 14) & 1) + 1 : 0;
-#endif
-    bool removing = true;  // false once a 00 00 03 would begin beyond the target: the rest is copied as is
+    bool removing = true;
     while (r < n) {
         const uint8_t b = src[r];
         if (b == s_ucNeedToRevert[2] && zeros >= 2 && removing) {
@@ -191,6 +137,90 @@ int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limi
     return 0;
 }
 
+#if defined(__SSE2__)
+// Sixteen bytes from src to dst, at any alignment.
+inline void copy16(uint8_t *dst, const uint8_t *src) {
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst), _mm_loadu_si128(reinterpret_cast<const __m128i *>(src)));
+}
+
+// Bit i set where byte i of the 64 bytes at p equals the byte in every lane of ref.
+inline uint64_t match_bits64(const uint8_t *p, __m128i ref) {
+    uint64_t bits = 0;
+    for (int i = 0; i < 4; i++) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 16 * i));
+        bits |= (uint64_t)(unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, ref)) << (16 * i);
+    }
+    return bits;
+}
+
+// The removal with the source known to hold src_len readable bytes and the target room bytes. The
+// 00 00 03 triples are found 64 source bytes at a time, and the runs between their 03 bytes are copied
+// 32 bytes at a time, the last piece reaching behind the run where the source and room allow. Every
+// 03 of a triple in the source goes: the 03 of one triple is no zero, so no zero of a later triple lies
+// in front of it. It lands at its source position minus the bytes removed before it, and is removed
+// while that lies inside the stated size, that is while its source position lies below the grown size
+// n; each removal makes the source one byte longer.
+int revert_blocks(const uint8_t *src, int src_len, uint8_t *dst, int *size, int room) {
+    int n = *size, r = 0, w = 0;  // grown size; next source byte to copy; bytes written
+    uint64_t zeros_before = 0;    // zero bytes of the block before, for a triple across the border
+    const __m128i zero = _mm_setzero_si128(), three = _mm_set1_epi8(3);
+    for (int c = 0; c < n; c += 64) {
+        const uint8_t *block = src + c;
+        uint8_t tail[64];
+        if (src_len - c < 64) {
+            memset(tail, 0, sizeof(tail));  // zeros behind the end hold no 03
+            memcpy(tail, block, (size_t)(src_len - c));
+            block = tail;
+        }
+        const uint64_t z = match_bits64(block, zero);
+        uint64_t m = match_bits64(block, three) & (z << 1 | zeros_before >> 63) & (z << 2 | zeros_before >> 62);
+        zeros_before = z;
+        for (; m != 0; m &= m - 1) {
+            const int p = c + __builtin_ctzll(m);
+            if (p >= n) goto done;  // the target is full in front of this 03
+            const int len = p - r;
+            if (len + 32 <= src_len - r && len + 32 <= room - w) {
+                copy16(dst + w, src + r);
+                copy16(dst + w + 16, src + r + 16);
+                for (int i = 32; i < len; i += 16) copy16(dst + w + i, src + r + i);
+            } else {
+                memcpy(dst + w, src + r, (size_t)len);
+            }
+            w += len, r = p + 1;
+            if (n >= src_len) {
+                *size = n;
+                return -1;
+            }
+            n++;
+        }
+    }
+done:
+    memcpy(dst + w, src + r, (size_t)(n - r));
+    *size = n;
+    return 0;
+}
+#endif
+
+}  // namespace
+
+int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit, int room) {
+    const int stated = *size;
+    if (stated <= 0) return 0;
+    if (stated > src_len) return -1;
+    if (limit < 0) limit = 0;
+#if defined(__SSE2__)
+    // Without room, reads stay inside the container (src_len may only be a caller's promise) and writes
+    // inside the stated size: the byte loop does that.
+    if (stated <= limit && room >= 0) {
+        if (room > limit) room = stated;
+        return revert_blocks(src, src_len, dst, size, room);
+    }
+#else
+    (void)room;
+#endif
+    return revert_bytewise(src, src_len, dst, size, limit);
+}
+
 bool ud_read_block_head(const uint8_t *container, int container_len, int pos, TUserDataBlockHead *head) {
     if (container == nullptr || head == nullptr || pos < 0 || pos > container_len - KX_UD_BLOCK_HEAD_LEN) {
         return false;
@@ -198,6 +228,10 @@ bool ud_read_block_head(const uint8_t *container, int container_len, int pos, TU
     head->usType = kx_rd16le(container + pos);
     head->usLen = kx_rd16le(container + pos + 2);
     return true;
+}
+
+void ud_copy(void *dst, const void *src, int n) {
+    if (n > 0) memcpy(dst, src, (size_t)n);
 }
 
 void ud_copy_padded(void *dst, int dst_len, const void *src, int src_len) {

@@ -141,6 +141,11 @@ int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limi
 // fit; the caller still has to check that pos + 4 + usLen stays inside its limit.
 bool ud_read_block_head(const uint8_t *container, int container_len, int pos, TUserDataBlockHead *head);
 
+// memcpy of n bytes (0 or more) of a payload into a record, through the C library's memcpy. Where the
+// compiler sees a bound on n (a record's size) it would otherwise inline the copy as `rep movs`, whose
+// start-up costs more than a whole copy of a few hundred bytes.
+void ud_copy(void *dst, const void *src, int n);
+
 // Copies dst_len bytes to dst; source bytes beyond src_len read as zeros. Nothing for dst_len <= 0.
 void ud_copy_padded(void *dst, int dst_len, const void *src, int src_len);
 
