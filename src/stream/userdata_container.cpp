@@ -4,8 +4,8 @@
 #include <stddef.h>
 #include <string.h>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
+#if (defined(__x86_64__) || defined(__i386__)) && (defined(__GNUC__) || defined(__clang__))
+#include <tmmintrin.h>
 #endif
 
 #include "log/log_internal.h"
@@ -66,17 +66,25 @@ int GetUserDataFlag(int _iType) {
     return KX_BLK_ABS_TIME;  // 20 to 46 and anything else: a query for absolute time
 }
 
-int GetUserDataFlag(int iEncode, char *pcOldFlag, char *pcNewFlag) {
-    const char *old_flag;
-    const char *new_flag;
+int ud_patterns(int iEncode, const uint8_t **old_flag, const uint8_t **new_flag) {
+    const char *o, *n;
     int len;
     if (iEncode == KX_ENCODE_H264 || iEncode == KX_ENCODE_H264_ALT) {
-        old_flag = s_acH264Old, new_flag = s_acH264New, len = 6;
+        o = s_acH264Old, n = s_acH264New, len = 6;
     } else if (iEncode == KX_ENCODE_H265) {
-        old_flag = s_acH265Old, new_flag = s_acH265New, len = 7;
+        o = s_acH265Old, n = s_acH265New, len = 7;
     } else {
         return 0;
     }
+    if (old_flag != nullptr) *old_flag = reinterpret_cast<const uint8_t *>(o);
+    if (new_flag != nullptr) *new_flag = reinterpret_cast<const uint8_t *>(n);
+    return len;
+}
+
+int GetUserDataFlag(int iEncode, char *pcOldFlag, char *pcNewFlag) {
+    const uint8_t *old_flag, *new_flag;
+    const int len = ud_patterns(iEncode, &old_flag, &new_flag);
+    if (len == 0) return 0;
     if (pcOldFlag != nullptr) memcpy(pcOldFlag, old_flag, (size_t)len);
     if (pcNewFlag != nullptr) memcpy(pcNewFlag, new_flag, (size_t)len);
     return len;
@@ -110,7 +118,7 @@ namespace {
 
 // The removal byte by byte: for a target smaller than the stated size (once a 00 00 03 would begin
 // beyond the target, the rest is copied as it stands, and nothing is written behind limit), for a source
-// that may not be read beyond the container, and on hosts without SSE2.
+// that may not be read beyond the container, and on processors without SSSE3.
 int revert_bytewise(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit) {
     int n = *size, r = 0, w = 0;
     int zeros = 0;  // zero bytes in a row in front of r, since the last removal
@@ -137,65 +145,86 @@ int revert_bytewise(const uint8_t *src, int src_len, uint8_t *dst, int *size, in
     return 0;
 }
 
-#if defined(__SSE2__)
-// Sixteen bytes from src to dst, at any alignment.
-inline void copy16(uint8_t *dst, const uint8_t *src) {
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst), _mm_loadu_si128(reinterpret_cast<const __m128i *>(src)));
-}
-
-// Bit i set where byte i of the 64 bytes at p equals the byte in every lane of ref.
-inline uint64_t match_bits64(const uint8_t *p, __m128i ref) {
-    uint64_t bits = 0;
-    for (int i = 0; i < 4; i++) {
-        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + 16 * i));
-        bits |= (uint64_t)(unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, ref)) << (16 * i);
+#if (defined(__x86_64__) || defined(__i386__)) && (defined(__GNUC__) || defined(__clang__))
+#define KX_UD_REVERT_SSSE3 1
+// Compaction of 8 bytes: for each mask of bytes to drop, the positions of the bytes that stay, in order,
+// then 0x80 (a zero byte); and how many stay.
+struct CompactTable {
+    alignas(8) uint8_t keep_at[256][8];
+    uint8_t kept[256];
+};
+constexpr CompactTable make_compact_table() {
+    CompactTable t{};
+    for (int m = 0; m < 256; m++) {
+        int k = 0;
+        for (int i = 0; i < 8; i++)
+            if (((m >> i) & 1) == 0) t.keep_at[m][k++] = (uint8_t)i;
+        t.kept[m] = (uint8_t)k;
+        for (; k < 8; k++) t.keep_at[m][k] = 0x80;
     }
-    return bits;
+    return t;
 }
+constexpr CompactTable s_tCompact = make_compact_table();
 
-// The removal with the source known to hold src_len readable bytes and the target room bytes. The
-// 00 00 03 triples are found 64 source bytes at a time, and the runs between their 03 bytes are copied
-// 32 bytes at a time, the last piece reaching behind the run where the source and room allow. Every
+// The removal with the source known to hold src_len readable bytes and the target room bytes, sixteen
+// source bytes at a time and without a branch on what they hold: the 03 bytes that end a 00 00 03 are
+// found at once, each half of the chunk is closed up over them by one byte shuffle, and the halves are
+// stored one behind the other, reaching up to 15 bytes behind the stated size where room allows. Every
 // 03 of a triple in the source goes: the 03 of one triple is no zero, so no zero of a later triple lies
 // in front of it. It lands at its source position minus the bytes removed before it, and is removed
-// while that lies inside the stated size, that is while its source position lies below the grown size
-// n; each removal makes the source one byte longer.
-int revert_blocks(const uint8_t *src, int src_len, uint8_t *dst, int *size, int room) {
-    int n = *size, r = 0, w = 0;  // grown size; next source byte to copy; bytes written
-    uint64_t zeros_before = 0;    // zero bytes of the block before, for a triple across the border
+// while that lies inside the stated size; each removal makes the source one byte longer (n).
+__attribute__((target("ssse3"))) int revert_chunks(const uint8_t *src, int src_len, uint8_t *dst, int *size,
+                                                   int room) {
+    const int stated = *size;
+    int n = stated, w = 0;
+    unsigned carry = 0;  // bit 1: the byte in front of the chunk is zero; bit 0: the one before that
     const __m128i zero = _mm_setzero_si128(), three = _mm_set1_epi8(3);
-    for (int c = 0; c < n; c += 64) {
-        const uint8_t *block = src + c;
-        uint8_t tail[64];
-        if (src_len - c < 64) {
-            memset(tail, 0, sizeof(tail));  // zeros behind the end hold no 03
-            memcpy(tail, block, (size_t)(src_len - c));
-            block = tail;
+    for (int c = 0; c < n; c += 16) {
+        __m128i v;
+        if (src_len - c >= 16) {
+            v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + c));
+        } else {
+            alignas(16) uint8_t tail[16] = {0};  // zeros behind the end hold no 03
+            memcpy(tail, src + c, (size_t)(src_len - c));
+            v = _mm_load_si128(reinterpret_cast<const __m128i *>(tail));
         }
-        const uint64_t z = match_bits64(block, zero);
-        uint64_t m = match_bits64(block, three) & (z << 1 | zeros_before >> 63) & (z << 2 | zeros_before >> 62);
-        zeros_before = z;
-        for (; m != 0; m &= m - 1) {
-            const int p = c + __builtin_ctzll(m);
-            if (p >= n) goto done;  // the target is full in front of this 03
-            const int len = p - r;
-            if (len + 32 <= src_len - r && len + 32 <= room - w) {
-                copy16(dst + w, src + r);
-                copy16(dst + w + 16, src + r + 16);
-                for (int i = 32; i < len; i += 16) copy16(dst + w + i, src + r + i);
-            } else {
-                memcpy(dst + w, src + r, (size_t)len);
+        const unsigned z = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero)) << 2 | carry;  // bit i + 2: byte i
+        unsigned m = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, three)) & (z >> 1) & z;
+        carry = z >> 16;
+        if (w + 16 > stated) {
+            // The target may fill up inside this chunk: only the 03 bytes in front of its end go.
+            unsigned keep = 0;
+            int d = 0;
+            for (unsigned rest = m; rest != 0; rest &= rest - 1, d++) {
+                if (w + __builtin_ctz(rest) - d >= stated) break;
+                keep |= rest & (0u - rest);
             }
-            w += len, r = p + 1;
-            if (n >= src_len) {
-                *size = n;
-                return -1;
-            }
-            n++;
+            m = keep;
         }
+        const int kept_low = s_tCompact.kept[m & 0xFF], kept_high = s_tCompact.kept[m >> 8];
+        const int removed = 16 - kept_low - kept_high;
+        if (removed > src_len - n) {
+            // The container runs past the source: the removal that needed byte src_len fails.
+            *size = src_len;
+            return -1;
+        }
+        n += removed;
+        const __m128i low = _mm_shuffle_epi8(
+            v, _mm_loadl_epi64(reinterpret_cast<const __m128i *>(s_tCompact.keep_at[m & 0xFF])));
+        const __m128i high = _mm_shuffle_epi8(
+            _mm_srli_si128(v, 8), _mm_loadl_epi64(reinterpret_cast<const __m128i *>(s_tCompact.keep_at[m >> 8])));
+        if (w + 16 <= room) {
+            _mm_storel_epi64(reinterpret_cast<__m128i *>(dst + w), low);
+            _mm_storel_epi64(reinterpret_cast<__m128i *>(dst + w + kept_low), high);
+        } else {
+            alignas(16) uint8_t chunk[16];
+            _mm_storel_epi64(reinterpret_cast<__m128i *>(chunk), low);
+            _mm_storel_epi64(reinterpret_cast<__m128i *>(chunk + kept_low), high);
+            const int out = kept_low + kept_high;
+            memcpy(dst + w, chunk, (size_t)(out < stated - w ? out : stated - w));
+        }
+        w += kept_low + kept_high;
     }
-done:
-    memcpy(dst + w, src + r, (size_t)(n - r));
     *size = n;
     return 0;
 }
@@ -208,26 +237,17 @@ int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limi
     if (stated <= 0) return 0;
     if (stated > src_len) return -1;
     if (limit < 0) limit = 0;
-#if defined(__SSE2__)
+#if defined(KX_UD_REVERT_SSSE3)
     // Without room, reads stay inside the container (src_len may only be a caller's promise) and writes
-    // inside the stated size: the byte loop does that.
-    if (stated <= limit && room >= 0) {
+    // inside the stated size: the byte loop does that, and serves processors without SSSE3.
+    if (stated <= limit && room >= 0 && __builtin_cpu_supports("ssse3")) {
         if (room > limit) room = stated;
-        return revert_blocks(src, src_len, dst, size, room);
+        return revert_chunks(src, src_len, dst, size, room);
     }
 #else
     (void)room;
 #endif
     return revert_bytewise(src, src_len, dst, size, limit);
-}
-
-bool ud_read_block_head(const uint8_t *container, int container_len, int pos, TUserDataBlockHead *head) {
-    if (container == nullptr || head == nullptr || pos < 0 || pos > container_len - KX_UD_BLOCK_HEAD_LEN) {
-        return false;
-    }
-    head->usType = kx_rd16le(container + pos);
-    head->usLen = kx_rd16le(container + pos + 2);
-    return true;
 }
 
 void ud_copy(void *dst, const void *src, int n) {

@@ -44,6 +44,7 @@ inline int non_negative(int len) {
 
 // Reads up to 4 bytes little-endian; missing high bytes count as zero.
 uint32_t read_u32_padded(const void *p, int len) {
+    if (len >= 4) return kx_rd32le(p);
     uint8_t b[4];
     ud_copy_padded(b, 4, p, len);
     return kx_rd32le(b);

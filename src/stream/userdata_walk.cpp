@@ -23,15 +23,6 @@ bool ud_load_container(const uint8_t *src, int src_len, uint8_t *work, int *size
     return true;
 }
 
-const uint8_t *ud_next_block(const uint8_t *work, int limit, int *pos, TUserDataBlockHead *head) {
-    if (limit > KX_UD_NEW_MAX) limit = KX_UD_NEW_MAX;
-    if (!ud_read_block_head(work, limit, *pos, head)) return nullptr;
-    const int payload = *pos + KX_UD_BLOCK_HEAD_LEN;
-    if (payload + head->usLen > limit) return nullptr;
-    *pos = payload + head->usLen;
-    return work + payload;
-}
-
 bool ud_mask_takes(const _tagInnerFramePara *para, int usType) {
     return para->iFlag == KX_UD_FLAG_ALL || para->iTypeMask <= 0 ||
            GetUDTypeByFlag(para->iTypeMask, usType) != 0;
