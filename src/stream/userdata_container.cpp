@@ -166,64 +166,74 @@ constexpr CompactTable make_compact_table() {
 }
 constexpr CompactTable s_tCompact = make_compact_table();
 
-// The removal with the source known to hold src_len readable bytes and the target room bytes, sixteen
-// source bytes at a time and without a branch on what they hold: the 03 bytes that end a 00 00 03 are
-// found at once, each half of the chunk is closed up over them by one byte shuffle, and the halves are
-// stored one behind the other, reaching up to 15 bytes behind the stated size where room allows. Every
+// The removal with the source known to hold src_len readable bytes, sixteen source bytes at a time and
+// without a branch on what they hold: the 03 bytes that end a 00 00 03 are found at once, each half of
+// the chunk is closed up over them by one byte shuffle, and the halves are stored one behind the other;
+// nothing is written behind the stated size. Every
 // 03 of a triple in the source goes: the 03 of one triple is no zero, so no zero of a later triple lies
 // in front of it. It lands at its source position minus the bytes removed before it, and is removed
 // while that lies inside the stated size; each removal makes the source one byte longer (n).
-__attribute__((target("ssse3"))) int revert_chunks(const uint8_t *src, int src_len, uint8_t *dst, int *size,
-                                                   int room) {
+// One chunk of sixteen source bytes: drops the bytes of mask m (bit i: byte i) and stores what stays of
+// each half behind the other at dst, 16 bytes in all. Gives the bytes that stay.
+__attribute__((target("ssse3"))) inline int close_up(__m128i v, unsigned m, uint8_t *dst) {
+    const int kept_low = s_tCompact.kept[m & 0xFF];
+    const __m128i low =
+        _mm_shuffle_epi8(v, _mm_loadl_epi64(reinterpret_cast<const __m128i *>(s_tCompact.keep_at[m & 0xFF])));
+    const __m128i high = _mm_shuffle_epi8(
+        _mm_srli_si128(v, 8), _mm_loadl_epi64(reinterpret_cast<const __m128i *>(s_tCompact.keep_at[m >> 8])));
+    _mm_storel_epi64(reinterpret_cast<__m128i *>(dst), low);
+    _mm_storel_epi64(reinterpret_cast<__m128i *>(dst + kept_low), high);
+    return kept_low + s_tCompact.kept[m >> 8];
+}
+
+// The removal with the source known to hold src_len readable bytes, sixteen source bytes at a time and
+// without a branch on what they hold: the 03 bytes that end a 00 00 03 are found at once, each half of
+// the chunk is closed up over them by one byte shuffle, and the halves are stored one behind the other;
+// nothing is written behind the stated size. Every
+// 03 of a triple in the source goes: the 03 of one triple is no zero, so no zero of a later triple lies
+// in front of it. It lands at its source position minus the bytes removed before it, and is removed
+// while that lies inside the stated size; each removal makes the source one byte longer (n).
+__attribute__((target("ssse3"))) int revert_chunks(const uint8_t *src, int src_len, uint8_t *dst, int *size) {
     const int stated = *size;
-    int n = stated, w = 0;
+    int n = stated, w = 0, c = 0;
     unsigned carry = 0;  // bit 1: the byte in front of the chunk is zero; bit 0: the one before that
     const __m128i zero = _mm_setzero_si128(), three = _mm_set1_epi8(3);
-    for (int c = 0; c < n; c += 16) {
-        __m128i v;
-        if (src_len - c >= 16) {
-            v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + c));
-        } else {
-            alignas(16) uint8_t tail[16] = {0};  // zeros behind the end hold no 03
-            memcpy(tail, src + c, (size_t)(src_len - c));
-            v = _mm_load_si128(reinterpret_cast<const __m128i *>(tail));
-        }
+    // Whole chunks inside both the source and the container: their 16 stored bytes stay inside the
+    // stated size (w + 16 <= stated, as w is c minus the bytes removed), and every 03 of them goes.
+    // Were the source to end inside the container, n runs past src_len and stays there: that is
+    // answered behind the loop.
+    for (; c + 16 <= n && c <= src_len - 16; c += 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + c));
         const unsigned z = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero)) << 2 | carry;  // bit i + 2: byte i
+        const unsigned m = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, three)) & (z >> 1) & z;
+        carry = z >> 16;
+        const int kept = close_up(v, m, dst + w);
+        w += kept, n += 16 - kept;
+    }
+    // The last bytes, one chunk at a time.
+    for (; c < n && n <= src_len; c += 16) {
+        alignas(16) uint8_t chunk[16] = {0};  // zeros behind the end hold no 03
+        ud_copy(chunk, src + c, src_len - c < 16 ? src_len - c : 16);
+        const __m128i v = _mm_load_si128(reinterpret_cast<const __m128i *>(chunk));
+        const unsigned z = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero)) << 2 | carry;
         unsigned m = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, three)) & (z >> 1) & z;
         carry = z >> 16;
-        if (w + 16 > stated) {
-            // The target may fill up inside this chunk: only the 03 bytes in front of its end go.
-            unsigned keep = 0;
-            int d = 0;
-            for (unsigned rest = m; rest != 0; rest &= rest - 1, d++) {
-                if (w + __builtin_ctz(rest) - d >= stated) break;
-                keep |= rest & (0u - rest);
-            }
-            m = keep;
+        // The target may fill up inside this chunk: only the 03 bytes in front of its end go.
+        unsigned keep = 0;
+        int d = 0;
+        for (unsigned rest = m; rest != 0; rest &= rest - 1, d++) {
+            if (w + __builtin_ctz(rest) - d >= stated) break;
+            keep |= rest & (0u - rest);
         }
-        const int kept_low = s_tCompact.kept[m & 0xFF], kept_high = s_tCompact.kept[m >> 8];
-        const int removed = 16 - kept_low - kept_high;
-        if (removed > src_len - n) {
-            // The container runs past the source: the removal that needed byte src_len fails.
-            *size = src_len;
-            return -1;
-        }
-        n += removed;
-        const __m128i low = _mm_shuffle_epi8(
-            v, _mm_loadl_epi64(reinterpret_cast<const __m128i *>(s_tCompact.keep_at[m & 0xFF])));
-        const __m128i high = _mm_shuffle_epi8(
-            _mm_srli_si128(v, 8), _mm_loadl_epi64(reinterpret_cast<const __m128i *>(s_tCompact.keep_at[m >> 8])));
-        if (w + 16 <= room) {
-            _mm_storel_epi64(reinterpret_cast<__m128i *>(dst + w), low);
-            _mm_storel_epi64(reinterpret_cast<__m128i *>(dst + w + kept_low), high);
-        } else {
-            alignas(16) uint8_t chunk[16];
-            _mm_storel_epi64(reinterpret_cast<__m128i *>(chunk), low);
-            _mm_storel_epi64(reinterpret_cast<__m128i *>(chunk + kept_low), high);
-            const int out = kept_low + kept_high;
-            memcpy(dst + w, chunk, (size_t)(out < stated - w ? out : stated - w));
-        }
-        w += kept_low + kept_high;
+        m = keep;
+        const int kept = close_up(v, m, chunk);
+        ud_copy(dst + w, chunk, kept < stated - w ? kept : stated - w);
+        w += kept, n += 16 - kept;
+    }
+    if (n > src_len) {
+        // The container runs past the source: the removal that needed byte src_len fails.
+        *size = src_len;
+        return -1;
     }
     *size = n;
     return 0;
@@ -241,17 +251,12 @@ int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limi
     // Without room, reads stay inside the container (src_len may only be a caller's promise) and writes
     // inside the stated size: the byte loop does that, and serves processors without SSSE3.
     if (stated <= limit && room >= 0 && __builtin_cpu_supports("ssse3")) {
-        if (room > limit) room = stated;
-        return revert_chunks(src, src_len, dst, size, room);
+        return revert_chunks(src, src_len, dst, size);
     }
 #else
     (void)room;
 #endif
     return revert_bytewise(src, src_len, dst, size, limit);
-}
-
-void ud_copy(void *dst, const void *src, int n) {
-    if (n > 0) memcpy(dst, src, (size_t)n);
 }
 
 void ud_copy_padded(void *dst, int dst_len, const void *src, int src_len) {

@@ -6,6 +6,12 @@
 #include "stream/frame_header.h"
 #include "stream/userdata_internal.h"
 
+// Kept out of line from the callers (and out of their file): inside them the compiler would see their
+// bound on n and copy with `rep movs`.
+void ud_copy(void *dst, const void *src, int n) {
+    if (n > 0) memcpy(dst, src, (size_t)n);
+}
+
 uint32_t ud_frame_no(const _tagInnerFramePara *para) {
     return (para != nullptr && para->ptFrmHeader != nullptr) ? fh_frame_no(para->ptFrmHeader) : 0;
 }
