@@ -166,10 +166,15 @@ constexpr CompactTable make_compact_table() {
 }
 constexpr CompactTable s_tCompact = make_compact_table();
 
+// Shuffle indices that move a chunk down by s bytes, zeros behind: the sixteen bytes from s_aucSlide + s.
+constexpr uint8_t s_aucSlide[32] = {0,    1,    2,    3,    4,    5,    6,    7,    8,    9,    10,
+                                    11,   12,   13,   14,   15,   0x80, 0x80, 0x80, 0x80, 0x80, 0x80,
+                                    0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80};
+
 // The removal with the source known to hold src_len readable bytes, sixteen source bytes at a time and
 // without a branch on what they hold: the 03 bytes that end a 00 00 03 are found at once, each half of
-// the chunk is closed up over them by one byte shuffle, and the halves are stored one behind the other;
-// nothing is written behind the stated size. Every
+// the chunk is closed up over them by one byte shuffle, and the halves are stored one behind the other,
+// the last ones reaching up to 15 bytes behind the stated size where room allows. Every
 // 03 of a triple in the source goes: the 03 of one triple is no zero, so no zero of a later triple lies
 // in front of it. It lands at its source position minus the bytes removed before it, and is removed
 // while that lies inside the stated size; each removal makes the source one byte longer (n).
@@ -188,12 +193,13 @@ __attribute__((target("ssse3"))) inline int close_up(__m128i v, unsigned m, uint
 
 // The removal with the source known to hold src_len readable bytes, sixteen source bytes at a time and
 // without a branch on what they hold: the 03 bytes that end a 00 00 03 are found at once, each half of
-// the chunk is closed up over them by one byte shuffle, and the halves are stored one behind the other;
-// nothing is written behind the stated size. Every
+// the chunk is closed up over them by one byte shuffle, and the halves are stored one behind the other,
+// the last ones reaching up to 15 bytes behind the stated size where room allows. Every
 // 03 of a triple in the source goes: the 03 of one triple is no zero, so no zero of a later triple lies
 // in front of it. It lands at its source position minus the bytes removed before it, and is removed
 // while that lies inside the stated size; each removal makes the source one byte longer (n).
-__attribute__((target("ssse3"))) int revert_chunks(const uint8_t *src, int src_len, uint8_t *dst, int *size) {
+__attribute__((target("ssse3"))) int revert_chunks(const uint8_t *src, int src_len, uint8_t *dst, int *size,
+                                                   int room) {
     const int stated = *size;
     int n = stated, w = 0, c = 0;
     unsigned carry = 0;  // bit 1: the byte in front of the chunk is zero; bit 0: the one before that
@@ -213,8 +219,17 @@ __attribute__((target("ssse3"))) int revert_chunks(const uint8_t *src, int src_l
     // The last bytes, one chunk at a time.
     for (; c < n && n <= src_len; c += 16) {
         alignas(16) uint8_t chunk[16] = {0};  // zeros behind the end hold no 03
-        ud_copy(chunk, src + c, src_len - c < 16 ? src_len - c : 16);
-        const __m128i v = _mm_load_si128(reinterpret_cast<const __m128i *>(chunk));
+        __m128i v;
+        if (src_len - c >= 16) {
+            v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + c));
+        } else if (src_len >= 16) {
+            // The sixteen bytes that end the source, moved down to the chunk's start.
+            v = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(src + src_len - 16)),
+                                 _mm_loadu_si128(reinterpret_cast<const __m128i *>(s_aucSlide + 16 - (src_len - c))));
+        } else {
+            ud_copy(chunk, src + c, src_len - c);
+            v = _mm_load_si128(reinterpret_cast<const __m128i *>(chunk));
+        }
         const unsigned z = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero)) << 2 | carry;
         unsigned m = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, three)) & (z >> 1) & z;
         carry = z >> 16;
@@ -226,8 +241,13 @@ __attribute__((target("ssse3"))) int revert_chunks(const uint8_t *src, int src_l
             keep |= rest & (0u - rest);
         }
         m = keep;
-        const int kept = close_up(v, m, chunk);
-        ud_copy(dst + w, chunk, kept < stated - w ? kept : stated - w);
+        int kept;
+        if (w + 16 <= room) {
+            kept = close_up(v, m, dst + w);
+        } else {
+            kept = close_up(v, m, chunk);
+            ud_copy(dst + w, chunk, kept < stated - w ? kept : stated - w);
+        }
         w += kept, n += 16 - kept;
     }
     if (n > src_len) {
@@ -251,7 +271,7 @@ int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limi
     // Without room, reads stay inside the container (src_len may only be a caller's promise) and writes
     // inside the stated size: the byte loop does that, and serves processors without SSSE3.
     if (stated <= limit && room >= 0 && __builtin_cpu_supports("ssse3")) {
-        return revert_chunks(src, src_len, dst, size);
+        return revert_chunks(src, src_len, dst, size, room > limit ? stated : room);
     }
 #else
     (void)room;
