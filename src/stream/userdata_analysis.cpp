@@ -123,8 +123,7 @@ KX_API int InnerAnalyzeUserData(const _tagInnerFramePara *_pInParam, tagUserData
     // The data must begin with one of the two patterns.
     if (len < plen) return -105;
     if (!ud_is_pattern(data, old_pattern, plen)) {
-        if (ud_is_pattern(data, new_pattern, plen))
-            return InnerAnalyzeNewUserData(para, 0, _pOut, _iOutSize);
+        if (ud_is_pattern(data, new_pattern, plen)) return InnerAnalyzeNewUserData(para, 0, _pOut, _iOutSize);
         return -105;
     }
 

@@ -171,13 +171,6 @@ constexpr uint8_t s_aucSlide[32] = {0,    1,    2,    3,    4,    5,    6,    7,
                                     11,   12,   13,   14,   15,   0x80, 0x80, 0x80, 0x80, 0x80, 0x80,
                                     0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80};
 
-// The removal with the source known to hold src_len readable bytes, sixteen source bytes at a time and
-// without a branch on what they hold: the 03 bytes that end a 00 00 03 are found at once, each half of
-// the chunk is closed up over them by one byte shuffle, and the halves are stored one behind the other,
-// the last ones reaching up to 15 bytes behind the stated size where room allows. Every
-// 03 of a triple in the source goes: the 03 of one triple is no zero, so no zero of a later triple lies
-// in front of it. It lands at its source position minus the bytes removed before it, and is removed
-// while that lies inside the stated size; each removal makes the source one byte longer (n).
 // One chunk of sixteen source bytes: drops the bytes of mask m (bit i: byte i) and stores what stays of
 // each half behind the other at dst, 16 bytes in all. Gives the bytes that stay.
 __attribute__((target("ssse3"))) inline int close_up(__m128i v, unsigned m, uint8_t *dst) {
@@ -194,10 +187,10 @@ __attribute__((target("ssse3"))) inline int close_up(__m128i v, unsigned m, uint
 // The removal with the source known to hold src_len readable bytes, sixteen source bytes at a time and
 // without a branch on what they hold: the 03 bytes that end a 00 00 03 are found at once, each half of
 // the chunk is closed up over them by one byte shuffle, and the halves are stored one behind the other,
-// the last ones reaching up to 15 bytes behind the stated size where room allows. Every
-// 03 of a triple in the source goes: the 03 of one triple is no zero, so no zero of a later triple lies
-// in front of it. It lands at its source position minus the bytes removed before it, and is removed
-// while that lies inside the stated size; each removal makes the source one byte longer (n).
+// the last ones reaching up to 15 bytes behind the stated size where room allows. Every 03 of a triple
+// in the source goes: the 03 of one triple is no zero, so no zero of a later triple lies in front of it.
+// It lands at its source position minus the bytes removed before it, and is removed while that lies
+// inside the stated size; each removal makes the source one byte longer (n).
 __attribute__((target("ssse3"))) int revert_chunks(const uint8_t *src, int src_len, uint8_t *dst, int *size,
                                                    int room) {
     const int stated = *size;
@@ -210,7 +203,8 @@ __attribute__((target("ssse3"))) int revert_chunks(const uint8_t *src, int src_l
     // answered behind the loop.
     for (; c + 16 <= n && c <= src_len - 16; c += 16) {
         const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + c));
-        const unsigned z = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero)) << 2 | carry;  // bit i + 2: byte i
+        const unsigned z =
+            (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero)) << 2 | carry;  // bit i + 2: byte i
         const unsigned m = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, three)) & (z >> 1) & z;
         carry = z >> 16;
         const int kept = close_up(v, m, dst + w);
@@ -224,8 +218,9 @@ __attribute__((target("ssse3"))) int revert_chunks(const uint8_t *src, int src_l
             v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + c));
         } else if (src_len >= 16) {
             // The sixteen bytes that end the source, moved down to the chunk's start.
-            v = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(src + src_len - 16)),
-                                 _mm_loadu_si128(reinterpret_cast<const __m128i *>(s_aucSlide + 16 - (src_len - c))));
+            v = _mm_shuffle_epi8(
+                _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + src_len - 16)),
+                _mm_loadu_si128(reinterpret_cast<const __m128i *>(s_aucSlide + 16 - (src_len - c))));
         } else {
             ud_copy(chunk, src + c, src_len - c);
             v = _mm_load_si128(reinterpret_cast<const __m128i *>(chunk));

@@ -159,7 +159,8 @@ int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limi
 
 // Reads the block head at pos of a container of container_len bytes. false when the head itself doesn't
 // fit; the caller still has to check that pos + 4 + usLen stays inside its limit.
-inline bool ud_read_block_head(const uint8_t *container, int container_len, int pos, TUserDataBlockHead *head) {
+inline bool ud_read_block_head(const uint8_t *container, int container_len, int pos,
+                               TUserDataBlockHead *head) {
     if (container == nullptr || head == nullptr || pos < 0 || pos > container_len - KX_UD_BLOCK_HEAD_LEN) {
         return false;
     }

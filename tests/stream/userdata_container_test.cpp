@@ -148,9 +148,11 @@ TEST(UserDataContainer, RevertMatchesTheRuleOnRandomContainers) {
         ASSERT_EQ(want_size, got_size) << "round " << round;
         if (want_rc != 0) continue;
         const int kept = stated < limit ? stated : limit;
-        ASSERT_EQ(Bytes(want.begin(), want.begin() + kept), Bytes(got.begin(), got.begin() + kept)) << "round " << round;
+        ASSERT_EQ(Bytes(want.begin(), want.begin() + kept), Bytes(got.begin(), got.begin() + kept))
+            << "round " << round;
         const int reach = room < 0 ? kept : room;
-        ASSERT_EQ(Bytes(got.size() - reach, 0xEE), Bytes(got.begin() + reach, got.end())) << "round " << round;
+        ASSERT_EQ(Bytes(got.size() - reach, 0xEE), Bytes(got.begin() + reach, got.end()))
+            << "round " << round;
     }
 }
 
