@@ -139,8 +139,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static uint8_t work[KX_UD_NEW_MAX];
     int stated = len ? src[0] * 41 : 0;
     ud_revert(src, len, work, &stated, sizeof(work), sizeof(work));
+    // The removal with room (sixteen bytes at a time) and without (byte by byte) must agree.
+    static uint8_t exact[KX_UD_NEW_MAX];
     stated = len;
-    ud_revert(src, len, work, &stated, sizeof(work), -1);
+    int stated_exact = len;
+    const int rc = ud_revert(src, len, work, &stated, sizeof(work), sizeof(work));
+    if (rc != ud_revert(src, len, exact, &stated_exact, sizeof(exact), -1) || stated != stated_exact ||
+        (rc == 0 && memcmp(work, exact, len < KX_UD_NEW_MAX ? len : KX_UD_NEW_MAX) != 0)) {
+        __builtin_trap();
+    }
     stated = len;
     ud_revert(src, len, work, &stated, 7, -1);
     int consumed;

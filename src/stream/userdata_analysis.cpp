@@ -111,8 +111,8 @@ KX_API int InnerAnalyzeUserData(const _tagInnerFramePara *_pInParam, tagUserData
     }
     const _tagInnerFramePara *para = _pInParam;
     if (para->iEncode == KX_ENCODE_NONE) return 0;
-    char old_pattern[KX_UD_PATTERN_MAX], new_pattern[KX_UD_PATTERN_MAX];
-    const int plen = GetUserDataFlag(para->iEncode, old_pattern, new_pattern);
+    const uint8_t *old_pattern, *new_pattern;
+    const int plen = ud_patterns(para->iEncode, &old_pattern, &new_pattern);
     if (plen == 0) {
         KX_LOG_ERR("[InnerAnalyzeUserData] GetUserDataFlag failed, Encode=%d.", para->iEncode);
         return -105;
@@ -122,9 +122,8 @@ KX_API int InnerAnalyzeUserData(const _tagInnerFramePara *_pInParam, tagUserData
     if (data == nullptr) return -101;
     // The data must begin with one of the two patterns.
     if (len < plen) return -105;
-    if (memcmp(data, old_pattern, (size_t)plen) != 0) {
-        if (memcmp(data, new_pattern, (size_t)plen) == 0)
-            return InnerAnalyzeNewUserData(para, 0, _pOut, _iOutSize);
+    if (!ud_is_pattern(data, old_pattern, plen)) {
+        if (ud_is_pattern(data, new_pattern, plen)) return InnerAnalyzeNewUserData(para, 0, _pOut, _iOutSize);
         return -105;
     }
 
@@ -152,11 +151,11 @@ KX_API int AnalyzeUserDataInOneFrame(const _tagInnerFramePara *_ptPara, const un
     }
     const int encode = _ptPara->iEncode;
     if (encode != KX_ENCODE_H264 && encode != KX_ENCODE_H264_ALT && encode != KX_ENCODE_H265) return -105;
-    char pattern[KX_UD_PATTERN_MAX];
-    const int plen = GetUserDataFlag(encode, pattern, nullptr);
+    const uint8_t *pattern;
+    const int plen = ud_patterns(encode, &pattern, nullptr);
     if (_pucData == nullptr || _iDataLen < plen) return 0;
     const int found =
-        FindPosByFlag(_pucData, _iDataLen < kSearchSpan ? _iDataLen : kSearchSpan, pattern, plen);
+        ud_find_pattern(_pucData, _iDataLen < kSearchSpan ? _iDataLen : kSearchSpan, pattern, plen);
     if (found < 0) return 0;
 
     int pos = found + plen;
@@ -205,9 +204,11 @@ KX_API int SA_GetUserDataInfoEx(const tagUserDataInfoPara *pInParam, int _iInPar
     }
     // A shorter record counts as zeros behind its end.
     tagUserDataInfoPara in;
-    memset(&in, 0, sizeof(in));
-    if (_iInParamSize > 0) {
-        memcpy(&in, pInParam, (size_t)_iInParamSize < sizeof(in) ? (size_t)_iInParamSize : sizeof(in));
+    if (_iInParamSize >= (int)sizeof(in)) {
+        in = *pInParam;  // the whole record in fixed moves
+    } else {
+        memset(&in, 0, sizeof(in));
+        if (_iInParamSize > 0) memcpy(&in, pInParam, (size_t)_iInParamSize);
     }
     if (in.iFrameLen <= 0) {
         KX_LOG_ERR("_iFrameLen <= 0");

@@ -4,8 +4,8 @@
 #include <stddef.h>
 #include <string.h>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
+#if (defined(__x86_64__) || defined(__i386__)) && (defined(__GNUC__) || defined(__clang__))
+#include <tmmintrin.h>
 #endif
 
 #include "log/log_internal.h"
@@ -24,14 +24,6 @@ namespace {
 
 // The three bytes whose 03 is no part of the data.
 const uint8_t s_ucNeedToRevert[3] = {0x00, 0x00, 0x03};
-
-#if defined(__SSE2__)
-// Sixteen bytes from src to dst, at any alignment.
-inline void copy16(uint8_t *dst, const uint8_t *src) {
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst),
-                     _mm_loadu_si128(reinterpret_cast<const __m128i *>(src)));
-}
-#endif
 
 // Start patterns: an SEI NAL unit (H.264 type 6, H.265 prefix SEI type 39) of payload type F0 (old) or F1.
 const char s_acH264Old[6] = {0x00, 0x00, 0x00, 0x01, 0x06, (char)0xF0};
@@ -74,17 +66,25 @@ int GetUserDataFlag(int _iType) {
     return KX_BLK_ABS_TIME;  // 20 to 46 and anything else: a query for absolute time
 }
 
-int GetUserDataFlag(int iEncode, char *pcOldFlag, char *pcNewFlag) {
-    const char *old_flag;
-    const char *new_flag;
+int ud_patterns(int iEncode, const uint8_t **old_flag, const uint8_t **new_flag) {
+    const char *o, *n;
     int len;
     if (iEncode == KX_ENCODE_H264 || iEncode == KX_ENCODE_H264_ALT) {
-        old_flag = s_acH264Old, new_flag = s_acH264New, len = 6;
+        o = s_acH264Old, n = s_acH264New, len = 6;
     } else if (iEncode == KX_ENCODE_H265) {
-        old_flag = s_acH265Old, new_flag = s_acH265New, len = 7;
+        o = s_acH265Old, n = s_acH265New, len = 7;
     } else {
         return 0;
     }
+    if (old_flag != nullptr) *old_flag = reinterpret_cast<const uint8_t *>(o);
+    if (new_flag != nullptr) *new_flag = reinterpret_cast<const uint8_t *>(n);
+    return len;
+}
+
+int GetUserDataFlag(int iEncode, char *pcOldFlag, char *pcNewFlag) {
+    const uint8_t *old_flag, *new_flag;
+    const int len = ud_patterns(iEncode, &old_flag, &new_flag);
+    if (len == 0) return 0;
     if (pcOldFlag != nullptr) memcpy(pcOldFlag, old_flag, (size_t)len);
     if (pcNewFlag != nullptr) memcpy(pcNewFlag, new_flag, (size_t)len);
     return len;
@@ -114,61 +114,15 @@ int ud_read_size_run(const uint8_t *p, int avail, int max_bytes, int *consumed) 
     return sum;
 }
 
-int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit, int room) {
-    const int stated = *size;
-    int n = stated;
-    if (n <= 0) return 0;
-    if (n > src_len) return -1;
-    if (limit < 0) limit = 0;
-    // Without room, reads stay inside the container too (src_len may only be a caller's promise).
-    const bool exact = room < 0;
-    if (exact || room > limit) room = limit < stated ? limit : stated;
-    // One pass that copies as it reads. A 00 00 03 counts from the read position of the last removal on,
-    // so the zeros in front of a removed 03 never count again; each removal makes the source one byte
-    // longer (n), and the search runs over the grown size.
-    int r = 0, w = 0;
+namespace {
+
+// The removal byte by byte: for a target smaller than the stated size (once a 00 00 03 would begin
+// beyond the target, the rest is copied as it stands, and nothing is written behind limit), for a source
+// that may not be read beyond the container, and on processors without SSSE3.
+int revert_bytewise(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit) {
+    int n = *size, r = 0, w = 0;
     int zeros = 0;  // zero bytes in a row in front of r, since the last removal
-#if defined(__SSE2__)
-    // Sixteen bytes at a time: a block is copied whole, and behind each 00 00 03 in it the rest of the
-    // block is copied again one place further down. Loads stay inside src_len and stores inside room;
-    // bytes copied from beyond the container land behind what the whole copy leaves, in the scratch
-    // that room allows. A block runs to 32 bytes when it holds a 00 00 03; where that doesn't fit, and
-    // for the last bytes, the byte loop below goes on.
-    const __m128i zero = _mm_setzero_si128(), three = _mm_set1_epi8(3);
-    unsigned zprev = 0;  // zero bytes of the block before r (bit i: byte i), those up to a removed 03 cleared
-    while (r < n && r + 16 <= (exact ? n : src_len) && w + 16 <= room) {
-        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + r));
-        const unsigned z = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero));
-        const unsigned t = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, three));
-        unsigned m = t & ((z << 1) | (zprev >> 15)) & ((z << 2) | (zprev >> 14)) & 0xFFFF;
-        if (r + 16 > n) {
-            // The container ends inside this block: done here when no 00 00 03 lies before its end.
-            if ((m & ((1u << (n - r)) - 1)) != 0) break;
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + w), v);
-            w += n - r, r = n;
-            break;
-        }
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + w), v);
-        if (m == 0) {
-            r += 16, w += 16, zprev = z;
-            continue;
-        }
-        unsigned c = m - ((m >> 1) & 0x5555);  // bits set in m, without a branch
-        c = (c & 0x3333) + ((c >> 2) & 0x3333);
-        c = (c + (c >> 4)) & 0x0F0F;
-        const int count = (int)((c + (c >> 8)) & 0x1F);
-        if (r + 32 > (exact ? n : src_len) || w + 32 > room || n + count > src_len) break;
-        const int last = 31 - __builtin_clz(m);
-        zprev = z & ~((2u << last) - 1);
-        for (int dropped = 1; m != 0; m &= m - 1, dropped++) {
-            const int k = __builtin_ctz(m);
-            copy16(dst + w + k + 1 - dropped, src + r + k + 1);
-        }
-        r += 16, w += 16 - count, n += count;
-    }
-    zeros = (zprev >> 15) ? ((zprev >> 14) & 1) + 1 : 0;
-#endif
-    bool removing = true;  // false once a 00 00 03 would begin beyond the target: the rest is copied as is
+    bool removing = true;
     while (r < n) {
         const uint8_t b = src[r];
         if (b == s_ucNeedToRevert[2] && zeros >= 2 && removing) {
@@ -191,13 +145,133 @@ int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limi
     return 0;
 }
 
-bool ud_read_block_head(const uint8_t *container, int container_len, int pos, TUserDataBlockHead *head) {
-    if (container == nullptr || head == nullptr || pos < 0 || pos > container_len - KX_UD_BLOCK_HEAD_LEN) {
-        return false;
+#if (defined(__x86_64__) || defined(__i386__)) && (defined(__GNUC__) || defined(__clang__))
+#define KX_UD_REVERT_SSSE3 1
+// Compaction of 8 bytes: for each mask of bytes to drop, the positions of the bytes that stay, in order,
+// then 0x80 (a zero byte); and how many stay.
+struct CompactTable {
+    alignas(8) uint8_t keep_at[256][8];
+    uint8_t kept[256];
+};
+constexpr CompactTable make_compact_table() {
+    CompactTable t{};
+    for (int m = 0; m < 256; m++) {
+        int k = 0;
+        for (int i = 0; i < 8; i++)
+            if (((m >> i) & 1) == 0) t.keep_at[m][k++] = (uint8_t)i;
+        t.kept[m] = (uint8_t)k;
+        for (; k < 8; k++) t.keep_at[m][k] = 0x80;
     }
-    head->usType = kx_rd16le(container + pos);
-    head->usLen = kx_rd16le(container + pos + 2);
-    return true;
+    return t;
+}
+constexpr CompactTable s_tCompact = make_compact_table();
+
+// Shuffle indices that move a chunk down by s bytes, zeros behind: the sixteen bytes from s_aucSlide + s.
+constexpr uint8_t s_aucSlide[32] = {0,    1,    2,    3,    4,    5,    6,    7,    8,    9,    10,
+                                    11,   12,   13,   14,   15,   0x80, 0x80, 0x80, 0x80, 0x80, 0x80,
+                                    0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80};
+
+// One chunk of sixteen source bytes: drops the bytes of mask m (bit i: byte i) and stores what stays of
+// each half behind the other at dst, 16 bytes in all. Gives the bytes that stay.
+__attribute__((target("ssse3"))) inline int close_up(__m128i v, unsigned m, uint8_t *dst) {
+    const int kept_low = s_tCompact.kept[m & 0xFF];
+    const __m128i low =
+        _mm_shuffle_epi8(v, _mm_loadl_epi64(reinterpret_cast<const __m128i *>(s_tCompact.keep_at[m & 0xFF])));
+    const __m128i high = _mm_shuffle_epi8(
+        _mm_srli_si128(v, 8), _mm_loadl_epi64(reinterpret_cast<const __m128i *>(s_tCompact.keep_at[m >> 8])));
+    _mm_storel_epi64(reinterpret_cast<__m128i *>(dst), low);
+    _mm_storel_epi64(reinterpret_cast<__m128i *>(dst + kept_low), high);
+    return kept_low + s_tCompact.kept[m >> 8];
+}
+
+// The removal with the source known to hold src_len readable bytes, sixteen source bytes at a time and
+// without a branch on what they hold: the 03 bytes that end a 00 00 03 are found at once, each half of
+// the chunk is closed up over them by one byte shuffle, and the halves are stored one behind the other,
+// the last ones reaching up to 15 bytes behind the stated size where room allows. Every 03 of a triple
+// in the source goes: the 03 of one triple is no zero, so no zero of a later triple lies in front of it.
+// It lands at its source position minus the bytes removed before it, and is removed while that lies
+// inside the stated size; each removal makes the source one byte longer (n).
+__attribute__((target("ssse3"))) int revert_chunks(const uint8_t *src, int src_len, uint8_t *dst, int *size,
+                                                   int room) {
+    const int stated = *size;
+    int n = stated, w = 0, c = 0;
+    unsigned carry = 0;  // bit 1: the byte in front of the chunk is zero; bit 0: the one before that
+    const __m128i zero = _mm_setzero_si128(), three = _mm_set1_epi8(3);
+    // Whole chunks inside both the source and the container: their 16 stored bytes stay inside the
+    // stated size (w + 16 <= stated, as w is c minus the bytes removed), and every 03 of them goes.
+    // Were the source to end inside the container, n runs past src_len and stays there: that is
+    // answered behind the loop.
+    for (; c + 16 <= n && c <= src_len - 16; c += 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + c));
+        const unsigned z =
+            (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero)) << 2 | carry;  // bit i + 2: byte i
+        const unsigned m = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, three)) & (z >> 1) & z;
+        carry = z >> 16;
+        const int kept = close_up(v, m, dst + w);
+        w += kept, n += 16 - kept;
+    }
+    // The last bytes, one chunk at a time.
+    for (; c < n && n <= src_len; c += 16) {
+        alignas(16) uint8_t chunk[16] = {0};  // zeros behind the end hold no 03
+        __m128i v;
+        if (src_len - c >= 16) {
+            v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + c));
+        } else if (src_len >= 16) {
+            // The sixteen bytes that end the source, moved down to the chunk's start.
+            v = _mm_shuffle_epi8(
+                _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + src_len - 16)),
+                _mm_loadu_si128(reinterpret_cast<const __m128i *>(s_aucSlide + 16 - (src_len - c))));
+        } else {
+            ud_copy(chunk, src + c, src_len - c);
+            v = _mm_load_si128(reinterpret_cast<const __m128i *>(chunk));
+        }
+        const unsigned z = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero)) << 2 | carry;
+        unsigned m = (unsigned)_mm_movemask_epi8(_mm_cmpeq_epi8(v, three)) & (z >> 1) & z;
+        carry = z >> 16;
+        // The target may fill up inside this chunk: only the 03 bytes in front of its end go.
+        unsigned keep = 0;
+        int d = 0;
+        for (unsigned rest = m; rest != 0; rest &= rest - 1, d++) {
+            if (w + __builtin_ctz(rest) - d >= stated) break;
+            keep |= rest & (0u - rest);
+        }
+        m = keep;
+        int kept;
+        if (w + 16 <= room) {
+            kept = close_up(v, m, dst + w);
+        } else {
+            kept = close_up(v, m, chunk);
+            ud_copy(dst + w, chunk, kept < stated - w ? kept : stated - w);
+        }
+        w += kept, n += 16 - kept;
+    }
+    if (n > src_len) {
+        // The container runs past the source: the removal that needed byte src_len fails.
+        *size = src_len;
+        return -1;
+    }
+    *size = n;
+    return 0;
+}
+#endif
+
+}  // namespace
+
+int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit, int room) {
+    const int stated = *size;
+    if (stated <= 0) return 0;
+    if (stated > src_len) return -1;
+    if (limit < 0) limit = 0;
+#if defined(KX_UD_REVERT_SSSE3)
+    // Without room, reads stay inside the container (src_len may only be a caller's promise) and writes
+    // inside the stated size: the byte loop does that, and serves processors without SSSE3.
+    if (stated <= limit && room >= 0 && __builtin_cpu_supports("ssse3")) {
+        return revert_chunks(src, src_len, dst, size, room > limit ? stated : room);
+    }
+#else
+    (void)room;
+#endif
+    return revert_bytewise(src, src_len, dst, size, limit);
 }
 
 void ud_copy_padded(void *dst, int dst_len, const void *src, int src_len) {

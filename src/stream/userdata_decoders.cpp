@@ -44,6 +44,7 @@ inline int non_negative(int len) {
 
 // Reads up to 4 bytes little-endian; missing high bytes count as zero.
 uint32_t read_u32_padded(const void *p, int len) {
+    if (len >= 4) return kx_rd32le(p);
     uint8_t b[4];
     ud_copy_padded(b, 4, p, len);
     return kx_rd32le(b);
@@ -57,7 +58,7 @@ void decode_opaque(const OpaqueKind &k, bool all, const void *in, void *out, int
     if (out != nullptr) {
         if (len > k.limit) len = k.limit;
         uint8_t *base = static_cast<uint8_t *>(out);
-        memcpy(base + (all ? k.all_field : 0), in, (size_t)len);
+        ud_copy(base + (all ? k.all_field : 0), in, len);
         if (all) base[k.all_flag] = 1;
     }
     DevCallbackFunc(k.cb_type, para, in, len);
@@ -86,19 +87,22 @@ void ud_decode_slot(const void *in, int len, tagUserDataOut *out, const _tagInne
 void MakeAbsoluteTime(__S_AbsoluteTime *ptTime, unsigned int uiSeconds) {
     if (ptTime == nullptr) return;
     // UTC calendar fields of the unsigned seconds (so 2^31 and above lie behind 2038, not before 1970),
-    // counted here rather than by gmtime_r, which takes the C library's time-zone lock on every call:
-    // the day from its number since 1970-03-01 in 400-year eras of the Gregorian calendar, a year of
-    // the count running from March so that the leap day comes last.
-    const uint32_t days = uiSeconds / 86400, secs = uiSeconds % 86400;
-    const uint32_t z = days + 719468;  // days since 0000-03-01
-    const uint32_t era = z / 146097, doe = z % 146097;
-    const uint32_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-    const uint32_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-    const uint32_t mp = (5 * doy + 2) / 153;
-    const uint32_t month = mp < 10 ? mp + 3 : mp - 9;
-    ptTime->usYear = (uint16_t)(yoe + era * 400 + (month <= 2 ? 1 : 0));
-    ptTime->usMonth = (uint16_t)month;
-    ptTime->usDay = (uint16_t)(doy - (153 * mp + 2) / 5 + 1);
+    // counted here rather than by gmtime_r, which takes the C library's time-zone lock on every call.
+    // The date comes from the day number by the Euclidean affine functions of Neri and Schneider
+    // ("Euclidean affine functions and their application to calendar algorithms", 2022): the count runs
+    // in 400-year cycles from a March 1st, shifted 82 cycles forward so that everything stays unsigned,
+    // with the leap day last in its year; three multiplications in a row instead of a chain of divisions.
+    const uint32_t days = uiSeconds / 86400, secs = uiSeconds - days * 86400;
+    enum : uint32_t { kShiftDays = 719468 + 146097 * 82, kShiftYears = 400 * 82 };
+    const uint32_t n1 = 4 * (days + kShiftDays) + 3;
+    const uint32_t century = n1 / 146097, day_of_century = n1 % 146097 / 4;
+    const uint64_t p2 = 2939745ULL * (4 * day_of_century + 3);
+    const uint32_t year_of_century = (uint32_t)(p2 >> 32), day_of_year = (uint32_t)p2 / 2939745 / 4;
+    const uint32_t n3 = 2141 * day_of_year + 197913;  // month in the high half, day * 2141 in the low
+    const uint32_t jan_feb = day_of_year >= 306 ? 1 : 0;
+    ptTime->usYear = (uint16_t)(100 * century + year_of_century - kShiftYears + jan_feb);
+    ptTime->usMonth = (uint16_t)((n3 >> 16) - 12 * jan_feb);
+    ptTime->usDay = (uint16_t)((n3 & 0xFFFF) / 2141 + 1);
     ptTime->usHour = (uint16_t)(secs / 3600);
     ptTime->usMinute = (uint16_t)(secs / 60 % 60);
     ptTime->usSecond = (uint16_t)(secs % 60);
@@ -192,7 +196,7 @@ KX_API void GetOsdExInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int 
     if (_pvOutBuf != nullptr) {
         if (_iLen > KX_UD_OSD_LEN) _iLen = KX_UD_OSD_LEN;
         if (!_bAll) {
-            memcpy(_pvOutBuf, _pvInBuf, (size_t)_iLen);
+            ud_copy(_pvOutBuf, _pvInBuf, _iLen);
         } else {
             tagUserDataAll *all = static_cast<tagUserDataAll *>(_pvOutBuf);
             const uint8_t *in = static_cast<const uint8_t *>(_pvInBuf);
@@ -207,7 +211,7 @@ KX_API void GetOsdExInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int 
             int sub_type = (int32_t)read_u32_padded(in, _iLen);
             for (const auto &a : areas) {
                 if (a.sub_type != sub_type) continue;
-                memcpy(a.area, in, (size_t)_iLen);
+                ud_copy(a.area, in, _iLen);
                 *a.flag = 1;
                 int text_len = 0;
                 if (sub_type == kSubTypeText && _iLen > kTextLenAt) {

@@ -4,9 +4,11 @@
 #pragma once
 
 #include <stdint.h>
+#include <string.h>
 
 #include "korvex/korvex.h"
 #include "log/log_internal.h"
+#include "platform/bytes.h"
 
 // --- Format numbers ---
 enum {
@@ -118,6 +120,24 @@ int GetUserDataFlag(int _iType);
 // every other value. Shares only its name with the look-up above.
 int GetUserDataFlag(int iEncode, char *pcOldFlag, char *pcNewFlag);
 
+// The same look-up without copies: points *old_flag and *new_flag (either may be null) at the constant
+// patterns of iEncode and gives their length, 6 or 7; 0 for an iEncode without patterns.
+int ud_patterns(int iEncode, const uint8_t **old_flag, const uint8_t **new_flag);
+
+// Whether the len bytes at p (6 or 7, all readable) are the pattern: compares of fixed size.
+inline bool ud_is_pattern(const uint8_t *p, const uint8_t *pattern, int len) {
+    return memcmp(p, pattern, 6) == 0 && (len == 6 || p[6] == pattern[6]);
+}
+
+// FindPosByFlag for a start pattern of len 6 or 7: the first position in the len_buf bytes at buf where
+// the pattern stands whole, -1 for none.
+inline int ud_find_pattern(const uint8_t *buf, int len_buf, const uint8_t *pattern, int len) {
+    for (int i = 0; i + len <= len_buf; i++) {
+        if (buf[i] == pattern[0] && ud_is_pattern(buf + i, pattern, len)) return i;
+    }
+    return -1;
+}
+
 // The block type's bit of iTypeMask: the mask with all other bits cleared; 0 when that bit is clear, the
 // block type has no bit (0xFEF6, 0xFEF7 and unknown types), or the mask is negative.
 int GetUDTypeByFlag(int iMask, int iBlockType);
@@ -139,7 +159,20 @@ int ud_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limi
 
 // Reads the block head at pos of a container of container_len bytes. false when the head itself doesn't
 // fit; the caller still has to check that pos + 4 + usLen stays inside its limit.
-bool ud_read_block_head(const uint8_t *container, int container_len, int pos, TUserDataBlockHead *head);
+inline bool ud_read_block_head(const uint8_t *container, int container_len, int pos,
+                               TUserDataBlockHead *head) {
+    if (container == nullptr || head == nullptr || pos < 0 || pos > container_len - KX_UD_BLOCK_HEAD_LEN) {
+        return false;
+    }
+    head->usType = kx_rd16le(container + pos);
+    head->usLen = kx_rd16le(container + pos + 2);
+    return true;
+}
+
+// memcpy of n bytes (0 or more) of a payload into a record, through the C library's memcpy. Where the
+// compiler sees a bound on n (a record's size) it would otherwise inline the copy as `rep movs`, whose
+// start-up costs more than a whole copy of a few hundred bytes.
+void ud_copy(void *dst, const void *src, int n);
 
 // Copies dst_len bytes to dst; source bytes beyond src_len read as zeros. Nothing for dst_len <= 0.
 void ud_copy_padded(void *dst, int dst_len, const void *src, int src_len);
@@ -213,7 +246,14 @@ bool ud_load_container(const uint8_t *src, int src_len, uint8_t *work, int *size
 // One step of the walk over the blocks of a container in the working buffer, whose blocks must end
 // within limit bytes (cut to the buffer). Reads the block head at *pos; when the block ends inside the
 // limit, moves *pos behind it and gives its payload; else gives null, which ends the walk.
-const uint8_t *ud_next_block(const uint8_t *work, int limit, int *pos, TUserDataBlockHead *head);
+inline const uint8_t *ud_next_block(const uint8_t *work, int limit, int *pos, TUserDataBlockHead *head) {
+    if (limit > KX_UD_NEW_MAX) limit = KX_UD_NEW_MAX;
+    if (!ud_read_block_head(work, limit, *pos, head)) return nullptr;
+    const int payload = *pos + KX_UD_BLOCK_HEAD_LEN;
+    if (payload + head->usLen > limit) return nullptr;
+    *pos = payload + head->usLen;
+    return work + payload;
+}
 
 // The mask filter of the two-layout analysis: true when the block is to be handled, that is for type
 // 255, for a mask of 0 or below, and for a block type whose bit is set in the mask.

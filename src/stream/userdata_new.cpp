@@ -23,14 +23,14 @@ KX_API int InnerAnalyzeNewUserData(const _tagInnerFramePara *_pInParam, int _iOl
     const uint8_t *unit = para->pucData + _iOldUDLen;
     const int left = para->iDataLen - _iOldUDLen;
 
-    char pattern[KX_UD_PATTERN_MAX];
-    const int plen = GetUserDataFlag(para->iEncode, nullptr, pattern);
+    const uint8_t *pattern;
+    const int plen = ud_patterns(para->iEncode, nullptr, &pattern);
     if (plen == 0) {
         KX_LOG_ERR("[InnerAnalyzeNewUserData] GetUserDataFlag failed, Encode=%d.", para->iEncode);
         return -105;
     }
     // No pattern here, or no room for one: the frame holds no new container.
-    if (left < plen || memcmp(unit, pattern, (size_t)plen) != 0) return 0;
+    if (left < plen || !ud_is_pattern(unit, pattern, plen)) return 0;
 
     int size_bytes = 0;
     const int stated = ud_read_size_run(unit + plen, left - plen, 0, &size_bytes);

@@ -6,6 +6,12 @@
 #include "stream/frame_header.h"
 #include "stream/userdata_internal.h"
 
+// Kept out of line from the callers (and out of their file): inside them the compiler would see their
+// bound on n and copy with `rep movs`.
+void ud_copy(void *dst, const void *src, int n) {
+    if (n > 0) memcpy(dst, src, (size_t)n);
+}
+
 uint32_t ud_frame_no(const _tagInnerFramePara *para) {
     return (para != nullptr && para->ptFrmHeader != nullptr) ? fh_frame_no(para->ptFrmHeader) : 0;
 }
@@ -21,15 +27,6 @@ bool ud_load_container(const uint8_t *src, int src_len, uint8_t *work, int *size
     if (reach < KX_UD_HEADER_LEN) reach = KX_UD_HEADER_LEN;
     if (reach > written) memset(work + written, 0, (size_t)(reach - written));
     return true;
-}
-
-const uint8_t *ud_next_block(const uint8_t *work, int limit, int *pos, TUserDataBlockHead *head) {
-    if (limit > KX_UD_NEW_MAX) limit = KX_UD_NEW_MAX;
-    if (!ud_read_block_head(work, limit, *pos, head)) return nullptr;
-    const int payload = *pos + KX_UD_BLOCK_HEAD_LEN;
-    if (payload + head->usLen > limit) return nullptr;
-    *pos = payload + head->usLen;
-    return work + payload;
 }
 
 bool ud_mask_takes(const _tagInnerFramePara *para, int usType) {

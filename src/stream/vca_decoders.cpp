@@ -163,7 +163,7 @@ KX_API void GetVcaTargetnfo(bool _bAll, const void *_pvInBuf, int _iLen, void *_
             int n = _iLen < kRawMax ? _iLen : kRawMax;
             if (n > iOutSize - kRawAt) n = iOutSize - kRawAt;  // a record cut short inside aucRaw
             rec->iRawLen = n;
-            memcpy(rec->aucRaw, _pvInBuf, (size_t)n);
+            ud_copy(rec->aucRaw, _pvInBuf, n);
         }
     }
     DevCallbackFunc(KX_CB_VCA_TARGET, _ptPara, _pvInBuf, _iLen);

@@ -3,6 +3,8 @@
 
 #include <string.h>
 
+#include <random>
+
 #include "stream/userdata_internal.h"
 #include "support/frame_builder.h"
 
@@ -92,6 +94,65 @@ TEST(UserDataContainer, RevertRemovesEmulationPreventionWithinTheGrowingSize) {
         if (room < 0) {
             EXPECT_EQ(Bytes(1024 - big.size(), 0xEE), Bytes(out.begin() + big.size(), out.end()));
         }
+    }
+}
+
+// The removal as its rule reads, one byte at a time: look for 00 00 03 from the read position up to the
+// grown size, stop when it would begin beyond the target, keep the two zeros, drop the 03.
+int reference_revert(const uint8_t *src, int src_len, uint8_t *dst, int *size, int limit) {
+    int n = *size, r = 0, w = 0;
+    if (n <= 0) return 0;
+    if (n > src_len) return -1;
+    for (;;) {
+        int d = -1;
+        for (int i = r; i + 3 <= n && d < 0; i++)
+            if (src[i] == 0 && src[i + 1] == 0 && src[i + 2] == 3) d = i - r;
+        if (d < 0 || w + d > limit) break;
+        if (n >= src_len) {
+            *size = n;
+            return -1;
+        }
+        n++;
+        for (int i = 0; i < d + 2; i++, w++)
+            if (w < limit) dst[w] = src[r + i];
+        r += d + 3;
+    }
+    for (; r < n; r++, w++)
+        if (w < limit) dst[w] = src[r];
+    *size = n;
+    return 0;
+}
+
+TEST(UserDataContainer, RevertMatchesTheRuleOnRandomContainers) {
+    // Containers thick with zeros and 03 bytes (and plain ones), sources cut short or running on, targets
+    // with scratch room, without it, and shorter than the stated size: the same bytes, size and result as
+    // the rule, nothing written behind what the room allows, nothing read behind the source (ASan).
+    std::mt19937 rng(20);
+    for (int round = 0; round < 20000; round++) {
+        const int stated = int(rng() % 400) + 1;
+        const int dense = int(rng() % 3);
+        Bytes src(stated + rng() % 200);
+        for (uint8_t &b : src) {
+            const unsigned x = rng() % 8;
+            b = x < 4 ? 0 : x < 6 ? 3 : uint8_t(dense ? rng() : 1);
+        }
+        if (rng() % 4 == 0) src.resize(stated + rng() % 8);
+        src.shrink_to_fit();  // no spare capacity: a read behind the source is caught
+        const int limit = rng() % 8 == 0 ? int(rng() % (stated + 1)) : 1024;
+        const int room = rng() % 2 ? -1 : limit;
+        Bytes want(1024 + 64, 0xEE), got(1024 + 64, 0xEE);
+        int want_size = stated, got_size = stated;
+        const int want_rc = reference_revert(src.data(), int(src.size()), want.data(), &want_size, limit);
+        const int got_rc = ud_revert(src.data(), int(src.size()), got.data(), &got_size, limit, room);
+        ASSERT_EQ(want_rc, got_rc) << "round " << round;
+        ASSERT_EQ(want_size, got_size) << "round " << round;
+        if (want_rc != 0) continue;
+        const int kept = stated < limit ? stated : limit;
+        ASSERT_EQ(Bytes(want.begin(), want.begin() + kept), Bytes(got.begin(), got.begin() + kept))
+            << "round " << round;
+        const int reach = room < 0 ? kept : room;
+        ASSERT_EQ(Bytes(got.size() - reach, 0xEE), Bytes(got.begin() + reach, got.end()))
+            << "round " << round;
     }
 }
 

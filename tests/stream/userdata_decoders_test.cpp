@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <string.h>
+#include <time.h>
 
 #include <memory>
 
@@ -57,6 +58,23 @@ TEST_F(Decoders, AbsoluteTimeInUtcBehind2038) {
     unsigned int raw = 5;
     EXPECT_EQ(0, GetFrameTimeInfo(fb::le32(77).data(), 3, 0, &raw));  // only exactly 4 bytes are copied
     EXPECT_EQ(5u, raw);
+}
+
+TEST(AbsoluteTime, EveryDayOfTheUnsignedRangeAgreesWithGmtime) {
+    // One second of every day from 1970 to 2106, each at another time of day, and the ends of the range.
+    for (uint64_t s = 0; s <= 0xFFFFFFFFu; s += 86400 - 7) {
+        for (uint64_t at : {s, 0xFFFFFFFFu - s}) {
+            __S_AbsoluteTime t;
+            MakeAbsoluteTime(&t, uint32_t(at));
+            const time_t tt = time_t(at);
+            struct tm want;
+            ASSERT_NE(nullptr, gmtime_r(&tt, &want));
+            ASSERT_EQ((std::vector<int>{want.tm_year + 1900, want.tm_mon + 1, want.tm_mday, want.tm_hour,
+                                        want.tm_min, want.tm_sec}),
+                      (std::vector<int>{t.usYear, t.usMonth, t.usDay, t.usHour, t.usMinute, t.usSecond}))
+                << at;
+        }
+    }
 }
 
 TEST_F(Decoders, OsdTextTerminatorStaysInsideItsArea) {
