@@ -54,6 +54,7 @@ std::vector<Seen> walk_file(const kxd::Options &o, size_t len, size_t skip, bool
         if (r.offset < next || r.offset + r.held > len) abort();
         if (r.has_header && frame == nullptr) abort();
         next = r.offset + (r.held > 0 ? r.held : 1);
+        if (r.offset < skip) return true;  // the filler frame
         uint32_t sum = 0;
         for (size_t i = 0; frame != nullptr && i < r.held; ++i) sum += frame[i];
         if (frame != nullptr && r.skip_reason.empty() && r.ud.ran) {
@@ -63,9 +64,7 @@ std::vector<Seen> walk_file(const kxd::Options &o, size_t len, size_t skip, bool
             sum += uint32_t(es.size() + ov.boxes.size() + ov.top.size() + ov.bottom.size());
         }
         g_sink = sum;
-        if (r.offset >= skip) {
-            seen.push_back({r.offset - skip, r.held, r.frame_len, r.valid, r.error, r.ud.status, r.ud.callbacks.size()});
-        }
+        seen.push_back({r.offset - skip, r.held, r.frame_len, r.valid, r.error, r.ud.status, r.ud.callbacks.size()});
         return true;
     }, &totals);
     if (rc != 0 || totals.broken > totals.frames) abort();
@@ -121,7 +120,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         walk_file(o, len, 0, keep_sei);
         return 0;
     }
-    // 0xFF bytes: no header can start inside the filler frame, so the walk passes over it quickly.
+    // 0xFF bytes: no header can start inside the filler frame, so the walk passes over it quickly. The
+    // codec is given, so that the probes need not read the filler.
+    if (o.codec == kxt::Codec::kUnknown) o.codec = kxt::Codec::kH264;
     kxt::Bytes filler(65536 - kxt::rd16(stream) % 4096, 0xFF);
     framegen::FrameHeader h;
     h.frame_len = uint32_t(filler.size());
