@@ -133,6 +133,10 @@ TEST(ToolCommon, DeviceTextIsUtf8OrGb18030) {
     EXPECT_EQ(text("a\tb\\"), "a\\x09b\\");                          // one line, backslash kept
     EXPECT_EQ(text("\xff\xff"), "\\xff\\xff");                          // neither: escapes
     EXPECT_EQ(text("\xed\xa0\x80"), "\\xed\\xa0\\x80");              // a surrogate is no UTF-8
+    // C1 controls (U+0085 NEL, U+009B CSI), in UTF-8 or from GB18030's four-byte codes, are escaped
+    // too; U+00A0 behind them is text.
+    EXPECT_EQ(text("a\xc2\x85" "b\xc2\x9b" "c\xc2\xa0"), "a\\xc2\\x85b\\xc2\\x9bc\xc2\xa0");
+    EXPECT_EQ(text("\x81\x30\x81\x30" "A\xbe\xa9"), "\\xc2\\x80" "A\xe4\xba\xac");
 }
 
 }  // namespace

@@ -275,6 +275,23 @@ TEST_F(ToolsTest, LengthRunningOverTheNextHeaderGivesWayToIt) {
     ASSERT_EQ(json.size(), 8u);  // nothing behind the wrong length is lost
     for (int i = 0; i < 8; ++i) expect_common_records(json[i]["userdata"], i);
 
+    // A length 8 bytes too long, so that the next header begins inside it and runs past it, found
+    // alone and where the wrong length ends at the walk's first 64 KiB read, behind a filler frame.
+    std::string longer = frames;
+    longer[4] = char(first + 8), longer[5] = char((first + 8) >> 8);
+    longer[20] = char(first - 24), longer[21] = char((first - 24) >> 8);
+    std::string filler(65536 - first - 8, '\xff');
+    filler.replace(0, 32, std::string(32, '\0'));
+    for (int i = 0; i < 4; ++i) {
+        filler[4 + i] = char(filler.size() >> (8 * i));
+        filler[20 + i] = char((filler.size() - 32) >> (8 * i));
+    }
+    spill(path("longer"), longer);
+    spill(path("filler"), filler + longer);
+    EXPECT_NE(dump("-q " + path("longer")).out.find("8 frames, 1 broken, 8 with user data"), std::string::npos);
+    Result across = dump("-q " + path("filler"));
+    EXPECT_NE(across.out.find("9 frames, 1 broken, 8 with user data"), std::string::npos) << across.out << across.err;
+
     std::string over = frames;
     over[4] = over[5] = 0, over[6] = 0x40;  // 4 MiB: above the limit, named
     spill(path("over"), over);

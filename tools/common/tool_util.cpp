@@ -220,13 +220,17 @@ bool valid_utf8(const uint8_t *p, size_t n) {
     return true;
 }
 
-// Control characters of well-formed UTF-8 text as \xHH, so that the text stays on one line.
+// Control characters of well-formed UTF-8 text as \xHH, so that the text stays on one line: C0, DEL and
+// the C1 controls U+0080 to U+009F (C2 80 to C2 9F, both bytes escaped), which some terminals obey.
 std::string escape_controls(const std::string &text) {
     std::string s;
-    for (unsigned char c : text) {
-        if (c < 0x20 || c == 0x7F) {
-            char b[8];
-            snprintf(b, sizeof(b), "\\x%02x", c);
+    for (size_t i = 0; i < text.size(); ++i) {
+        unsigned char c = text[i];
+        bool c1 = c == 0xC2 && i + 1 < text.size() && (unsigned char)text[i + 1] < 0xA0;
+        if (c < 0x20 || c == 0x7F || c1) {
+            char b[16];
+            if (c1) snprintf(b, sizeof(b), "\\x%02x\\x%02x", c, (unsigned char)text[++i]);
+            else snprintf(b, sizeof(b), "\\x%02x", c);
             s += b;
         } else {
             s += char(c);

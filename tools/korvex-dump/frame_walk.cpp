@@ -164,10 +164,11 @@ const char *decrypt_failure(int rc) {
 
 // A sound header inside a frame's claimed length stands for the next frame when the stream goes on
 // from it: its own frame ends at the end of the input or at another sound header. The length of the
-// frame up to it, or 0 when there is none.
+// frame up to it, or 0 when there is none. A header that begins inside the claimed length is read
+// whole, also where it runs past the claimed end, whatever part of the input is buffered.
 size_t next_header_inside(Input &in, size_t claimed) {
     for (size_t k = KX_FRAME_HEADER_LEN;; ++k) {
-        size_t avail = in.fill(std::min(claimed, k + KX_FRAME_HEADER_LEN));
+        size_t avail = in.fill(k + KX_FRAME_HEADER_LEN);
         if (k >= claimed || k + KX_FRAME_HEADER_LEN > avail) return 0;
         const uint8_t *p = in.data() + k;
         if (p[7] != 0 || p[23] != 0 || !sound_header(p)) continue;  // both lengths are below 2^24

@@ -172,27 +172,6 @@ int parse_options(int argc, char **argv, ViewOptions *v) {
     return 0;
 }
 
-// What the frame's user data asks to draw.
-kxv::Overlay overlay_of(const kxd::UserDataReport &u) {
-    kxv::Overlay ov;
-    for (const kxd::VcaView &v : u.vca) {
-        // Unscaled coordinates are ten-thousandths of the picture; without them, the 176 x 144 grid.
-        if (v.has_raw) ov.boxes.push_back({v.raw[0] / 1e4, v.raw[1] / 1e4, v.raw[2] / 1e4, v.raw[3] / 1e4});
-        else ov.boxes.push_back({v.grid[0] / 176.0, v.grid[1] / 144.0, v.grid[2] / 176.0, v.grid[3] / 144.0});
-    }
-    if (u.has_time) {
-        char b[64];
-        snprintf(b, sizeof(b), "%04d-%02d-%02d %02d:%02d:%02d UTC", u.time.usYear, u.time.usMonth, u.time.usDay,
-                 u.time.usHour, u.time.usMinute, u.time.usSecond);
-        ov.top.push_back(b);
-    }
-    for (const kxd::OsdView &v : u.osd) {
-        if (v.has_text) ov.top.push_back(v.text);
-    }
-    for (const std::string &p : u.plates) ov.bottom.push_back("plate " + p);
-    return ov;
-}
-
 double now() {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -280,7 +259,7 @@ int run(const ViewOptions &v) {
             failed = true;
             return false;
         }
-        pending[r.index] = overlay_of(r.ud);
+        pending[r.index] = kxv::overlay_of(r.ud);
         if (!decoder.send(es.data(), es.size(), r.index)) {
             clear_progress();
             errorf("frame %lld: the %s decoder refused its payload", r.index, kxt::codec_name(r.codec));

@@ -162,14 +162,9 @@ AVFrame *Renderer::render(const AVFrame *picture, const Overlay &overlay, int pi
             char colour[16];
             snprintf(colour, sizeof(colour), "0x%06X", unsigned(kBoxColour));
             for (const Overlay::Box &b : overlay.boxes) {
-                long long x1 = llround(b.x1 * ow), y1 = llround(b.y1 * oh);
-                long long x2 = llround(b.x2 * ow), y2 = llround(b.y2 * oh);
-                x1 = std::min<long long>(std::max(0LL, x1), ow - 1);
-                y1 = std::min<long long>(std::max(0LL, y1), oh - 1);
-                x2 = std::min<long long>(std::max(x1 + 1, x2), ow);
-                y2 = std::min<long long>(std::max(y1 + 1, y2), oh);
+                PixelBox px = box_pixels(b, ow, oh);
                 last = add_filter(g, last, "drawbox",
-                                  {{"x", num(x1)}, {"y", num(y1)}, {"w", num(x2 - x1)}, {"h", num(y2 - y1)},
+                                  {{"x", num(px.x)}, {"y", num(px.y)}, {"w", num(px.w)}, {"h", num(px.h)},
                                    {"color", colour}, {"t", num(t)}});
                 if (last == nullptr) break;
             }

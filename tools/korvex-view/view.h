@@ -14,6 +14,10 @@ extern "C" {
 struct AVFrame;
 }
 
+namespace kxd {
+struct UserDataReport;
+}
+
 namespace kxv {
 
 // What is drawn on one picture.
@@ -25,6 +29,15 @@ struct Overlay {
     std::vector<std::string> top;     // lines at the top left: the time, then the OSD texts
     std::vector<std::string> bottom;  // lines at the bottom left: the plates
 };
+
+// What the frame's user data asks to draw.
+Overlay overlay_of(const kxd::UserDataReport &u);
+
+// A box in pixels on a picture of ow x oh: at least one pixel wide and high, inside the picture.
+struct PixelBox {
+    long long x, y, w, h;
+};
+PixelBox box_pixels(const Overlay::Box &b, int ow, int oh);
 
 // The box colour of the VCA targets (RGB, amber).
 enum : uint32_t { kBoxColour = 0xFF9900 };
