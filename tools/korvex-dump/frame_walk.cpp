@@ -145,15 +145,15 @@ const char *decrypt_failure(int rc) {
 // frame up to it, or 0 when there is none. A header that begins inside the claimed length is read
 // whole, also where it runs past the claimed end, whatever part of the input is buffered.
 size_t next_header_inside(WalkInput &in, size_t claimed) {
-    for (size_t k = KX_FRAME_HEADER_LEN;; ++k) {
-        size_t avail = in.fill(k + KX_FRAME_HEADER_LEN);
-        if (k >= claimed || k + KX_FRAME_HEADER_LEN > avail) return 0;
+    size_t avail = in.fill(claimed + KX_FRAME_HEADER_LEN);  // the frame and a header behind it, if there
+    for (size_t k = KX_FRAME_HEADER_LEN; k < claimed && k + KX_FRAME_HEADER_LEN <= avail; ++k) {
         const uint8_t *p = in.data() + k;
         if (p[7] != 0 || p[23] != 0 || !sound_header(p)) continue;  // both lengths are below 2^24
         size_t end = k + fh_frame_len(p);
         avail = in.fill(end + KX_FRAME_HEADER_LEN);
         if (end == avail || (end + KX_FRAME_HEADER_LEN <= avail && sound_header(in.data() + end))) return k;
     }
+    return 0;
 }
 
 std::string header_error(const FrameReport &r) {
