@@ -155,7 +155,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     len -= 2;
     // The first four bytes of a header are free, so a sound header may begin in the filler's last bytes
     // and reach into the stream: then the two walks differ by right.
-    for (size_t j = 1; j < 32 && 32 - j <= len; ++j) {
+    for (size_t j = len >= 31 ? 1 : 32 - len; j < 32; ++j) {  // j bytes in the filler, 32 - j in the stream
         uint8_t window[32];
         memset(window, 0xFF, j);
         memcpy(window + j, stream, 32 - j);
