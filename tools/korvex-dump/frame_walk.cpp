@@ -147,8 +147,15 @@ const char *decrypt_failure(int rc) {
 size_t next_header_inside(WalkInput &in, size_t claimed) {
     size_t avail = in.fill(claimed + KX_FRAME_HEADER_LEN);  // the frame and a header behind it, if there
     for (size_t k = KX_FRAME_HEADER_LEN; k < claimed && k + KX_FRAME_HEADER_LEN <= avail; ++k) {
-        const uint8_t *p = in.data() + k;
-        if (p[7] != 0 || p[23] != 0 || !sound_header(p)) continue;  // both lengths are below 2^24
+        // Both lengths of a sound header are below 2^24: on to the next place whose uiFrameLen ends
+        // in a zero byte, then uiPayloadLen too.
+        const uint8_t *base = in.data();
+        size_t end_k = std::min(claimed, avail - KX_FRAME_HEADER_LEN + 1);
+        const void *zero = memchr(base + k + 7, 0, end_k - k);
+        if (zero == nullptr) return 0;
+        k = size_t(static_cast<const uint8_t *>(zero) - base) - 7;
+        const uint8_t *p = base + k;
+        if (p[23] != 0 || !sound_header(p)) continue;
         size_t end = k + fh_frame_len(p);
         avail = in.fill(end + KX_FRAME_HEADER_LEN);
         if (end == avail || (end + KX_FRAME_HEADER_LEN <= avail && sound_header(in.data() + end))) return k;
