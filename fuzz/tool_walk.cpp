@@ -5,8 +5,9 @@
 // do) and drawn into an overlay (as korvex-view does).
 //
 // Checks: every frame lies inside the input, behind the previous one, and every byte it holds is read.
-// Where the stream is also walked behind a filler frame, so that its frames straddle the walk's 64 KiB
-// reads, the walk must find the same frames there as alone: where the reads fall changes nothing.
+// The walk over the same bytes in memory (kxd::Walker, as the Python module walks) finds the same
+// frames. Where the stream is also walked behind a filler frame, so that its frames straddle the walk's
+// 64 KiB reads, the walk must find the same frames there as alone: where the reads fall changes nothing.
 //
 // Input: an options byte (bit 0 a key, bit 1 the two-layout analysis, bits 2-3 the codec, bit 4 raw
 // text, bit 5 user-data units kept in the elementary stream), then the stream. With bits 6 and 7 both
@@ -72,6 +73,26 @@ std::vector<Seen> walk_file(const kxd::Options &o, size_t len, size_t skip, bool
     return seen;
 }
 
+// The same bytes walked in memory, one frame at a time as the Python module walks them: the same frames
+// at the same places, each read where it lies, and the walk's own error first in each frame's error.
+void walk_memory(const uint8_t *p, size_t len, const std::vector<Seen> &file) {
+    kxd::Walker w(p, len);
+    kxd::FrameReport r;
+    const uint8_t *frame = nullptr;
+    uint64_t skipped = 0;
+    size_t i = 0;
+    while (w.next(&r, &frame)) {
+        if (i >= file.size()) abort();
+        const Seen &s = file[i++];
+        if (r.offset != s.offset || r.held != s.held || r.valid != s.valid || frame != p + r.offset ||
+            s.error.compare(0, r.error.size(), r.error) != 0) {
+            abort();
+        }
+        if (!w.advance(&skipped)) break;
+    }
+    if (i != file.size() || w.next(&r, &frame)) abort();
+}
+
 void put_file(const uint8_t *a, size_t an, const uint8_t *b, size_t bn) {
     if (ftruncate(g_fd, 0) != 0 || (an > 0 && pwrite(g_fd, a, an, 0) != ssize_t(an)) ||
         (bn > 0 && pwrite(g_fd, b, bn, off_t(an)) != ssize_t(bn))) {
@@ -118,7 +139,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     if ((opt & 0xC0) != 0xC0 || len < 2) {
         put_file(stream, len, nullptr, 0);
-        walk_file(o, len, 0, keep_sei);
+        walk_memory(stream, len, walk_file(o, len, 0, keep_sei));
         return 0;
     }
     // 0xFF bytes: no header can start inside the filler frame, so the walk passes over it quickly. The
@@ -134,7 +155,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     len -= 2;
     // The first four bytes of a header are free, so a sound header may begin in the filler's last bytes
     // and reach into the stream: then the two walks differ by right.
-    for (size_t j = 1; j < 32 && 32 - j <= len; ++j) {
+    for (size_t j = len >= 31 ? 1 : 32 - len; j < 32; ++j) {  // j bytes in the filler, 32 - j in the stream
         uint8_t window[32];
         memset(window, 0xFF, j);
         memcpy(window + j, stream, 32 - j);

@@ -98,7 +98,8 @@ class FrameReader(Iterator[Frame]):
 def read_frames(source: Source, key: Optional[Key] = None, codec: Literal["auto", "h264", "h265"] = "auto",
                 strict: bool = True, mask: Union[None, int, Literal["all"]] = None) -> FrameReader:
     """Iterates the frames of a recording (a path, bytes or a buffer), decrypting with key, joining user
-    data split over frames. strict=True raises at the first broken frame; strict=False yields it. mask
+    data split over frames. strict=True raises at the first broken frame; strict=False yields it and walks on as
+    korvex-dump does. mask
     (a number or 'all') chooses the two-layout analysis, as korvex-dump --mask does."""
 
 def probe(data: BytesLike) -> Optional[Literal["h264", "h265"]]:

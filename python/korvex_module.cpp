@@ -1,7 +1,7 @@
 // The Python module `korvex`: the frame side of the library for Python programs. read_frames walks a
-// recording with korvex-dump's own frame steps (sound header, decryption, user-data analysis with split
-// containers joined across frames), and a frame's user data is korvex-dump's JSON object for it, turned
-// into Python data. The GIL is released while the library works on a buffer.
+// recording with korvex-dump's own walk (kxd::Walker, over the bytes where they lie) and frame steps
+// (decryption, user-data analysis with split containers joined across frames), and a frame's user data
+// is korvex-dump's JSON object for it, turned into Python data. The GIL is released while the library works on a buffer.
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
@@ -298,6 +298,7 @@ struct Frame {
     std::shared_ptr<FrameBytes> buf;
     kxd::FrameReport r;
     Codec stream_codec = Codec::kUnknown;  // the stream's codec when the frame was read
+    std::string walk_error;                // what the walk found wrong with the frame's extent, if anything
     bool busy = false;
 
     uint8_t *data() { return buf->bytes.data(); }
@@ -359,9 +360,7 @@ void frame_decrypt(Frame &f, py::handle key_obj) {
     // old one whole; the copy replaces it with the GIL held.
     kxd::FrameReport r = f.r;
     r.flags = f.current_flags();
-    r.error = r.held < r.frame_len ? "truncated: the header says " + std::to_string(r.frame_len) + " bytes, " +
-                                         std::to_string(r.held) + " are present"
-                                   : "";
+    r.error = f.walk_error;
     r.skip_reason.clear();
     r.ud = kxd::UserDataReport();
     {
@@ -389,93 +388,68 @@ py::object frame_userdata(const Frame &f) {
 
 struct Walk {
     std::shared_ptr<Bytes> src;
+    std::unique_ptr<kxd::Walker> walker;  // korvex-dump's walk, over src where it lies
     kxd::Options o;
     std::vector<uint8_t> split = std::vector<uint8_t>(sizeof(TUserDataSplitState), 0);
     Codec codec = Codec::kUnknown;
-    size_t pos = 0;
-    long long index = 0;
     bool strict = true;
     bool done = false;
     bool busy = false;
 
+    // The next frame as korvex-dump walks it: the frame's bytes are copied into the Frame, which is
+    // decrypted and analysed there; strict raises at a broken one.
     Frame next() {
-        if (done || pos >= src->size()) {
-            done = true;
-            throw py::stop_iteration();
-        }
+        if (done) throw py::stop_iteration();
         Busy guard(&busy, "the read_frames iterator");
         Frame f;
         f.buf = std::make_shared<FrameBytes>();
         kxd::FrameReport &r = f.r;
-        r.index = index++;
-        r.offset = pos;
-        const uint8_t *at = src->data() + pos;
-        size_t avail = src->size() - pos;
-        if (avail < KX_FRAME_HEADER_LEN) {
-            r.error = "only " + std::to_string(avail) + " bytes left, too short for a frame header";
-            r.held = avail;
-            f.buf->bytes.assign(at, at + avail);
-            done = true;
-            if (strict) raise("FrameError", -104, frame_where(r) + r.error);
-            return f;
+        const uint8_t *at = nullptr;
+        bool more;
+        {
+            py::gil_scoped_release nogil;
+            more = walker->next(&r, &at);
         }
-        kxd::read_header(at, &r);
-        r.valid = kxd::sound_header(at);
+        if (!more) {
+            done = true;
+            throw py::stop_iteration();
+        }
+        f.walk_error = r.error;
         if (!r.valid) {
-            char msg[160];
-            snprintf(msg, sizeof(msg), "invalid frame header (uiFrameLen %u, uiPayloadLen %u, extension %u x %u)",
-                     r.frame_len, r.payload_len, r.ext_count, r.ext_size);
-            r.error = msg;
-            f.buf->bytes.assign(at, at + KX_FRAME_HEADER_LEN);
+            // A broken header keeps its 32 bytes; the last bytes of the input, too few for a header, all.
+            f.buf->bytes.assign(at, at + (r.has_header ? size_t(KX_FRAME_HEADER_LEN) : r.held));
             if (strict) {
                 done = true;
-                raise("FrameError", -102, frame_where(r) + r.error);
+                raise("FrameError", r.has_header ? -102 : -104, frame_where(r) + r.error);
             }
-            resync();
+            bool found;
+            {
+                py::gil_scoped_release nogil;  // the search for the next sound header
+                uint64_t skipped;
+                found = walker->advance(&skipped);
+            }
+            if (!found) done = true;
             return f;
         }
-        r.held = std::min(avail, size_t(r.frame_len));
         f.buf->bytes.assign(at, at + r.held);
-        bool truncated = r.held < r.frame_len;
-        if (truncated) {
-            r.error = "truncated: the header says " + std::to_string(r.frame_len) + " bytes, " +
-                      std::to_string(r.held) + " are present";
-        }
         f.stream_codec = codec;
         int rc;
         {
             py::gil_scoped_release nogil;
             rc = kxd::examine_frame(o, f.data(), &r, &codec, split.data(), int(split.size()));
+            uint64_t skipped;
+            if (!walker->advance(&skipped)) done = true;
         }
-        pos += r.held;
-        if (truncated) done = true;
-        if (strict && truncated) {
+        if (strict && !f.walk_error.empty()) {
             done = true;
-            raise("FrameError", -104, frame_where(r) + r.error);
+            bool truncated = r.held < r.frame_len && f.walk_error.rfind("truncated", 0) == 0;
+            raise("FrameError", truncated ? -104 : -102, frame_where(r) + f.walk_error);
         }
         if (strict && rc != 0) {
             done = true;
             raise(decrypt_class(rc), rc, frame_where(r) + r.error);
         }
         return f;
-    }
-
-    // The next sound header behind the current position, as korvex-dump searches; the end otherwise.
-    void resync() {
-        const uint8_t *p = src->data();
-        size_t n = src->size();
-        size_t found = n;
-        {
-            py::gil_scoped_release nogil;
-            for (size_t i = pos + 1; i + KX_FRAME_HEADER_LEN <= n; ++i) {
-                if (kxd::sound_header(p + i)) {
-                    found = i;
-                    break;
-                }
-            }
-        }
-        pos = found;
-        if (found == n) done = true;
     }
 };
 
@@ -719,6 +693,7 @@ PYBIND11_MODULE(korvex, m) {
               w.o.key = k.text;
               w.strict = strict;
               w.src = open_source(source);
+              w.walker = std::make_unique<kxd::Walker>(w.src->data(), w.src->size());
               return w;
           },
           py::arg("source"), py::arg("key") = py::none(), py::arg("codec") = "auto", py::arg("strict") = true,
@@ -728,9 +703,11 @@ PYBIND11_MODULE(korvex, m) {
           "16 bytes) encrypted frames are decrypted, in either mode; without it they are yielded encrypted and "
           "their user data is not analysed. codec is 'auto' (the first frame the probes recognise decides), "
           "'h264' or 'h265'. User data split over consecutive frames is joined.\n\n"
-          "strict=True raises at the first broken frame: FrameError for an invalid header or a frame cut short, "
-          "WrongKeyError when the key is wrong. strict=False yields broken frames with their error set, and "
-          "after an invalid header searches on for the next valid one, as korvex-dump does.\n\n"
+          "strict=True raises at the first broken frame: FrameError for an invalid header (-102), a length that "
+          "runs over the next frame header (-102) or a frame cut short (-104), WrongKeyError when the key is "
+          "wrong. strict=False yields broken frames with their error set, ends a frame whose length runs over "
+          "the next frame header at that header, and after an invalid header searches on for the next valid "
+          "one, as korvex-dump does.\n\n"
           "mask chooses the analysis as korvex-dump --mask does: None the single-frame analysis; a number or "
           "'all' the two-layout analysis, for frames that begin with an old (F0) or new (F1) container, "
           "decoding the blocks whose bit is set (bit 0 time, 3 VCA targets, 7 plates, 8 OSD, 15 PTZ, ...).");

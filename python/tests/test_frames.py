@@ -124,6 +124,29 @@ def test_broken_files(make_recording, tmp_path):
         korvex.read_frames(12)
 
 
+def test_broken_files_equal_korvex_dump(make_recording, dump, tmp_path):
+    good = make_recording("old-None").read_bytes()
+    first_len = struct.unpack_from("<I", good, 4)[0]
+    # The first frame claims 100 bytes more (frame and payload length alike, so its header is sound):
+    # it is read up to the second frame's header, and the second frame stays whole.
+    long = bytearray(good)
+    for at in (4, 20):
+        struct.pack_into("<I", long, at, struct.unpack_from("<I", long, at)[0] + 100)
+    smashed = bytearray(good)
+    smashed[first_len + 4:first_len + 8] = b"\xff\xff\xff\xff"
+    for name, data in (("long", long), ("smashed", smashed), ("cut", good[:-10]), ("tail", good + b"\0" * 7)):
+        path = tmp_path / f"{name}.frames"
+        path.write_bytes(data)
+        expected = [json_times(line) for line in dump(str(path))]
+        frames = list(korvex.read_frames(path, strict=False))
+        assert [f.report() for f in frames] == expected, name
+        with pytest.raises(korvex.FrameError):
+            list(korvex.read_frames(path))
+    frames = list(korvex.read_frames(long, strict=False))
+    assert [(f.index, f.offset, f.held) for f in frames[:2]] == [(0, 0, first_len), (1, first_len, frames[1].frame_len)]
+    assert "next frame header follows" in frames[0].error and frames[1].error is None and len(frames) == FRAMES
+
+
 def test_encrypt_frame_round_trip(make_recording):
     clear = next(korvex.read_frames(make_recording("old-None")))
     for mode in ("plain", "enhanced"):

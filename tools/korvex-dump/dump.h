@@ -4,6 +4,7 @@
 #pragma once
 
 #include <stdint.h>
+#include <stdio.h>
 
 #include <functional>
 #include <string>
@@ -104,6 +105,57 @@ struct WalkTotals {
 // frame was encrypted) when r.skip_reason is empty, and null when not even a header was there.
 // Returning false ends the walk.
 using FrameVisitor = std::function<bool(const FrameReport &r, const uint8_t *frame)>;
+
+// Input for the walk: a file read through a buffer that keeps the bytes from the read position on in one
+// piece (so a whole frame, 3 MiB at most, can be looked at in place), or bytes already in memory, read
+// where they are.
+class WalkInput {
+public:
+    explicit WalkInput(FILE *f) : f_(f) {}
+    WalkInput(const uint8_t *data, size_t size) : mem_(data), mem_size_(size) {}
+    // Makes n bytes available at the read position unless the input ends first; gives what is there.
+    size_t fill(size_t n);
+    const uint8_t *data() const { return f_ != nullptr ? buf_.data() + pos_ : mem_ + pos_; }
+    size_t avail() const { return (f_ != nullptr ? buf_.size() : mem_size_) - pos_; }
+    void consume(size_t n);
+    uint64_t offset() const { return offset_; }
+    int error() const { return error_; }
+
+private:
+    FILE *f_ = nullptr;
+    const uint8_t *mem_ = nullptr;
+    size_t mem_size_ = 0;
+    Bytes buf_;
+    size_t pos_ = 0;
+    uint64_t offset_ = 0;
+    bool eof_ = false;
+    int error_ = 0;
+};
+
+// The walk one frame at a time, shared by walk() and the Python module. next() reads the frame at the
+// read position: its index, offset and header into *r, how many of its bytes the input holds (r->held)
+// and, for a broken header, a cut or a truncated frame, r->error; *frame points at its bytes in the
+// input, valid until the next call. advance() then moves on behind it: behind its held bytes, or after
+// a broken header to the next sound header (*skipped gets the bytes passed over). advance() is false
+// when the walk ends there (a truncated frame, the input's last bytes too short for a header, no sound
+// header behind a broken one); next() is false at the end of the input.
+class Walker {
+public:
+    explicit Walker(FILE *f) : in_(f) {}
+    Walker(const uint8_t *data, size_t size) : in_(data, size) {}
+    bool next(FrameReport *r, const uint8_t **frame);
+    bool advance(uint64_t *skipped);
+    uint64_t offset() const { return in_.offset(); }
+    int error() const { return in_.error(); }  // errno of a failed read, or 0
+
+private:
+    WalkInput in_;
+    long long index_ = 0;
+    size_t held_ = 0;          // bytes of the frame next() gave
+    bool broken_header_ = false;
+    bool last_ = false;        // the frame next() gave ends the walk
+    bool ended_ = false;
+};
 
 // Reads the frames of o.input one behind the other, reports every broken frame on standard error and
 // hands each frame to visit. 0, or 2 when the input cannot be opened or read.

@@ -17,55 +17,33 @@
 
 namespace kxd {
 
-namespace {
-
 using kxt::Codec;
 
-// Buffered reading that keeps the bytes from the read position on in one piece, so that a whole frame
-// (3 MiB at most) can be looked at in place.
-class Input {
-public:
-    explicit Input(FILE *f) : f_(f) {}
-    // Makes n bytes available at the read position unless the input ends first; gives what is there.
-    size_t fill(size_t n) {
-        if (avail() >= n || eof_) return avail();
-        if (pos_ > 0) {
-            buf_.erase(buf_.begin(), buf_.begin() + long(pos_));
-            pos_ = 0;
-        }
-        while (buf_.size() < n && !eof_) {
-            size_t old = buf_.size();
-            size_t want = std::max(n - old, size_t(1) << 16);
-            buf_.resize(old + want);
-            size_t got = fread(buf_.data() + old, 1, want, f_);
-            buf_.resize(old + got);
-            if (got == 0) {
-                eof_ = true;
-                error_ = ferror(f_) != 0 ? errno : 0;
-            }
-        }
-        return avail();
+size_t WalkInput::fill(size_t n) {
+    if (f_ == nullptr || avail() >= n || eof_) return avail();
+    if (pos_ > 0) {
+        buf_.erase(buf_.begin(), buf_.begin() + long(pos_));
+        pos_ = 0;
     }
-    uint8_t *data() { return buf_.data() + pos_; }
-    size_t avail() const { return buf_.size() - pos_; }
-    void consume(size_t n) {
-        n = std::min(n, avail());
-        pos_ += n;
-        offset_ += n;
+    while (buf_.size() < n && !eof_) {
+        size_t old = buf_.size();
+        size_t want = std::max(n - old, size_t(1) << 16);
+        buf_.resize(old + want);
+        size_t got = fread(buf_.data() + old, 1, want, f_);
+        buf_.resize(old + got);
+        if (got == 0) {
+            eof_ = true;
+            error_ = ferror(f_) != 0 ? errno : 0;
+        }
     }
-    uint64_t offset() const { return offset_; }
-    int error() const { return error_; }
+    return avail();
+}
 
-private:
-    FILE *f_;
-    Bytes buf_;
-    size_t pos_ = 0;
-    uint64_t offset_ = 0;
-    bool eof_ = false;
-    int error_ = 0;
-};
-
-}  // namespace
+void WalkInput::consume(size_t n) {
+    n = std::min(n, avail());
+    pos_ += n;
+    offset_ += n;
+}
 
 bool sound_header(const uint8_t *p) {
     const __S_FrameHeader *h = reinterpret_cast<const __S_FrameHeader *>(p);
@@ -76,7 +54,7 @@ namespace {
 
 // Moves the read position to the next sound header behind the current one; false at the end of the
 // input. *skipped receives the bytes passed over.
-bool resync(Input &in, uint64_t *skipped) {
+bool resync(WalkInput &in, uint64_t *skipped) {
     *skipped = 0;
     in.consume(1);
     *skipped = 1;
@@ -166,16 +144,23 @@ const char *decrypt_failure(int rc) {
 // from it: its own frame ends at the end of the input or at another sound header. The length of the
 // frame up to it, or 0 when there is none. A header that begins inside the claimed length is read
 // whole, also where it runs past the claimed end, whatever part of the input is buffered.
-size_t next_header_inside(Input &in, size_t claimed) {
-    for (size_t k = KX_FRAME_HEADER_LEN;; ++k) {
-        size_t avail = in.fill(k + KX_FRAME_HEADER_LEN);
-        if (k >= claimed || k + KX_FRAME_HEADER_LEN > avail) return 0;
-        const uint8_t *p = in.data() + k;
-        if (p[7] != 0 || p[23] != 0 || !sound_header(p)) continue;  // both lengths are below 2^24
+size_t next_header_inside(WalkInput &in, size_t claimed) {
+    size_t avail = in.fill(claimed + KX_FRAME_HEADER_LEN);  // the frame and a header behind it, if there
+    for (size_t k = KX_FRAME_HEADER_LEN; k < claimed && k + KX_FRAME_HEADER_LEN <= avail; ++k) {
+        // Both lengths of a sound header are below 2^24: on to the next place whose uiFrameLen ends
+        // in a zero byte, then uiPayloadLen too.
+        const uint8_t *base = in.data();
+        size_t end_k = std::min(claimed, avail - KX_FRAME_HEADER_LEN + 1);
+        const void *zero = memchr(base + k + 7, 0, end_k - k);
+        if (zero == nullptr) return 0;
+        k = size_t(static_cast<const uint8_t *>(zero) - base) - 7;
+        const uint8_t *p = base + k;
+        if (p[23] != 0 || !sound_header(p)) continue;
         size_t end = k + fh_frame_len(p);
         avail = in.fill(end + KX_FRAME_HEADER_LEN);
         if (end == avail || (end + KX_FRAME_HEADER_LEN <= avail && sound_header(in.data() + end))) return k;
     }
+    return 0;
 }
 
 std::string header_error(const FrameReport &r) {
@@ -197,6 +182,68 @@ std::string header_error(const FrameReport &r) {
 }
 
 }  // namespace
+
+bool Walker::next(FrameReport *r, const uint8_t **frame) {
+    *frame = nullptr;
+    if (ended_) return false;
+    size_t avail = in_.fill(KX_FRAME_HEADER_LEN);
+    if (avail == 0) {
+        ended_ = true;
+        return false;
+    }
+    *r = FrameReport();
+    r->index = index_++;
+    r->offset = in_.offset();
+    *frame = in_.data();
+    broken_header_ = false;
+    if (avail < KX_FRAME_HEADER_LEN) {
+        r->error = "only " + std::to_string(avail) + " bytes left, too short for a frame header";
+        r->held = avail;
+        held_ = avail;
+        last_ = true;
+        return true;
+    }
+    read_header(in_.data(), r);
+    r->valid = sound_header(in_.data());
+    if (!r->valid) {
+        r->error = header_error(*r);
+        broken_header_ = true;
+        held_ = 0;
+        last_ = false;
+        return true;
+    }
+    size_t cut = next_header_inside(in_, r->frame_len);
+    r->held = cut != 0 ? cut : std::min(in_.fill(r->frame_len), size_t(r->frame_len));
+    *frame = in_.data();
+    held_ = r->held;
+    last_ = r->held < r->frame_len && cut == 0;
+    if (cut != 0) {
+        r->error = "the header says " + std::to_string(r->frame_len) + " bytes, but the next frame header follows " +
+                   std::to_string(cut) + " bytes on; read as " + std::to_string(cut) + " bytes";
+    } else if (last_) {
+        r->error = "truncated: the header says " + std::to_string(r->frame_len) + " bytes, " +
+                   std::to_string(r->held) + " are present";
+    }
+    return true;
+}
+
+bool Walker::advance(uint64_t *skipped) {
+    *skipped = 0;
+    if (ended_) return false;
+    if (last_) {
+        in_.consume(held_);
+        ended_ = true;
+        return false;
+    }
+    if (broken_header_) {
+        broken_header_ = false;
+        if (!resync(in_, skipped)) ended_ = true;
+        return !ended_;
+    }
+    in_.consume(held_);
+    held_ = 0;
+    return true;
+}
 
 int examine_frame(const Options &o, uint8_t *frame, FrameReport *r, kxt::Codec *codec, void *split_state,
                   int split_state_size) {
@@ -245,69 +292,47 @@ int walk(const Options &o, const FrameVisitor &visit, WalkTotals *totals) {
         kxt::errorf(fmt, args...);
     };
 
-    Input in(f);
+    Walker walker(f);
     // The stream's record of containers split over frames; large, so it lives on the heap.
     Bytes split(sizeof(TUserDataSplitState), 0);
     WalkTotals &t = *totals;
     t = WalkTotals();
     t.codec = o.codec;
-    bool stop = false;
+    FrameReport r;
+    const uint8_t *held = nullptr;
 
-    while (!stop) {
-        size_t avail = in.fill(KX_FRAME_HEADER_LEN);
-        if (avail == 0) break;
-        FrameReport r;
-        r.index = t.frames++;
-        r.offset = in.offset();
-        if (avail < KX_FRAME_HEADER_LEN) {
-            r.error = "only " + std::to_string(avail) + " bytes left, too short for a frame header";
-            r.held = avail;
-        } else {
-            read_header(in.data(), &r);
-            r.valid = sound_header(in.data());
-            if (!r.valid) r.error = header_error(r);
-        }
-        if (!r.error.empty()) {
+    while (walker.next(&r, &held)) {
+        ++t.frames;
+        uint64_t skipped = 0;
+        if (!r.valid) {
             ++t.broken;
             report_error("frame %lld at offset %llu: %s", r.index, (unsigned long long)r.offset, r.error.c_str());
-            stop = !visit(r, r.has_header ? in.data() : nullptr);
-            uint64_t skipped = 0;
-            if (!r.has_header || stop) break;
-            if (resync(in, &skipped)) {
+            if (!visit(r, r.has_header ? held : nullptr) || !r.has_header) break;
+            if (walker.advance(&skipped)) {
                 report_error("found the next frame header at offset %llu, %llu bytes on",
-                             (unsigned long long)in.offset(), (unsigned long long)skipped);
+                             (unsigned long long)walker.offset(), (unsigned long long)skipped);
                 continue;
             }
             report_error("no further frame header in the last %llu bytes", (unsigned long long)skipped);
             break;
         }
-
-        size_t cut = next_header_inside(in, r.frame_len);
-        r.held = cut != 0 ? cut : std::min(in.fill(r.frame_len), size_t(r.frame_len));
-        uint8_t *frame = in.data();
-        bool truncated = r.held < r.frame_len && cut == 0;
-        if (cut != 0) {
-            r.error = "the header says " + std::to_string(r.frame_len) + " bytes, but the next frame header follows " +
-                      std::to_string(cut) + " bytes on; read as " + std::to_string(cut) + " bytes";
-        } else if (truncated) {
-            r.error = "truncated: the header says " + std::to_string(r.frame_len) + " bytes, " +
-                      std::to_string(r.held) + " are present";
-        }
+        // The file's bytes sit in the walker's own buffer, which the frame is decrypted in.
+        uint8_t *frame = const_cast<uint8_t *>(held);
         examine_frame(o, frame, &r, &t.codec, split.data(), int(split.size()));
         if (r.ud.status == "ok" || r.ud.status == "fragment") ++t.with_user_data;
         if (!r.error.empty()) {
             ++t.broken;
             report_error("frame %lld at offset %llu: %s", r.index, (unsigned long long)r.offset, r.error.c_str());
         }
-        stop = !visit(r, frame);
-        in.consume(r.held);
-        progress.update(t.frames, in.offset());
-        if (truncated) break;
+        bool more = visit(r, frame);
+        more = walker.advance(&skipped) && more;
+        progress.update(t.frames, walker.offset());
+        if (!more) break;
     }
     progress.clear();
     int rc = 0;
-    if (in.error() != 0) {
-        kxt::errorf("cannot read '%s': %s", o.input.c_str(), strerror(in.error()));
+    if (walker.error() != 0) {
+        kxt::errorf("cannot read '%s': %s", o.input.c_str(), strerror(walker.error()));
         rc = 2;
     }
     if (f != stdin) fclose(f);
