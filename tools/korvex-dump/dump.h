@@ -178,6 +178,10 @@ bool sound_header(const uint8_t *p);
 void read_header(const uint8_t *p, FrameReport *r);
 int examine_frame(const Options &o, uint8_t *frame, FrameReport *r, kxt::Codec *codec, void *split_state,
                   int split_state_size);
+// --key, --codec and --mask, which every tool that walks frames takes alike. is_walk_option tells
+// whether a is one of them; set_walk_option stores its value v: 0, or 2 (said on standard error).
+bool is_walk_option(const std::string &a);
+int set_walk_option(const std::string &a, const std::string &v, Options *o);
 // --probe and --index; the exit status of the tool.
 int run_probe(const Options &o);
 int run_index(const Options &o);

@@ -114,29 +114,9 @@ int parse_options(int argc, char **argv, kxd::Options *o) {
             o->progress = 0;
         } else if (a == "--probe") {
             o->probe = true;
-        } else if (a == "--key") {
+        } else if (kxd::is_walk_option(a)) {
             if (!value()) return 2;
-            if (v.empty() || v.size() > 16) return errorf("a key has 1 to 16 characters"), 2;
-            o->has_key = true;
-            o->key = v;
-        } else if (a == "--mask") {
-            if (!value()) return 2;
-            o->two_layout = true;
-            if (v == "all") {
-                o->type = 255;  // every block, whatever the mask says
-                o->mask = 0x7FFFFFFF;
-            } else if (kxt::parse_int(v, 1, 0x7FFFFFFF, &n)) {
-                o->type = 0;  // any type but 255 lets the mask choose
-                o->mask = int(n);
-            } else {
-                return errorf("--mask takes a positive number or all, not '%s'", v.c_str()), 2;
-            }
-        } else if (a == "--codec") {
-            if (!value()) return 2;
-            if (v == "h264") o->codec = kxt::Codec::kH264;
-            else if (v == "h265") o->codec = kxt::Codec::kH265;
-            else if (v == "auto") o->codec = kxt::Codec::kUnknown;
-            else return errorf("--codec takes auto, h264 or h265, not '%s'", v.c_str()), 2;
+            if (kxd::set_walk_option(a, v, o) != 0) return 2;
         } else if (a == "--index") {
             if (!value()) return 2;
             if (!kxt::parse_int(v, 0, 5, &n)) return errorf("--index takes a sign type from 0 to 5, not '%s'", v.c_str()), 2;

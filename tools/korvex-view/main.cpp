@@ -133,29 +133,9 @@ int parse_options(int argc, char **argv, ViewOptions *v) {
         } else if (a == "--font") {
             if (!value()) return 2;
             v->font = s;
-        } else if (a == "--key") {
+        } else if (kxd::is_walk_option(a)) {
             if (!value()) return 2;
-            if (s.empty() || s.size() > 16) return errorf("a key has 1 to 16 characters"), 2;
-            o->has_key = true;
-            o->key = s;
-        } else if (a == "--codec") {
-            if (!value()) return 2;
-            if (s == "h264") o->codec = kxt::Codec::kH264;
-            else if (s == "h265") o->codec = kxt::Codec::kH265;
-            else if (s == "auto") o->codec = kxt::Codec::kUnknown;
-            else return errorf("--codec takes auto, h264 or h265, not '%s'", s.c_str()), 2;
-        } else if (a == "--mask") {
-            if (!value()) return 2;
-            o->two_layout = true;
-            if (s == "all") {
-                o->type = 255;
-                o->mask = 0x7FFFFFFF;
-            } else if (kxt::parse_int(s, 1, 0x7FFFFFFF, &n)) {
-                o->type = 0;
-                o->mask = int(n);
-            } else {
-                return errorf("--mask takes a positive number or all, not '%s'", s.c_str()), 2;
-            }
+            if (kxd::set_walk_option(a, s, o) != 0) return 2;
         } else if (a.size() > 1 && a[0] == '-') {
             return errorf("unknown option %s (see --help)", a.c_str()), 2;
         } else {
