@@ -54,15 +54,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (opt & 8) memset(split.data(), 0, split.size());
     kxd::Options o;
     o.quiet = true;
-    if (opt & 1) {
-        o.has_key = true;
-        o.key = "fuzzkey";
-    }
-    if (opt & 2) {
-        o.two_layout = true;
-        o.type = 255;
-        o.mask = 0x7FFFFFFF;
-    }
+    if (opt & 1) kxd::set_walk_option("--key", "fuzzkey", &o);
+    if (opt & 2) kxd::set_walk_option("--mask", "all", &o);
     kxt::Codec codec = (opt & 4) ? kxt::Codec::kH265 : kxt::Codec::kUnknown;
     kxd::FrameReport r;
     kxd::read_header(frame.data(), &r);

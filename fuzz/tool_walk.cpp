@@ -123,15 +123,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     o.input = g_path;
     o.progress = 0;
     o.quiet = true;
-    if (opt & 1) {
-        o.has_key = true;
-        o.key = "fuzzkey";
-    }
-    if (opt & 2) {
-        o.two_layout = true;
-        o.type = 255;
-        o.mask = 0x7FFFFFFF;
-    }
+    if (opt & 1) kxd::set_walk_option("--key", "fuzzkey", &o);
+    if (opt & 2) kxd::set_walk_option("--mask", "all", &o);
     const kxt::Codec codecs[] = {kxt::Codec::kUnknown, kxt::Codec::kH264, kxt::Codec::kH265, kxt::Codec::kUnknown};
     o.codec = codecs[(opt >> 2) & 3];
     o.raw_text = (opt & 0x10) != 0;
