@@ -1,6 +1,6 @@
 # korvex: the two everyday commands are `make demo` and `make test`.
 PREFIX ?= /usr/local
-PACKAGES := cmake ninja-build g++ clang libclang-rt-dev googletest libgtest-dev libbenchmark-dev libssl-dev \
+PACKAGES := cmake ninja-build ccache g++ clang libclang-rt-dev googletest libgtest-dev libbenchmark-dev libssl-dev \
             nlohmann-json3-dev pkg-config tshark libpcap-dev libuv1-dev \
             ffmpeg libavcodec-dev libavformat-dev libavfilter-dev libswscale-dev libavutil-dev fonts-dejavu-core \
             python3-dev python3-pybind11 python3-pytest python3-hypothesis \
