@@ -33,10 +33,17 @@ struct SendLock {
 };
 
 // The addresses a head carries, as inet_addr gives them: 0.0.0.0 with ip_ver 1, otherwise the
-// client's texts (a text that is no dotted quad gives all bits set).
+// client's texts (a text that is no dotted quad gives all bits set). The client keeps them worked
+// out while its texts stay the same, so they are parsed once per connection.
 void head_addresses(_NetLink *link, uint32_t *remote, uint32_t *local) {
     if (link->ip_ver == 1) {
         *remote = *local = inet_addr("0.0.0.0");
+        return;
+    }
+    if (link->client != nullptr) {
+        sdk_mutex_lock(link->mtx_send);
+        net_tcp_client_head_addrs(link->client, remote, local);
+        sdk_mutex_unlock(link->mtx_send);
         return;
     }
     char rip[16] = "", lip[16] = "";
