@@ -813,8 +813,9 @@ KX_API int net_udp_client_drop_multicase(_NetUdpClient *client, const char *ip);
  *
  *  Threads and locks: the parser runs on the event thread under the main lock and the link's process
  *  lock; a caller thread shuts it out with net_link_lock(). The send calls may come from any thread,
- *  the parser included; they take the link's send lock, and the event thread flushes the queue when
- *  the socket has room. Null arguments log "param NULL" or "NULL == link" (error group).
+ *  the parser included; they take the link's send lock, which covers a packet's sequence number, its
+ *  head and its body, so numbers go out in order and packets never interleave; the event thread
+ *  flushes the queue when the socket has room. Null arguments log "param NULL" or "NULL == link" (error group).
  *  @{ */
 #define LINK_BUF_SIZE 2048 /**< bytes of a link's receive buffer */
 /* Head types handed to the parser. */
@@ -953,8 +954,9 @@ KX_API int net_link_send_package(_NetLink *link, const char *data, int size);
  *  @param size at most 1440 (else logs "net_link_send_command invalid size %d").
  *  @return as net_link_send_package(). */
 KX_API int net_link_send_command(_NetLink *link, const char *data, int size);
-/** Sends any length in chunks of 1440 bytes, each behind a data head. Serialise it with other sends
- *  on the same link: another thread's bytes could fall between a head and its body.
+/** Sends any length in chunks of 1440 bytes, each behind a data head. The chunks of one call follow
+ *  each other on the wire, with nothing of another sender between them or between a head and its
+ *  body.
  *  @param link the link.
  *  @param data the bytes.
  *  @param size their number, above 0.

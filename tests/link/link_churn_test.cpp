@@ -16,6 +16,11 @@
 
 namespace {
 
+uint32_t le_at(const std::string &s, size_t off, int n) {
+    uint32_t v = 0;
+    for (int i = n - 1; i >= 0; i--) v = v << 8 | (uint8_t)s[off + i];
+    return v;
+}
 uint32_t fnv(const char *p, size_t n) {
     uint32_t h = 2166136261u;
     for (size_t i = 0; i < n; i++) h = (h ^ (uint8_t)p[i]) * 16777619u;
@@ -138,6 +143,77 @@ TEST(LinkChurn, SendsNeverReachTheConnectionThatTakesTheirDescriptor) {
     EXPECT_EQ(churn.foreign.size(), (size_t)kRounds);
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(foreign.bytes.load(), 0u);
+    close(lfd);
+}
+
+// 16 threads send commands and data (one chunk and two) on one link. On the wire the sequence
+// numbers follow each other without a gap, every body stands right behind its head, and each
+// thread's packets keep the order of its calls.
+TEST(LinkChurn, SixteenSendersKeepSequenceOrderAndHeadsWithTheirBodies) {
+    ASSERT_EQ(sdk_os_startup(0, 1), 1);
+    uint16_t port = 0;
+    int lfd = listen_on("127.0.0.1", &port);
+    _NetLink *link = net_link_create();
+    _NetTcpClient *client = net_tcp_client_create();
+    net_tcp_client_set_remote(client, "127.0.0.1", port);
+    ASSERT_EQ(net_link_set_core(link, client), 0);
+    ASSERT_EQ(net_tcp_client_open(client, -1), 1);
+    int peer = accept_within(lfd);
+    ASSERT_GE(peer, 0);
+
+    const uint32_t kThreads = 16, kCalls = 300;
+    size_t total = 0;  // bytes on the wire
+    for (uint32_t n = 0; n < kCalls; n++) {
+        size_t size = 40 + n % 7 * 211;
+        total += (n % 3 == 2 ? size + 1500 + 2 * LINK_HEAD_SIZE : size + LINK_HEAD_SIZE) * kThreads;
+    }
+    std::string stream;
+    std::thread reader([&] { stream = read_n(peer, total, 30000); });
+    std::vector<std::thread> senders;
+    for (uint32_t t = 0; t < kThreads; t++)
+        senders.emplace_back([&, t] {
+            for (uint32_t n = 0; n < kCalls; n++) {
+                std::string body = body_of(t, n, 40 + n % 7 * 211);
+                if (n % 3 == 0) net_link_send_command(link, body.data(), (int)body.size());
+                if (n % 3 == 1) net_link_send_data(link, body.data(), (int)body.size());
+                if (n % 3 == 2) {
+                    // Two chunks: a full one, then the body of this count.
+                    std::string two = body_of(t, n, LINK_MAX_BODY) + body_of(t, n, body.size() + 60);
+                    net_link_send_data(link, two.data(), (int)two.size());
+                }
+            }
+        });
+    for (auto &t : senders) t.join();
+    reader.join();
+    ASSERT_EQ(stream.size(), total);
+
+    std::map<uint32_t, uint32_t> next_count;  // per sender: the count its next packet carries
+    uint32_t seq = 0;
+    size_t off = 0;
+    while (off < stream.size()) {
+        ASSERT_LE(off + LINK_HEAD_SIZE, stream.size());
+        bool command = stream.compare(off, 4, "\xF1\xF5\xEA\xF5") == 0;
+        ASSERT_TRUE(command || stream.compare(off, 4, "\xF1\xF5\xEA\xF9") == 0) << "no head at " << off;
+        EXPECT_EQ(le_at(stream, off + 4, command ? 2 : 4), command ? seq % 65536 : seq) << "at " << off;
+        seq++;
+        size_t len = le_at(stream, off + (command ? 6 : 14), 2);
+        ASSERT_LE(off + len, stream.size());
+        const char *body = stream.data() + off + LINK_HEAD_SIZE;
+        size_t body_len = len - LINK_HEAD_SIZE;
+        uint32_t sum;
+        memcpy(&sum, body + body_len - 4, 4);
+        ASSERT_EQ(sum, fnv(body, body_len - 4)) << "a body cut or spliced at " << off;
+        uint32_t sender = le_at(stream, off + LINK_HEAD_SIZE, 4), count = le_at(stream, off + LINK_HEAD_SIZE + 4, 4);
+        // The first chunk of a two-chunk call carries the same count as the second.
+        bool first_of_two = body_len == LINK_MAX_BODY && count % 3 == 2;
+        EXPECT_EQ(count, next_count[sender]) << "sender " << sender;
+        if (!first_of_two) next_count[sender] = count + 1;
+        off += len;
+    }
+    EXPECT_EQ(seq, kThreads * (kCalls + kCalls / 3));
+    for (uint32_t t = 0; t < kThreads; t++) EXPECT_EQ(next_count[t], kCalls);
+    net_link_destroy(link);
+    close(peer);
     close(lfd);
 }
 
