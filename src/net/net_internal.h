@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <atomic>
 
@@ -14,6 +15,7 @@
 enum {
     KX_CLIENT_POOL_MIN = 200,  // the client pool has max(clientnum, this) slots
     KX_READ_SLICE = 65536,     // bytes one read event takes from a client before it yields
+    KX_SEND_IOV_MAX = 128,     // runs one net_tcp_client_sendv takes (well below any system's IOV_MAX)
 };
 
 // A slot of the client pool: the public record first, so that a _NetTcpClient pointer is a pointer
@@ -91,6 +93,10 @@ _NetUdpClient *pool_udp_at(uint32_t i);
 // one, which finds nothing to send). Any thread, without the main lock (a link calls it with its
 // mtx_send held); cheap when nothing changes.
 void net_tcp_client_want_write(_NetTcpClient *client, int want);
+// net_tcp_client_send of the runs iov[0, n) as one stream of bytes, in one system call: the count
+// taken (which may end inside any run), 0 for would-block or a client still connecting, -1 on
+// failure or for a client that is not connected. n is at most KX_SEND_IOV_MAX.
+int net_tcp_client_sendv(_NetTcpClient *client, const struct iovec *iov, int n);
 // Sets TCP_NODELAY on the client's socket now (if it has one) and at every later open. Any thread.
 void net_tcp_client_set_nodelay(_NetTcpClient *client);
 // The inet_addr values of remote_ip and local_ip (all bits set for a text that is no dotted quad),

@@ -527,6 +527,28 @@ KX_API int net_tcp_client_send(_NetTcpClient *client, const char *data, uint32_t
     return would_block(errno) ? 0 : -1;
 }
 
+}  // extern "C"
+
+int net_tcp_client_sendv(_NetTcpClient *client, const struct iovec *iov, int n) {
+    if (client == nullptr) {
+        sdk_log_msg("client is null");
+        return -1;
+    }
+    if (iov == nullptr || n < 0 || n > KX_SEND_IOV_MAX) return -1;
+    IoLock io(client_slot(client));
+    int status = client_status(client);
+    if (status == 1) return 0;
+    if (status != 2) return -1;
+    msghdr msg = {};
+    msg.msg_iov = const_cast<struct iovec *>(iov);
+    msg.msg_iovlen = (decltype(msg.msg_iovlen))n;
+    ssize_t r = sendmsg(client_fd(client), &msg, kx_platform_send_flags());
+    if (r >= 0) return (int)r;
+    return would_block(errno) ? 0 : -1;
+}
+
+extern "C" {
+
 KX_API int net_tcp_client_read(_NetTcpClient *client, char *buf, uint32_t len) {
     if (client == nullptr) {
         sdk_log_msg("client is null");
