@@ -453,7 +453,8 @@ typedef struct _NetUdpClient {
 typedef struct _SdkTimer _SdkTimer;
 /** @ingroup timers
  *  A timer callback. Runs on the event thread with the main lock and the timer list lock held; it may
- *  create timers and destroy its own timer, but no other.
+ *  create timers and destroy any timer, its own included. A timer destroyed during a tick is not
+ *  called again, also later in the same tick.
  *  @param udata the value given to sdk_timer_create().
  *  @return not read. */
 typedef int (*SdkTimerCallback)(void *udata);
@@ -509,9 +510,11 @@ KX_API void sdk_os_sleep(uint32_t ms);
 KX_API _SdkTimer *sdk_timer_create(SdkTimerCallback callback, uint32_t period, void *udata);
 /** @ingroup timers
  *  Removes and frees a timer. From another thread it waits for a running timer walk to end, so the
- *  callback has finished and will not run again. A callback may destroy its own timer.
+ *  callback has finished and will not run again. A callback may destroy any timer; one destroyed
+ *  during the walk is freed when the walk ends.
  *  @param timer the timer.
- *  @return 1, or 0 for a null timer (logs "timer is null") or a refused removal. */
+ *  @return 1, or 0 for a null timer (logs "timer is null"), a timer destroyed already (logs
+ *          "sdk_timer_destroy: ... is no timer (destroyed already?)") or a refused removal. */
 KX_API int sdk_timer_destroy(_SdkTimer *timer);
 /** @ingroup startup
  *  Accepted for compatibility; no effect.
