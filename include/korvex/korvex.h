@@ -587,7 +587,9 @@ KX_API int net_tcp_client_get_status(_NetTcpClient *client);
  *  @param fd -1, or a connected descriptor (e.g. from net_tcp_server_accept()).
  *  @return 1 or 0 (e.g. "socket fail"). */
 KX_API int net_tcp_client_open(_NetTcpClient *client, int fd);
-/** One non-blocking send.
+/** One non-blocking send. It may race a close on another thread: it either ends before the close
+ *  or finds the client closed and gives -1, so its bytes never reach a socket that took the
+ *  descriptor number after the close.
  *  @param client the client.
  *  @param data the bytes.
  *  @param len their number.
