@@ -5,6 +5,8 @@ PACKAGES := cmake ninja-build ccache g++ clang libclang-rt-dev googletest libgte
             ffmpeg libavcodec-dev libavformat-dev libavfilter-dev libswscale-dev libavutil-dev fonts-dejavu-core \
             python3-dev python3-pybind11 python3-pytest python3-hypothesis \
             doxygen graphviz
+# The tools' manual pages (help2man), korvex-view's font lookup (fontconfig) and a font with Chinese glyphs.
+PACKAGES += help2man libfontconfig-dev fonts-wqy-zenhei
 JOBS ?= 2
 FUZZ_SECONDS ?= 20
 BENCH_SECONDS ?= 0.2
