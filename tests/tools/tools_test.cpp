@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -246,7 +247,7 @@ TEST_F(ToolsTest, BrokenInputIsReportedWithItsOffset) {
     EXPECT_EQ(frames[7]["offset"], offsets[7]);
     EXPECT_EQ(frames[7]["userdata"]["plates"][0], "AB123CD");
 
-    spill(path("garbage"), std::string(5000, 'Z'));
+    spill(path("garbage"), std::string(5000, '\xA5'));  // no text, no known kind: searched through
     Result garbage = dump(path("garbage"));
     EXPECT_EQ(garbage.status, 1);
     EXPECT_NE(garbage.err.find("frame 0 at offset 0: invalid frame header"), std::string::npos) << garbage.err;
@@ -394,7 +395,7 @@ TEST_F(ToolsTest, ViewDrawsTargetsTimeAndPlates) {
 }
 
 TEST_F(ToolsTest, ViewRefusesBrokenInputWithASentence) {
-    spill(path("garbage"), std::string(5000, 'Z'));
+    spill(path("garbage"), std::string(5000, '\xA5'));
     Result g = view("--png " + path("png") + " " + path("garbage"));
     EXPECT_EQ(g.status, 1);
     EXPECT_NE(g.err.find("no picture decoded"), std::string::npos) << g.err;
@@ -481,10 +482,83 @@ TEST_F(ToolsTest, HelpOptionsAndLimits) {
     EXPECT_EQ(big.status, 1);
     EXPECT_NE(big.err.find("more than the 1024 of the old layout"), std::string::npos) << big.err;
     EXPECT_EQ(mkframe("--layout new" + osd + data("testsrc_high.h264")).status, 0);
-    spill(path("text"), "no video in here");
-    Result foreign = mkframe("-o " + path("x") + " " + path("text"));
+    spill(path("junk"), std::string(300, '\xA5'));
+    Result foreign = mkframe("-o " + path("x") + " " + path("junk"));
     EXPECT_EQ(foreign.status, 1);
     EXPECT_NE(foreign.err.find("neither an H.264 nor an H.265"), std::string::npos);
+}
+
+TEST_F(ToolsTest, ForeignInputsAreNamedWithTheCommandThatTakesThem) {
+    for (const char *ext : {"mp4", "mkv"}) {
+        Result made = run(FFMPEG, "-nostdin -v error -f lavfi -i testsrc=size=64x64:rate=25 -frames:v 4 -c:v libx264 " +
+                                      path(std::string("c.") + ext));
+        ASSERT_EQ(made.status, 0) << made.err;
+    }
+    spill(path("text"), "no video in here\n");
+    std::string frames = make("testsrc_high.h264");
+    const std::string container = ": take its video out as a raw stream with 'ffmpeg -i FILE -map 0:v:0 -c copy -f h264";
+    const std::pair<std::string, std::string> foreign[] = {
+        {data("testsrc_high.h264"), "this looks like a raw H.264 stream (Annex B), not a stream of frames: wrap it "
+                                    "into frames with korvex-mkframe"},
+        {data("testsrc_main.h265"), "this looks like a raw H.265 stream (Annex B)"},
+        {path("c.mp4"), "this looks like an MP4/QuickTime file, not a stream of frames" + container},
+        {path("c.mkv"), "this looks like a Matroska/WebM file, not a stream of frames" + container},
+        {path("text"), "this looks like text, not a stream of frames: there is no video in it"},
+    };
+    for (const auto &f : foreign) {
+        SCOPED_TRACE(f.first);
+        Result d = dump(f.first);
+        EXPECT_EQ(d.status, 1);
+        EXPECT_NE(d.err.find("korvex-dump: '" + f.first + "': " + f.second), std::string::npos) << d.err;
+        EXPECT_EQ(count(d.err, "\n"), 2) << d.err;  // the header it found, the sentence, and no search on
+        Result v = view("--png " + path("png") + " " + f.first);
+        EXPECT_EQ(v.status, 1);
+        EXPECT_NE(v.err.find(f.second), std::string::npos) << v.err;
+        EXPECT_EQ(v.err.find("no picture decoded"), std::string::npos) << v.err;
+    }
+    // korvex-mkframe wraps raw streams only, whatever --codec says; nothing is written.
+    for (const std::string &in : {path("c.mp4"), path("c.mkv"), path("text"), frames}) {
+        Result m = mkframe("--codec h264 -o " + path("x") + " " + in);
+        EXPECT_EQ(m.status, 1) << in;
+        EXPECT_NE(m.err.find("not a raw H.264/H.265 stream: "), std::string::npos) << m.err;
+        EXPECT_FALSE(exists("x"));
+    }
+    EXPECT_NE(mkframe("-o " + path("x") + " " + frames).err.find("korvex-dump and korvex-view read it"), std::string::npos);
+    Result p = dump("--probe " + path("c.mp4"));
+    EXPECT_EQ(p.status, 1);
+    EXPECT_NE(p.err.find("neither an H.264 nor an H.265 Annex B stream; this looks like an MP4"), std::string::npos);
+}
+
+TEST_F(ToolsTest, MkframeAndProbeReadTheirInputInPieces) {
+    // 24 MiB: 2^14 copies of the test stream one behind the other, made by the shell so that this
+    // process stays small (the tools' peak memory is measured over its children). Read whole, the
+    // input alone would take that much memory.
+    size_t copies = 1u << 14, size = slurp(data("testsrc_high.h264")).size();
+    ASSERT_EQ(system(("cd " + dir_ + " && cp " + data("testsrc_high.h264") + " big.h264 && for i in $(seq 14); do "
+                      "cat big.h264 big.h264 > two && mv two big.h264; done").c_str()), 0);
+    // The peak memory of one command (KiB), its own, whatever ran before in this process.
+    auto peak = [&](const std::string &cmd) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            execl("/bin/sh", "sh", "-c", ("exec " + cmd + " >" + path("out.txt")).c_str(), (char *)nullptr);
+            _exit(127);
+        }
+        int status = 0;
+        struct rusage ru;
+        EXPECT_EQ(wait4(pid, &status, 0, &ru), pid);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << cmd;
+        return ru.ru_maxrss;
+    };
+    EXPECT_LT(peak(std::string(KORVEX_MKFRAME) + " -q --plate AB123CD -o " + path("big.frames") + " " + path("big.h264")),
+              20 * 1024);
+    EXPECT_LT(peak(std::string(KORVEX_DUMP) + " --probe --json " + path("big.h264")), 20 * 1024);
+    Json probe = Json::parse(slurp(path("out.txt")));
+    EXPECT_EQ(probe["access_units"], 8 * copies);
+    EXPECT_EQ(probe["key_frames"], copies);
+    EXPECT_EQ(probe["bytes"], copies * size);
+    Result d = dump("-q " + path("big.frames"));
+    EXPECT_NE(d.out.find(std::to_string(8 * copies) + " frames, 0 broken, " + std::to_string(8 * copies) + " with user data"),
+              std::string::npos) << d.out;
 }
 
 }  // namespace

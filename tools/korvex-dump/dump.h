@@ -99,6 +99,7 @@ struct FrameReport {
 struct WalkTotals {
     long long frames = 0, broken = 0, with_user_data = 0;
     kxt::Codec codec = kxt::Codec::kUnknown;
+    bool foreign = false;  // the input is no stream of frames (a raw stream, a container, text): said and stopped
 };
 
 // Called for every frame with its report and its held bytes; the bytes are clear (decrypted where the
@@ -145,6 +146,12 @@ public:
     Walker(const uint8_t *data, size_t size) : in_(data, size) {}
     bool next(FrameReport *r, const uint8_t **frame);
     bool advance(uint64_t *skipped);
+    // Up to n bytes from the read position on (fewer at the end of the input), without moving on.
+    size_t peek(size_t n, const uint8_t **p) {
+        size_t got = in_.fill(n);
+        *p = in_.data();
+        return got < n ? got : n;
+    }
     uint64_t offset() const { return in_.offset(); }
     int error() const { return in_.error(); }  // errno of a failed read, or 0
 

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 
+#include "common/sniff.h"
 #include "korvex-dump/dump.h"
 #include "stream/frame_header.h"
 
@@ -307,7 +308,19 @@ int walk(const Options &o, const FrameVisitor &visit, WalkTotals *totals) {
         if (!r.valid) {
             ++t.broken;
             report_error("frame %lld at offset %llu: %s", r.index, (unsigned long long)r.offset, r.error.c_str());
-            if (!visit(r, r.has_header ? held : nullptr) || !r.has_header) break;
+            bool more = visit(r, r.has_header ? held : nullptr);
+            if (r.index == 0) {
+                // Nothing at the start looks like a frame: say what the input is and which command takes it.
+                const uint8_t *head = nullptr;
+                kxt::Sniffed sniffed = kxt::sniff_input(head, walker.peek(4096, &head));
+                std::string hint = kxt::foreign_input_hint(sniffed, "a stream of frames");
+                if (!hint.empty()) {
+                    report_error("'%s': %s", o.input.c_str(), hint.c_str());
+                    t.foreign = true;
+                    break;
+                }
+            }
+            if (!more || !r.has_header) break;
             if (walker.advance(&skipped)) {
                 report_error("found the next frame header at offset %llu, %llu bytes on",
                              (unsigned long long)walker.offset(), (unsigned long long)skipped);

@@ -260,6 +260,7 @@ int run(const ViewOptions &v) {
     if (rc != 0) return rc;
     if (failed) return 2;
     if (totals.frames == 0) return errorf("'%s' is empty: no frames to read", v.walk.input.c_str()), 1;
+    if (totals.foreign) return 1;  // said by the walk
     if (!v.video.empty()) {
         if (!video.finish()) return pictures == 0 ? 1 : 2;
         if (!v.quiet) printf("%s\n", v.video.c_str());
