@@ -73,10 +73,16 @@ class Frame:
         """Why the frame is broken, or None."""
     @property
     def encrypted(self) -> bool:
-        """The frame's bytes are encrypted now."""
+        """The frame was encrypted in the recording (decrypted or not since)."""
     @property
     def mode(self) -> Optional[Literal["plain", "enhanced"]]:
-        """The cipher mode of an encrypted frame; None for a clear frame."""
+        """The cipher mode the frame had in the recording; None for a frame that was clear there."""
+    @property
+    def decrypted(self) -> bool:
+        """The frame was encrypted in the recording and its bytes are clear now."""
+    @property
+    def key_frame(self) -> bool:
+        """The clear payload holds a key picture (H.264 IDR, H.265 IRAP); False while encrypted."""
     @property
     def data(self) -> memoryview:
         """The frame's bytes, header included (read-only, no copy)."""

@@ -1,5 +1,5 @@
 // The Python module `korvex`: the frame side of the library for Python programs. read_frames walks a
-// recording with korvex-dump's own walk (kxd::Walker, over the bytes where they lie) and frame steps
+// recording with the tools' own walk (kxc::Walker, over the file or a private copy of the bytes) and frame steps
 // (decryption, user-data analysis with split containers joined across frames), and a frame's user data
 // is korvex-dump's JSON object for it, turned into Python data. The GIL is released while the library works on a buffer.
 #include <fcntl.h>
@@ -18,8 +18,8 @@
 #include <pybind11/eval.h>
 #include <pybind11/pybind11.h>
 
-#include "korvex-dump/dump.h"
-#include "korvex-dump/dump_json.h"
+#include "core/core.h"
+#include "core/report_json.h"
 #include "stream/frame_header.h"
 
 namespace py = pybind11;
@@ -71,100 +71,56 @@ py::object *g_utc = nullptr;        // datetime.timezone.utc
 }
 
 // ---------------------------------------------------------------------------------------------------
-// Byte sources: a bytes-like object (held through the buffer protocol, so it can't be resized while
-// read) or a file, mapped read-only.
+// Recordings: a file, read as the walk goes (never mapped, so a file that shrinks meanwhile ends the
+// walk with a truncated frame rather than a signal), or a private copy of a bytes-like object (so that
+// another thread changing the object while the walk runs without the GIL changes nothing it reads).
 
-class Bytes {
-public:
-    Bytes() = default;
-    Bytes(const Bytes &) = delete;
-    Bytes &operator=(const Bytes &) = delete;
-    ~Bytes() {
-        if (map_ != nullptr) munmap(map_, size_);
-        if (has_view_) PyBuffer_Release(&view_);  // the owner is destroyed with the GIL held
-    }
-    // A contiguous bytes-like object; TypeError otherwise.
-    void from_buffer(py::handle obj) {
-        if (PyObject_GetBuffer(obj.ptr(), &view_, PyBUF_SIMPLE) != 0) {
-            PyErr_Clear();
-            throw py::type_error("expected a path, bytes or a contiguous buffer, not " +
-                                 std::string(Py_TYPE(obj.ptr())->tp_name));
-        }
-        has_view_ = true;
-        data_ = static_cast<const uint8_t *>(view_.buf);
-        size_ = size_t(view_.len);
-    }
-    // A file: mapped when it is a regular file, read whole otherwise; OSError on failure.
-    void from_path(const std::string &path) {
-        int fd;
-        {
-            py::gil_scoped_release nogil;
-            fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        }
-        if (fd < 0) throw_os_error(path);
-        struct stat st;
-        if (fstat(fd, &st) != 0) {
-            int e = errno;
-            close(fd);
-            errno = e;
-            throw_os_error(path);
-        }
-        if (S_ISREG(st.st_mode)) {
-            size_ = size_t(st.st_size);
-            if (size_ > 0) {
-                void *m = mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd, 0);
-                if (m == MAP_FAILED) {
-                    int e = errno;
-                    close(fd);
-                    errno = e;
-                    throw_os_error(path);
-                }
-                map_ = m;
-                data_ = static_cast<const uint8_t *>(m);
-            }
-        } else {
-            py::gil_scoped_release nogil;
-            uint8_t chunk[1 << 16];
-            ssize_t got;
-            while ((got = read(fd, chunk, sizeof(chunk))) > 0) owned_.insert(owned_.end(), chunk, chunk + got);
-            if (got < 0) {
-                int e = errno;
-                close(fd);
-                errno = e;
-                py::gil_scoped_acquire gil;
-                throw_os_error(path);
-            }
-            data_ = owned_.data();
-            size_ = owned_.size();
-        }
-        close(fd);
-    }
-    const uint8_t *data() const { return data_; }
-    size_t size() const { return size_; }
+[[noreturn]] void throw_os_error(const std::string &path) {
+    PyErr_SetFromErrnoWithFilename(PyExc_OSError, path.c_str());
+    throw py::error_already_set();
+}
 
-private:
-    [[noreturn]] static void throw_os_error(const std::string &path) {
-        PyErr_SetFromErrnoWithFilename(PyExc_OSError, path.c_str());
-        throw py::error_already_set();
+struct Source {
+    FILE *file = nullptr;
+    std::vector<uint8_t> copy;
+    Source() = default;
+    Source(const Source &) = delete;
+    Source &operator=(const Source &) = delete;
+    ~Source() {
+        if (file != nullptr) fclose(file);
     }
-    Py_buffer view_{};
-    bool has_view_ = false;
-    void *map_ = nullptr;
-    std::vector<uint8_t> owned_;
-    const uint8_t *data_ = nullptr;
-    size_t size_ = 0;
 };
 
+bool is_path(py::handle source) {
+    return py::isinstance<py::str>(source) || PyObject_HasAttrString(source.ptr(), "__fspath__");
+}
+
+std::string to_path(py::handle source) {
+    return py::module_::import("os").attr("fsdecode")(source).cast<std::string>();
+}
+
 // Any of: str or os.PathLike (a path), or a bytes-like object.
-std::shared_ptr<Bytes> open_source(py::handle source) {
-    auto b = std::make_shared<Bytes>();
-    if (py::isinstance<py::str>(source) || PyObject_HasAttrString(source.ptr(), "__fspath__")) {
-        py::object path = py::module_::import("os").attr("fsdecode")(source);
-        b->from_path(path.cast<std::string>());
-    } else {
-        b->from_buffer(source);
+std::shared_ptr<Source> open_source(py::handle source) {
+    auto s = std::make_shared<Source>();
+    if (is_path(source)) {
+        std::string path = to_path(source);
+        {
+            py::gil_scoped_release nogil;
+            s->file = fopen(path.c_str(), "rbe");
+        }
+        if (s->file == nullptr) throw_os_error(path);
+        return s;
     }
-    return b;
+    Py_buffer view;
+    if (PyObject_GetBuffer(source.ptr(), &view, PyBUF_SIMPLE) != 0) {
+        PyErr_Clear();
+        throw py::type_error("expected a path, bytes or a contiguous buffer, not " +
+                             std::string(Py_TYPE(source.ptr())->tp_name));
+    }
+    const uint8_t *p = static_cast<const uint8_t *>(view.buf);
+    s->copy.assign(p, p + view.len);
+    PyBuffer_Release(&view);
+    return s;
 }
 
 // A view of a bytes-like argument for the duration of a call.
@@ -182,6 +138,8 @@ public:
     ~View() { PyBuffer_Release(&view_); }
     const uint8_t *data() const { return static_cast<const uint8_t *>(view_.buf); }
     size_t size() const { return size_t(view_.len); }
+    // The bytes as they are now, taken with the GIL held: what a call that releases the GIL works on.
+    std::vector<uint8_t> copy() const { return std::vector<uint8_t>(data(), data() + size()); }
 
 private:
     Py_buffer view_{};
@@ -218,7 +176,7 @@ Codec to_codec(const std::string &codec) {
 }
 
 // The analysis korvex-dump --mask chooses: None keeps the single-frame analysis.
-void set_mask(py::handle mask, kxd::Options *o) {
+void set_mask(py::handle mask, kxc::AnalysisOptions *o) {
     if (mask.is_none()) return;
     o->two_layout = true;
     if (py::isinstance<py::str>(mask) && mask.cast<std::string>() == "all") {
@@ -296,15 +254,16 @@ struct FrameBytes {
 
 struct Frame {
     std::shared_ptr<FrameBytes> buf;
-    kxd::FrameReport r;
+    kxc::FrameReport r;  // flags, encryption and mode as the frame was in the recording
     Codec stream_codec = Codec::kUnknown;  // the stream's codec when the frame was read
     std::string walk_error;                // what the walk found wrong with the frame's extent, if anything
     bool busy = false;
 
-    uint8_t *data() { return buf->bytes.data(); }
+    kxc::Span span() { return kxc::Span{buf->bytes.data(), buf->bytes.size()}; }
     bool has_header() const { return buf->bytes.size() >= KX_FRAME_HEADER_LEN; }
     uint16_t current_flags() const { return has_header() ? fh_flags(buf->bytes.data()) : 0; }
-    bool encrypted() const { return (current_flags() & 3) == 2; }
+    bool encrypted_on_disk() const { return r.valid && (r.flags & 3) == 2; }
+    bool encrypted_now() const { return (current_flags() & 3) == 2; }
 };
 
 // Marks an object busy for the length of a call that releases the GIL, so that a second thread can't
@@ -336,7 +295,7 @@ const char *decrypt_class(int rc) {
     }
 }
 
-std::string frame_where(const kxd::FrameReport &r) {
+std::string frame_where(const kxc::FrameReport &r) {
     return "frame " + std::to_string(r.index) + " at offset " + std::to_string(r.offset) + ": ";
 }
 
@@ -350,7 +309,8 @@ void frame_decrypt(Frame &f, py::handle key_obj) {
     int rc;
     {
         py::gil_scoped_release nogil;
-        rc = SA_DecryptOneFrame(f.data(), clamp_len(f.r.held), key.padded, int(key.text.size()));
+        rc = SA_DecryptOneFrame(f.buf->bytes.data(), clamp_len(std::min(f.r.held, f.buf->bytes.size())), key.padded,
+                                int(key.text.size()));
     }
     if (rc == -3) raise("CipherError", rc, frame_where(f.r) + "the frame is not encrypted");
     if (rc != 0) {
@@ -358,27 +318,29 @@ void frame_decrypt(Frame &f, py::handle key_obj) {
     }
     // The analysis fills a copy, so that another thread reading the frame's report meanwhile sees the
     // old one whole; the copy replaces it with the GIL held.
-    kxd::FrameReport r = f.r;
+    kxc::FrameReport r = f.r;
     r.flags = f.current_flags();
     r.error = f.walk_error;
-    r.skip_reason.clear();
-    r.ud = kxd::UserDataReport();
+    r.skip = kxc::Skip::kNone;
+    r.ud = kxc::UserDataReport();
     {
         py::gil_scoped_release nogil;
-        kxd::Options o;
+        kxc::AnalysisOptions o;
         o.codec = f.stream_codec;
         std::vector<uint8_t> split(sizeof(TUserDataSplitState), 0);
         Codec codec = f.stream_codec;
-        kxd::examine_frame(o, f.data(), &r, &codec, split.data(), int(split.size()));
+        kxc::examine_frame(o, f.span(), &r, &codec, split.data(), int(split.size()));
     }
+    // The report keeps what the frame was in the recording, and says that it is clear now.
     r.flags = f.r.flags;
     r.encryption = f.r.encryption;
-    r.decrypt = "ok";
+    r.decrypt = kxc::Decrypt::kDone;
+    r.decrypt_rc = 0;
     f.r = std::move(r);
 }
 
 py::object frame_userdata(const Frame &f) {
-    Json j = kxd::frame_json(f.r);
+    Json j = kxc::frame_json(f.r);
     auto it = j.find("userdata");
     return it == j.end() ? py::none() : to_python(*it);
 }
@@ -387,9 +349,9 @@ py::object frame_userdata(const Frame &f) {
 // The walk over a recording
 
 struct Walk {
-    std::shared_ptr<Bytes> src;
-    std::unique_ptr<kxd::Walker> walker;  // korvex-dump's walk, over src where it lies
-    kxd::Options o;
+    std::shared_ptr<Source> src;
+    std::unique_ptr<kxc::Walker> walker;  // the tools' walk, over the file or the private copy
+    kxc::AnalysisOptions o;
     std::vector<uint8_t> split = std::vector<uint8_t>(sizeof(TUserDataSplitState), 0);
     Codec codec = Codec::kUnknown;
     bool strict = true;
@@ -403,8 +365,8 @@ struct Walk {
         Busy guard(&busy, "the read_frames iterator");
         Frame f;
         f.buf = std::make_shared<FrameBytes>();
-        kxd::FrameReport &r = f.r;
-        const uint8_t *at = nullptr;
+        kxc::FrameReport &r = f.r;
+        kxc::Span at;
         bool more;
         {
             py::gil_scoped_release nogil;
@@ -417,10 +379,10 @@ struct Walk {
         f.walk_error = r.error;
         if (!r.valid) {
             // A broken header keeps its 32 bytes; the last bytes of the input, too few for a header, all.
-            f.buf->bytes.assign(at, at + (r.has_header ? size_t(KX_FRAME_HEADER_LEN) : r.held));
+            f.buf->bytes.assign(at.data, at.data + at.size);
             if (strict) {
                 done = true;
-                raise("FrameError", r.has_header ? -102 : -104, frame_where(r) + r.error);
+                raise("FrameError", r.extent == kxc::Extent::kBadHeader ? -102 : -104, frame_where(r) + r.error);
             }
             bool found;
             {
@@ -431,18 +393,18 @@ struct Walk {
             if (!found) done = true;
             return f;
         }
-        f.buf->bytes.assign(at, at + r.held);
+        f.buf->bytes.assign(at.data, at.data + at.size);
         f.stream_codec = codec;
         int rc;
         {
             py::gil_scoped_release nogil;
-            rc = kxd::examine_frame(o, f.data(), &r, &codec, split.data(), int(split.size()));
+            rc = kxc::examine_frame(o, f.span(), &r, &codec, split.data(), int(split.size()));
             uint64_t skipped;
             if (!walker->advance(&skipped)) done = true;
         }
         if (strict && !f.walk_error.empty()) {
             done = true;
-            bool truncated = r.held < r.frame_len && f.walk_error.rfind("truncated", 0) == 0;
+            bool truncated = r.extent == kxc::Extent::kTruncated;
             raise("FrameError", truncated ? -104 : -102, frame_where(r) + f.walk_error);
         }
         if (strict && rc != 0) {
@@ -457,7 +419,7 @@ struct Walk {
 // Module functions
 
 py::object probe(py::handle data) {
-    View v(data, "data");
+    std::vector<uint8_t> v = View(data, "data").copy();
     int h264, h265 = 0;
     {
         py::gil_scoped_release nogil;
@@ -502,7 +464,7 @@ py::bytes encrypt_frame(py::handle frame, py::handle key_obj, const std::string 
 }
 
 py::dict stream_info(py::handle head, py::handle frame) {
-    View h(head, "head");
+    std::vector<uint8_t> h = View(head, "head").copy();
     std::vector<uint8_t> f = frame_bytes(frame);
     // The call reads the 32 header bytes whatever length it is given.
     if (f.size() < KX_FRAME_HEADER_LEN) raise("FrameError", -3, "shorter than a frame header");
@@ -563,7 +525,8 @@ struct IndexMatch {
 // a walk) and behind its predecessor (whether the step to it is a restart). The library reads at most
 // 80 bytes of an item, so each is cut to that; the whole list costs one pass over the block.
 py::list iframe_index(py::handle data, int sign) {
-    View v(data, "data");
+    // The block's counts are read once the GIL is released: they must not change meanwhile.
+    std::vector<uint8_t> v = View(data, "data").copy();
     if (sign < 0 || sign > 5) raise("IndexBlockError", -100, "sign type out of range (0 to 5)");
     if (v.size() > size_t(INT_MAX)) raise("IndexBlockError", -104, "too large for an index block");
     std::vector<IndexMatch> found;
@@ -652,11 +615,18 @@ PYBIND11_MODULE(korvex, m) {
                                "Bytes of the frame present in the recording (less than frame_len when cut short).")
         .def_property_readonly("error", [](const Frame &f) { return f.r.error.empty() ? py::object(py::none()) : py::object(py::str(f.r.error)); },
                                "Why the frame is broken, or None (only read_frames(strict=False) yields broken frames).")
-        .def_property_readonly("encrypted", &Frame::encrypted, "The frame's bytes are encrypted now.")
+        .def_property_readonly("encrypted", &Frame::encrypted_on_disk,
+                               "The frame was encrypted in the recording (whether or not it has been decrypted since).")
         .def_property_readonly("mode", [](const Frame &f) -> py::object {
-                if (!f.encrypted()) return py::none();
-                return py::str(((f.current_flags() >> 6) & 3) == 2 ? "enhanced" : "plain");
-            }, "The cipher mode of an encrypted frame, 'plain' or 'enhanced'; None for a clear frame.")
+                if (!f.encrypted_on_disk()) return py::none();
+                return py::str(((f.r.flags >> 6) & 3) == 2 ? "enhanced" : "plain");
+            }, "The cipher mode the frame was encrypted with in the recording, 'plain' or 'enhanced'; None for a "
+               "frame that was clear there.")
+        .def_property_readonly("decrypted", [](const Frame &f) { return f.encrypted_on_disk() && !f.encrypted_now(); },
+                               "The frame was encrypted in the recording and its bytes are clear now.")
+        .def_property_readonly("key_frame", [](const Frame &f) { return f.r.clear() && f.r.key_frame; },
+                               "The frame's clear payload holds a key picture (H.264 IDR, H.265 IRAP); False while "
+                               "it is encrypted.")
         .def_property_readonly("data", [](const Frame &f) { return frame_memoryview(f, 0, f.buf->bytes.size()); },
                                "The frame's bytes, header included: a read-only memoryview, no copy.")
         .def_property_readonly("payload", [](const Frame &f) {
@@ -671,7 +641,7 @@ PYBIND11_MODULE(korvex, m) {
         .def("userdata", &frame_userdata,
              "The user data of the frame as plain Python data: the 'userdata' object that korvex-dump --json "
              "prints for the frame, with times as datetime in UTC. None for a frame with a broken header.")
-        .def("report", [](const Frame &f) { return to_python(kxd::frame_json(f.r)); },
+        .def("report", [](const Frame &f) { return to_python(kxc::frame_json(f.r)); },
              "Everything korvex-dump --json prints for the frame, as one dict (times as datetime in UTC).")
         .def("__repr__", [](const Frame &f) {
             return "<korvex.Frame " + std::to_string(f.r.index) + " at " + std::to_string(f.r.offset) + ", " +
@@ -693,7 +663,8 @@ PYBIND11_MODULE(korvex, m) {
               w.o.key = k.text;
               w.strict = strict;
               w.src = open_source(source);
-              w.walker = std::make_unique<kxd::Walker>(w.src->data(), w.src->size());
+              w.walker = w.src->file != nullptr ? std::make_unique<kxc::Walker>(w.src->file)
+                                                : std::make_unique<kxc::Walker>(w.src->copy.data(), w.src->copy.size());
               return w;
           },
           py::arg("source"), py::arg("key") = py::none(), py::arg("codec") = "auto", py::arg("strict") = true,

@@ -11,7 +11,7 @@ mv "$tmp/first" "$tmp/prefix"
 libdir=$(ls -d "$tmp"/prefix/lib*/ | head -n 1)
 docdir="$tmp/prefix/share/doc/korvex"
 if [ -x "$tmp/prefix/bin/korvex-dump" ]; then
-  for tool in korvex-dump korvex-mkframe korvex-view; do
+  for tool in korvex-dump korvex-mkframe korvex-view korvex-export; do
     env -u LD_LIBRARY_PATH "$tmp/prefix/bin/$tool" --help >/dev/null
     page="$tmp/prefix/share/man/man1/$tool.1"
     grep -q '^\.SH OPTIONS' "$page" || { echo "$page: no OPTIONS section"; exit 1; }

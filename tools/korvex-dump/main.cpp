@@ -109,7 +109,7 @@ int parse_options(int argc, char **argv, kxd::Options *o) {
         } else if (a == "-v" || a == "--verbose") {
             o->verbose = true;
         } else if (a == "--raw-text") {
-            o->raw_text = true;
+            o->analysis.raw_text = true;
         } else if (a == "--keep-sei") {
             o->keep_sei = true;
         } else if (a == "--es") {
@@ -122,9 +122,9 @@ int parse_options(int argc, char **argv, kxd::Options *o) {
             o->progress = 0;
         } else if (a == "--probe") {
             o->probe = true;
-        } else if (kxd::is_walk_option(a)) {
+        } else if (kxc::is_walk_option(a)) {
             if (!value()) return 2;
-            if (kxd::set_walk_option(a, v, o) != 0) return 2;
+            if (kxc::set_walk_option(a, v, &o->analysis) != 0) return 2;
         } else if (a == "--index") {
             if (!value()) return 2;
             if (!kxt::parse_int(v, 0, 5, &n)) return errorf("--index takes a sign type from 0 to 5, not '%s'", v.c_str()), 2;

@@ -15,7 +15,7 @@ extern "C" {
 #include <libavutil/pixfmt.h>
 }
 
-#include "korvex-dump/dump.h"
+#include "core/core.h"
 #include "korvex-view/view.h"
 
 namespace {
@@ -71,7 +71,9 @@ const char kHelp[] =
     "  korvex-view --key secret -o cam.mp4 cam.frames\n";
 
 struct ViewOptions {
-    kxd::Options walk;
+    std::string input = "-";
+    kxc::AnalysisOptions walk;
+    bool verbose = false;
     std::string png_dir, video;
     long long every = 1, only = -1;
     double fps = 25;
@@ -84,7 +86,7 @@ struct ViewOptions {
 
 // 0 on success, 2 after a message on bad options, -1 after --help.
 int parse_options(int argc, char **argv, ViewOptions *v) {
-    kxd::Options *o = &v->walk;
+    kxc::AnalysisOptions *o = &v->walk;
     int inputs = 0;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i], s;
@@ -100,7 +102,7 @@ int parse_options(int argc, char **argv, ViewOptions *v) {
         } else if (a == "-q" || a == "--quiet") {
             v->quiet = true;
         } else if (a == "-v" || a == "--verbose") {
-            o->verbose = true;
+            v->verbose = true;
         } else if (a == "--progress") {
             v->progress = 1;
         } else if (a == "--no-progress") {
@@ -131,13 +133,13 @@ int parse_options(int argc, char **argv, ViewOptions *v) {
         } else if (a == "--font") {
             if (!value()) return 2;
             v->font = s;
-        } else if (kxd::is_walk_option(a)) {
+        } else if (kxc::is_walk_option(a)) {
             if (!value()) return 2;
-            if (kxd::set_walk_option(a, s, o) != 0) return 2;
+            if (kxc::set_walk_option(a, s, o) != 0) return 2;
         } else if (a.size() > 1 && a[0] == '-') {
             return errorf("unknown option %s (see --help)", a.c_str()), 2;
         } else {
-            o->input = a;
+            v->input = a;
             ++inputs;
         }
     }
@@ -146,7 +148,6 @@ int parse_options(int argc, char **argv, ViewOptions *v) {
     if ((v->every != 1 || v->only >= 0) && v->png_dir.empty()) return errorf("--every and --frame go with --png"), 2;
     if (v->every != 1 && v->only >= 0) return errorf("--every and --frame exclude each other"), 2;
     if (access(v->font.c_str(), R_OK) != 0) return errorf("cannot read the font '%s': %s", v->font.c_str(), strerror(errno)), 2;
-    o->progress = 0;
     return 0;
 }
 
@@ -221,17 +222,19 @@ int run(const ViewOptions &v) {
         }
     };
 
-    kxd::WalkTotals totals;
-    int rc = kxd::walk(v.walk, [&](const kxd::FrameReport &r, const uint8_t *frame) {
-        if (!r.skip_reason.empty() || frame == nullptr) {
-            if (r.decrypt == "no key" && missing == 0) {
+    FILE *in = kxt::open_input(v.input);
+    if (in == nullptr) return 2;
+    kxc::WalkTotals totals;
+    kxc::walk(in, v.walk, [&](const kxc::FrameReport &r, kxc::Span frame) {
+        if (!r.clear() || frame.data == nullptr) {
+            if (r.decrypt == kxc::Decrypt::kNoKey && missing == 0) {
                 clear_progress();
                 errorf("frame %lld is encrypted: give --key", r.index);
             }
             ++missing;
             return true;
         }
-        kxt::Bytes es = kxd::clear_payload(frame, r.held, r.payload_len, r.codec, false);
+        kxt::Bytes es = kxc::clear_payload(frame.data, r.held, r.payload_len, r.codec, false);
         if (es.empty()) return true;
         if (!decoder.is_open() && !decoder.open(r.codec)) {
             failed = true;
@@ -251,7 +254,16 @@ int run(const ViewOptions &v) {
             shown = true;
         }
         return !failed && !done;
+    }, [&](const std::string &line) {
+        clear_progress();
+        errorf("%s", line.c_str());
     }, &totals);
+    if (in != stdin) fclose(in);
+    int rc = 0;
+    if (totals.read_error != 0) {
+        errorf("cannot read '%s': %s", v.input.c_str(), strerror(totals.read_error));
+        rc = 2;
+    }
     if (!failed && !done) {
         decoder.flush();
         drain();
@@ -259,7 +271,7 @@ int run(const ViewOptions &v) {
     clear_progress();
     if (rc != 0) return rc;
     if (failed) return 2;
-    if (totals.frames == 0) return errorf("'%s' is empty: no frames to read", v.walk.input.c_str()), 1;
+    if (totals.frames == 0) return errorf("'%s' is empty: no frames to read", v.input.c_str()), 1;
     if (totals.foreign) return 1;  // said by the walk
     if (!v.video.empty()) {
         if (!video.finish()) return pictures == 0 ? 1 : 2;
@@ -287,7 +299,7 @@ int main(int argc, char **argv) {
     }
     int rc = parse_options(argc, argv, &v);
     if (rc != 0) return rc < 0 ? 0 : rc;
-    sdk_log_set_level(v.walk.verbose ? SDK_LOG_LEVEL_ERR : 0, 0, 0);
-    av_log_set_level(v.walk.verbose ? AV_LOG_ERROR : AV_LOG_QUIET);
+    sdk_log_set_level(v.verbose ? SDK_LOG_LEVEL_ERR : 0, 0, 0);
+    av_log_set_level(v.verbose ? AV_LOG_ERROR : AV_LOG_QUIET);
     return run(v);
 }

@@ -14,7 +14,7 @@ extern "C" {
 struct AVFrame;
 }
 
-namespace kxd {
+namespace kxc {
 struct UserDataReport;
 }
 
@@ -31,7 +31,7 @@ struct Overlay {
 };
 
 // What the frame's user data asks to draw.
-Overlay overlay_of(const kxd::UserDataReport &u);
+Overlay overlay_of(const kxc::UserDataReport &u);
 
 // A box in pixels on a picture of ow x oh: at least one pixel wide and high, inside the picture.
 struct PixelBox {
