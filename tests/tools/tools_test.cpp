@@ -488,6 +488,87 @@ TEST_F(ToolsTest, HelpOptionsAndLimits) {
     EXPECT_NE(foreign.err.find("neither an H.264 nor an H.265"), std::string::npos);
 }
 
+TEST_F(ToolsTest, ChinesePlateIsDrawnWithItsGlyphs) {
+    // Two plates that differ only in their first character: drawn with glyphs, their pictures differ
+    // there; drawn as empty boxes (a font without them), they are the same, and a warning names them.
+    auto picture = [&](const std::string &plate, const std::string &font, std::string *err) {
+        std::string frames = path("p.frames");
+        EXPECT_EQ(mkframe("-q --max-frames 1 --plate '" + plate + "' -o " + frames + " " + data("testsrc_high.h264")).status, 0);
+        Result r = view(font + " --width 320 --frame 0 --png " + path("png") + " " + frames);
+        EXPECT_EQ(r.status, 0) << r.err;
+        *err = r.err;
+        Result raw = run(FFMPEG, "-nostdin -v error -y -i " + path("png/frame_000000.png") + " -f rawvideo -pix_fmt rgb24 " +
+                                     path("p.rgb"));
+        EXPECT_EQ(raw.status, 0) << raw.err;
+        return slurp(path("p.rgb"));
+    };
+    auto differing = [](const std::string &a, const std::string &b) {  // in the plate's line, bottom left
+        int n = 0;
+        for (int y = 280; y < 320; ++y) {
+            for (int x = 0; x < 200; ++x) n += same(pixel(a, 320, x, y), pixel(b, 320, x, y), 8) ? 0 : 1;
+        }
+        return n;
+    };
+    std::string err1, err2;
+    std::string jing = picture("\xe4\xba\xac" "A12345", "", &err1), hu = picture("\xe6\xb2\xaa" "A12345", "", &err2);
+    ASSERT_EQ(jing.size(), 320u * 320 * 3);
+    EXPECT_GT(differing(jing, hu), 40);
+    EXPECT_EQ(err1.find("no glyph"), std::string::npos) << err1;
+    const std::string dejavu = "--font /usr/share/fonts/truetype/dejavu/DejaVuSans.ttf";
+    std::string boxed_jing = picture("\xe4\xba\xac" "A12345", dejavu, &err1), boxed_hu = picture("\xe6\xb2\xaa" "A12345", dejavu, &err2);
+    EXPECT_EQ(differing(boxed_jing, boxed_hu), 0);
+    EXPECT_NE(err1.find("has no glyph for \xe4\xba\xac (U+4EAC) in 'plate \xe4\xba\xac" "A12345': drawn as empty boxes"),
+              std::string::npos) << err1;
+    EXPECT_GT(differing(jing, boxed_jing), 40);  // the glyph is no empty box
+}
+
+TEST_F(ToolsTest, ViewKeepsTheRecordingsTimesAndStopsAtAWrongKey) {
+    // 20 pictures at 10 per second, key frames at 0 and 10, made here by x264 (its SPS says 10 fps).
+    ASSERT_EQ(run(FFMPEG, "-nostdin -v error -f lavfi -i testsrc=size=64x64:rate=10 -frames:v 20 -c:v libx264 -g 10 "
+                          "-bf 0 -f h264 " + path("ten.h264")).status, 0);
+    ASSERT_EQ(mkframe("-q --start-time 2024-05-01T08:00:00Z --fps 10 --encrypt enhanced --key k -o " + path("dev.frames") +
+                      " " + path("ten.h264")).status, 0);
+    ASSERT_EQ(mkframe("-q -o " + path("sps.frames") + " " + path("ten.h264")).status, 0);
+    auto probe = [&](const std::string &file) {
+        return run(FFPROBE, "-v error -count_frames -show_entries format=duration:stream=nb_read_frames -of csv=p=0 " +
+                                path(file)).out;
+    };
+    // From the device's times and from the stream's timing alike: 2 s, as recorded (never 25 fps).
+    ASSERT_EQ(view("-q --key k -o " + path("dev.mp4") + " " + path("dev.frames")).status, 0);
+    EXPECT_EQ(probe("dev.mp4"), "20\n2.000000\n");
+    ASSERT_EQ(view("-q -o " + path("sps.mkv") + " " + path("sps.frames")).status, 0);
+    EXPECT_EQ(probe("sps.mkv"), "20\n2.000000\n");
+    Result clip = view("-q --key k --from 2024-05-01T08:00:01Z -o " + path("clip.mp4") + " " + path("dev.frames"));
+    ASSERT_EQ(clip.status, 0) << clip.err;
+    EXPECT_EQ(probe("clip.mp4"), "10\n1.000000\n");
+
+    // A wrong or missing key: one line, then the walk stops.
+    for (const char *key : {"--key wrong ", ""}) {
+        Result r = view(std::string(key) + "-o " + path("w.mp4") + " " + path("dev.frames"));
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(count(r.err, "\n"), 1) << r.err;
+        EXPECT_NE(r.err.find(*key ? "frame 0 at offset 0: decryption failed: wrong key" : "frame 0 is encrypted: give --key"),
+                  std::string::npos) << r.err;
+        EXPECT_FALSE(exists("w.mp4"));
+    }
+
+    // --frame N decodes from the key frame before it: pictures 1 to 9 spoilt, frame 15 draws without a
+    // decoding error (FFmpeg's lines with -v), frame 5 with them.
+    std::string frames = slurp(path("sps.frames"));
+    size_t off = 0;
+    for (int i = 0; i < 10; ++i) {
+        size_t len = uint8_t(frames[off + 4]) | uint8_t(frames[off + 5]) << 8 | uint8_t(frames[off + 6]) << 16;
+        for (size_t k = off + 32 + 8; i > 0 && k < off + len; ++k) frames[k] = char(0x5A ^ k);
+        off += len;
+    }
+    spill(path("spoilt.frames"), frames);
+    Result late = view("-v --frame 15 --png " + path("late") + " " + path("spoilt.frames"));
+    EXPECT_EQ(late.status, 0) << late.err;
+    EXPECT_EQ(late.err.find("[h264 @"), std::string::npos) << late.err;
+    Result early = view("-v --frame 5 --png " + path("early") + " " + path("spoilt.frames"));
+    EXPECT_NE(early.err.find("[h264 @"), std::string::npos) << early.err;
+}
+
 TEST_F(ToolsTest, ForeignInputsAreNamedWithTheCommandThatTakesThem) {
     for (const char *ext : {"mp4", "mkv"}) {
         Result made = run(FFMPEG, "-nostdin -v error -f lavfi -i testsrc=size=64x64:rate=25 -frames:v 4 -c:v libx264 " +
