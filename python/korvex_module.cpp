@@ -354,6 +354,7 @@ struct Walk {
     kxc::AnalysisOptions o;
     std::vector<uint8_t> split = std::vector<uint8_t>(sizeof(TUserDataSplitState), 0);
     Codec codec = Codec::kUnknown;
+    int picture_size[2] = {0, 0};  // of the stream's last sequence parameter set
     bool strict = true;
     bool done = false;
     bool busy = false;
@@ -399,6 +400,7 @@ struct Walk {
         {
             py::gil_scoped_release nogil;
             rc = kxc::examine_frame(o, f.span(), &r, &codec, split.data(), int(split.size()));
+            kxc::keep_picture_size(&r, picture_size);
             uint64_t skipped;
             if (!walker->advance(&skipped)) done = true;
         }

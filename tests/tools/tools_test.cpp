@@ -111,8 +111,9 @@ TEST_F(ToolsTest, TextShowsTheDecodedRecordsOfEveryFrame) {
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(count(r.out, "time: 2023-11-14T22:13:20Z (1700000000)"), 4);
     EXPECT_EQ(count(r.out, "time: 2023-11-14T22:13:21Z (1700000001)"), 4);
-    EXPECT_EQ(count(r.out, "target 1: (17,14)-(88,72) on 176x144, unscaled (1000,1000)-(5000,5000), words 7 0 0 0"), 8);
-    EXPECT_EQ(count(r.out, "target 2: (0,0)-(176,144) on 176x144, unscaled (0,0)-(10000,10000)"), 8);
+    EXPECT_EQ(count(r.out, "target 1: (17,14)-(88,72) on 176x144, (6,6)-(32,32) in pixels of 64x64, unscaled "
+                           "(1000,1000)-(5000,5000), words 7 0 0 0"), 8);
+    EXPECT_EQ(count(r.out, "target 2: (0,0)-(176,144) on 176x144, (0,0)-(64,64) in pixels of 64x64, unscaled (0,0)-(10000,10000)"), 8);
     EXPECT_EQ(count(r.out, "plate 1: AB123CD\n    plate 2: XY9\n    osd 7: Gate 3\n"), 8);
     EXPECT_EQ(count(r.out, "PTZ data (type 15): 3 bytes: 01 02 03"), 8);
     EXPECT_EQ(count(r.out, "block 0xFEE1: 2 bytes: de ad"), 8);
@@ -486,6 +487,22 @@ TEST_F(ToolsTest, HelpOptionsAndLimits) {
     Result foreign = mkframe("-o " + path("x") + " " + path("junk"));
     EXPECT_EQ(foreign.status, 1);
     EXPECT_NE(foreign.err.find("neither an H.264 nor an H.265"), std::string::npos);
+}
+
+TEST_F(ToolsTest, BoxesInPixelsOfTheStreamsPictureSize) {
+    // 1920 x 1080 from x264 and x265: coded 1088 high, cropped to 1080 by the parameter sets.
+    for (const char *enc : {"libx264 -f h264", "libx265 -x265-params log-level=error -f hevc"}) {
+        SCOPED_TRACE(enc);
+        Result made = run(FFMPEG, std::string("-nostdin -v error -y -f lavfi -i testsrc=size=1920x1080 -frames:v 1 -c:v ") + enc +
+                                      " " + path("hd.es"));
+        ASSERT_EQ(made.status, 0) << made.err;
+        ASSERT_EQ(mkframe("-q --vca 1000,2000,4000,6000 -o " + path("hd.frames") + " " + path("hd.es")).status, 0);
+        Json ud = json_lines(dump("--json " + path("hd.frames")).out).at(0)["userdata"];
+        EXPECT_EQ(ud["picture"], Json({1920, 1080}));
+        EXPECT_EQ(ud["vca"][0]["pixels"], Json({192, 216, 768, 648}));
+        EXPECT_NE(dump(path("hd.frames")).out.find("target 1: (17,28)-(70,86) on 176x144, (192,216)-(768,648) in pixels of "
+                                                   "1920x1080, unscaled (1000,2000)-(4000,6000)"), std::string::npos);
+    }
 }
 
 TEST_F(ToolsTest, ChinesePlateIsDrawnWithItsGlyphs) {

@@ -114,6 +114,9 @@ struct FrameReport {
     Skip skip = Skip::kNone;
     Codec codec = Codec::kUnknown;
     bool key_frame = false;  // the clear payload holds a key picture (IDR, IRAP)
+    // The picture's size in pixels, from the stream's last sequence parameter set (examine_frame reads
+    // it from a key frame's; keep_picture_size carries it to the frames behind); 0 before one.
+    int width = 0, height = 0;
     UserDataReport ud;
 
     // The frame is clear (decrypted where it was encrypted) and analysed.
@@ -233,6 +236,16 @@ int set_walk_option(const std::string &a, const std::string &v, AnalysisOptions 
 // The frame rate a stream's parameter sets give (H.264 SPS VUI timing, H.265 VPS or SPS VUI timing), or
 // 0 when the payload holds none.
 double stream_frame_rate(const uint8_t *payload, size_t n, Codec codec);
+
+// The picture size (pixels, cropped) of the first sequence parameter set in a payload; false when it
+// holds none that reads.
+bool stream_picture_size(const uint8_t *payload, size_t n, Codec codec, int *width, int *height);
+// Carries the stream's picture size over a walk: a frame with a size sets *size (width, height), a
+// clear frame without one gets it.
+void keep_picture_size(FrameReport *r, int size[2]);
+// A VCA target's box in pixels of a width x height picture: from its unscaled coordinates (ten-
+// thousandths) where it has them, else from the 176 x 144 grid.
+void vca_pixels(const VcaView &v, int width, int height, int out[4]);
 
 // Where a picture's time came from.
 enum class TimeSource : uint8_t { kDevice, kStream, kGiven, kDefault };

@@ -65,6 +65,7 @@ Json frame_json(const FrameReport &r) {
     ud["status"] = status_name(u.status);
     if (u.result != 0) ud["result_text"] = userdata_result_text(u.result);
     if (u.has_time) ud["time"] = Json{{"utc", time_text(u.time)}, {"seconds", u.time.uiSeconds}};
+    if (r.width > 0) ud["picture"] = {r.width, r.height};
     Json vca = Json::array();
     for (const VcaView &v : u.vca) {
         Json t;
@@ -74,6 +75,11 @@ Json frame_json(const FrameReport &r) {
             t["unscaled"] = {v.raw[0], v.raw[1], v.raw[2], v.raw[3]};
         } else {
             t["as_sent"] = {v.grid[0], v.grid[1], v.grid[2], v.grid[3]};
+        }
+        if (r.width > 0) {
+            int px[4];
+            vca_pixels(v, r.width, r.height, px);
+            t["pixels"] = {px[0], px[1], px[2], px[3]};
         }
         t["words"] = {v.extra[0], v.extra[1], v.extra[2], v.extra[3]};
         vca.push_back(t);

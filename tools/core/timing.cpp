@@ -58,14 +58,17 @@ private:
     bool over_ = false;
 };
 
-double h264_sps_rate(const uint8_t *nal, size_t n) {
+// The frame rate of an H.264 SPS (0 without timing) and, where size is given, its cropped picture size
+// (0 where it doesn't read).
+double h264_sps_rate(const uint8_t *nal, size_t n, int size[2] = nullptr) {
     Bits b(nal, n, 1);
     uint32_t profile = b.u(8);
     b.skip(16);  // constraint flags, level
     b.ue();      // seq_parameter_set_id
     static const uint32_t high[] = {100, 110, 122, 244, 44, 83, 86, 118, 128, 138, 139, 134, 135};
+    uint32_t chroma = 1;
     if (std::find(std::begin(high), std::end(high), profile) != std::end(high)) {
-        uint32_t chroma = b.ue();
+        chroma = b.ue();
         if (chroma == 3) b.skip(1);
         b.ue();
         b.ue();
@@ -98,12 +101,24 @@ double h264_sps_rate(const uint8_t *nal, size_t n) {
     }
     b.ue();      // max_num_ref_frames
     b.skip(1);   // gaps_in_frame_num_value_allowed_flag
-    b.ue();      // pic_width_in_mbs_minus1
-    b.ue();      // pic_height_in_map_units_minus1
-    if (!b.u(1)) b.skip(1);  // frame_mbs_only_flag, mb_adaptive_frame_field_flag
-    b.skip(1);               // direct_8x8_inference_flag
-    if (b.u(1)) {            // frame_cropping_flag
-        for (int i = 0; i < 4; ++i) b.ue();
+    uint64_t mbs_w = uint64_t(b.ue()) + 1;  // pic_width_in_mbs_minus1
+    uint64_t map_h = uint64_t(b.ue()) + 1;  // pic_height_in_map_units_minus1
+    uint32_t frame_mbs_only = b.u(1);
+    if (!frame_mbs_only) b.skip(1);  // mb_adaptive_frame_field_flag
+    b.skip(1);                       // direct_8x8_inference_flag
+    uint64_t crop[4] = {0, 0, 0, 0};
+    if (b.u(1)) {  // frame_cropping_flag: left, right, top, bottom
+        for (int i = 0; i < 4; ++i) crop[i] = b.ue();
+    }
+    if (size != nullptr && b.ok() && chroma <= 3) {
+        uint64_t unit_x = chroma == 1 || chroma == 2 ? 2 : 1;
+        uint64_t unit_y = (chroma == 1 ? 2 : 1) * (2 - frame_mbs_only);
+        uint64_t w = mbs_w * 16, h = map_h * 16 * (2 - frame_mbs_only);
+        uint64_t cw = (crop[0] + crop[1]) * unit_x, ch = (crop[2] + crop[3]) * unit_y;
+        if (cw < w && ch < h && w - cw <= 16384 && h - ch <= 16384) {
+            size[0] = int(w - cw);
+            size[1] = int(h - ch);
+        }
     }
     if (!b.u(1) || !b.ok()) return 0;  // vui_parameters_present_flag
     if (b.u(1) && b.u(8) == 255) b.skip(32);  // aspect ratio, extended SAR
@@ -158,7 +173,69 @@ double h265_vps_rate(const uint8_t *nal, size_t n) {
     return double(scale) / units;
 }
 
+// The cropped picture size of an H.265 SPS; false where it doesn't read.
+bool h265_sps_size(const uint8_t *nal, size_t n, int size[2]) {
+    Bits b(nal, n, 2);
+    b.skip(4);  // sps_video_parameter_set_id
+    uint32_t max_sub = b.u(3);
+    b.skip(1);  // sps_temporal_id_nesting_flag
+    h265_profile_tier_level(b, max_sub);
+    b.ue();  // sps_seq_parameter_set_id
+    uint32_t chroma = b.ue();
+    if (chroma == 3) b.skip(1);  // separate_colour_plane_flag
+    uint64_t w = b.ue(), h = b.ue();
+    uint64_t win[4] = {0, 0, 0, 0};
+    if (b.u(1)) {  // conformance_window_flag: left, right, top, bottom
+        for (int i = 0; i < 4; ++i) win[i] = b.ue();
+    }
+    if (!b.ok() || chroma > 3 || w == 0 || h == 0) return false;
+    uint64_t sub_w = chroma == 1 || chroma == 2 ? 2 : 1, sub_h = chroma == 1 ? 2 : 1;
+    uint64_t cw = (win[0] + win[1]) * sub_w, ch = (win[2] + win[3]) * sub_h;
+    if (cw >= w || ch >= h || w - cw > 16384 || h - ch > 16384) return false;
+    size[0] = int(w - cw);
+    size[1] = int(h - ch);
+    return true;
+}
+
 }  // namespace
+
+bool stream_picture_size(const uint8_t *p, size_t n, Codec codec, int *width, int *height) {
+    if (codec == Codec::kUnknown) return false;
+    for (const kxt::Nal &nal : kxt::scan_nals(p, n)) {
+        if (nal.end <= nal.begin) continue;
+        const uint8_t *u = p + nal.begin;
+        size_t len = nal.end - nal.begin;
+        int type = kxt::nal_type(codec, u, len);
+        int size[2] = {0, 0};
+        if (codec == Codec::kH264 && type == 7) h264_sps_rate(u, len, size);
+        if (codec == Codec::kH265 && type == 33) h265_sps_size(u, len, size);
+        if (size[0] > 0 && size[1] > 0) {
+            *width = size[0];
+            *height = size[1];
+            return true;
+        }
+    }
+    return false;
+}
+
+void keep_picture_size(FrameReport *r, int size[2]) {
+    if (r->width > 0 && r->height > 0) {
+        size[0] = r->width;
+        size[1] = r->height;
+    } else if (r->clear() && size[0] > 0) {
+        r->width = size[0];
+        r->height = size[1];
+    }
+}
+
+void vca_pixels(const VcaView &v, int width, int height, int out[4]) {
+    for (int i = 0; i < 4; ++i) {
+        double scale = (i % 2 == 0 ? width : height) /
+                       (v.has_raw ? 10000.0 : (i % 2 == 0 ? 176.0 : 144.0));
+        double c = double(v.has_raw ? v.raw[i] : v.grid[i]) * scale;
+        out[i] = int(std::min(std::max(lround(c), 0L), long(i % 2 == 0 ? width : height)));
+    }
+}
 
 double stream_frame_rate(const uint8_t *p, size_t n, Codec codec) {
     if (codec == Codec::kUnknown) return 0;

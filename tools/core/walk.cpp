@@ -248,6 +248,9 @@ int examine_frame(const AnalysisOptions &o, Span frame, FrameReport *r, Codec *c
                    : starts_with_user_data(data, data_len, Codec::kH265) ? Codec::kH265
                                                                          : Codec::kH264;
         r->key_frame = has_key_picture(data, std::min(data_len, size_t(r->payload_len)), r->codec);
+        if (r->key_frame) {
+            stream_picture_size(data, std::min(data_len, size_t(r->payload_len)), r->codec, &r->width, &r->height);
+        }
         analyse_user_data(o, frame.data, held, r->codec, split_state, split_state_size, &r->ud);
     }
     return rc;
@@ -264,6 +267,7 @@ void walk(FILE *f, const AnalysisOptions &o, const FrameVisitor &visit, const Wa
     FrameReport r;
     Span frame;
     char line[160];
+    int picture_size[2] = {0, 0};  // of the stream's last sequence parameter set
 
     while (walker.next(&r, &frame)) {
         r.offset += first_offset;
@@ -296,6 +300,7 @@ void walk(FILE *f, const AnalysisOptions &o, const FrameVisitor &visit, const Wa
             break;
         }
         examine_frame(o, frame, &r, &t.codec, split.data(), int(split.size()));
+        keep_picture_size(&r, picture_size);
         if (r.ud.found()) ++t.with_user_data;
         if (!r.error.empty()) {
             ++t.broken;

@@ -14,6 +14,7 @@
     "  held             bytes of the frame present in the input (less than frame_len when cut)\n" \
     "  encryption       none, plain or enhanced: how the frame is stored\n" \
     "  decrypt          ok, no key or failed, for encrypted frames\n" \
+    "  key_frame        whether the clear payload holds a key picture (H.264 IDR, H.265 IRAP)\n" \
     "  error            why the frame is broken\n" \
     "  userdata         the user-data analysis; {\"analysed\": false, \"reason\": ...} where it did not\n" \
     "                   run (an encrypted frame without --key), else the fields below\n" \
@@ -23,10 +24,13 @@
     "  userdata.status  none (no user data), ok, fragment (part of a container split over frames,\n" \
     "                   joined in a later frame), malformed or error\n" \
     "  userdata.time    the absolute time: utc (ISO 8601) and seconds (since 1970)\n" \
+    "  userdata.picture [width, height] of the picture in pixels, from the stream's last sequence\n" \
+    "                   parameter set; left out until one is seen\n" \
     "  userdata.vca     the VCA targets, each with layout (old or new container), grid\n" \
     "                   [x1, y1, x2, y2] on the device's 176 x 144 grid, unscaled (the same in\n" \
     "                   ten-thousandths of the picture) or as_sent (coordinates the device sent\n" \
-    "                   without an unscaled twin) and words (the four words behind the box, as sent: id, class, ...)\n" \
+    "                   without an unscaled twin), pixels (the box in pixels of userdata.picture)\n" \
+    "                   and words (the four words behind the box, as sent: id, class, ...)\n" \
     "  userdata.plates  the licence plates as UTF-8 text\n" \
     "  userdata.osd     the OSD records: subtype (7 text), text, len (the record's length in bytes as\n" \
     "                   sent: for a text a 32-byte head and the text) and hex (its first bytes,\n" \
@@ -38,9 +42,10 @@
     "                   two-layout analysis: the bytes behind the new container\n" \
     "  userdata.callbacks\n" \
     "                   the type numbers of the blocks in the order the analysis reported them\n" \
-    "                   to its callback (0 time, 3 VCA targets, 7 plates, 8 OSD, 15 PTZ, ...)\n" \
+    "                   to its callback (0 time, 3, 43 and 44 VCA targets, 7 plates, 8 OSD, 15 PTZ,\n" \
+    "                   16777215 the end of the frame's user data, ...)\n" \
     "With --probe: bytes, h264_probe and h265_probe (the probes' results, 1 recognised), codec,\n" \
-    "nal_units, access_units, key_frames, frame_header_at_start. With --index: items, item_size, sign_type, matches and found,\n" \
-    "each with ordinal, word (the item's word: the frame's offset in korvex-mkframe's indexes),\n" \
-    "stamp, mask (the sign bits) and restarts.\n"
+    "nal_units, access_units, key_frames, frame_header_at_start. With --index: items, item_size,\n" \
+    "sign_type, matches and found, each with ordinal, word (the item's word: the frame's offset\n" \
+    "in korvex-mkframe's indexes), stamp, mask (the sign bits) and restarts.\n"
 // clang-format on

@@ -57,13 +57,20 @@ void print_text(const FrameReport &r) {
     int n = 0;
     for (const VcaView &v : u.vca) {
         ++n;
+        // The box in pixels of the picture, where the stream's parameter sets gave its size.
+        char px[96] = "";
+        if (r.width > 0) {
+            int b[4];
+            vca_pixels(v, r.width, r.height, b);
+            snprintf(px, sizeof(px), ", (%d,%d)-(%d,%d) in pixels of %dx%d", b[0], b[1], b[2], b[3], r.width, r.height);
+        }
         if (v.has_raw) {
-            printf("    target %d: (%u,%u)-(%u,%u) on 176x144, unscaled (%u,%u)-(%u,%u), words %u %u %u %u%s\n", n,
-                   v.grid[0], v.grid[1], v.grid[2], v.grid[3], v.raw[0], v.raw[1], v.raw[2], v.raw[3], v.extra[0],
+            printf("    target %d: (%u,%u)-(%u,%u) on 176x144%s, unscaled (%u,%u)-(%u,%u), words %u %u %u %u%s\n", n,
+                   v.grid[0], v.grid[1], v.grid[2], v.grid[3], px, v.raw[0], v.raw[1], v.raw[2], v.raw[3], v.extra[0],
                    v.extra[1], v.extra[2], v.extra[3], v.new_layout ? " (new layout)" : "");
         } else {
-            printf("    target %d: (%u,%u)-(%u,%u) as sent, words %u %u %u %u\n", n, v.grid[0], v.grid[1], v.grid[2],
-                   v.grid[3], v.extra[0], v.extra[1], v.extra[2], v.extra[3]);
+            printf("    target %d: (%u,%u)-(%u,%u) as sent%s, words %u %u %u %u\n", n, v.grid[0], v.grid[1], v.grid[2],
+                   v.grid[3], px, v.extra[0], v.extra[1], v.extra[2], v.extra[3]);
         }
     }
     n = 0;
