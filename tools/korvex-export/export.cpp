@@ -352,12 +352,12 @@ int run_export(const ExportOptions &o, const std::function<void(const std::strin
             if (other != side && *other == *side) return fail(2, "'" + *side + "' is given for two outputs");
         }
     }
-    if (!o.index.empty() && o.input == "-") return fail(2, "--index needs the recording as a file, not standard input");
+    if (!o.index.empty() && o.input == "-" && o.input_file == nullptr) return fail(2, "--index needs the recording as a file, not standard input");
     if (o.has_from && o.has_to && o.to_ms < o.from_ms) return fail(2, "--to lies before --from");
 
-    FILE *in = o.input == "-" ? stdin : fopen(o.input.c_str(), "rb");
+    FILE *in = o.input_file != nullptr ? o.input_file : o.input == "-" ? stdin : fopen(o.input.c_str(), "rb");
     if (in == nullptr) return fail(2, "cannot open '" + o.input + "': " + strerror(errno));
-    std::unique_ptr<FILE, int (*)(FILE *)> in_guard(in == stdin ? nullptr : in, fclose);
+    std::unique_ptr<FILE, int (*)(FILE *)> in_guard(in == stdin || in == o.input_file ? nullptr : in, fclose);
 
     // Where the walk starts: the recording's beginning, or the key frame the index gives.
     uint64_t start_offset = 0;
