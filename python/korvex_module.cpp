@@ -20,6 +20,7 @@
 
 #include "core/core.h"
 #include "core/report_json.h"
+#include "korvex-export/export.h"
 #include "stream/frame_header.h"
 
 namespace py = pybind11;
@@ -53,6 +54,11 @@ class CipherError(Error):
 
 class WrongKeyError(CipherError):
     """Decryption failed because the key is wrong, or the data is no frame (-4)."""
+
+class ExportError(Error):
+    """export() failed: `code` is korvex-export's exit status, 1 for broken input (a broken frame, a wrong
+    or missing key, no frame in the range), 2 for bad arguments or files (a container the name doesn't
+    give, an output that can't be written)."""
 
 class IndexBlockError(Error):
     """An I-frame index block the library refuses: too short for its head or items (-104), a sign
@@ -579,6 +585,89 @@ py::list iframe_index(py::handle data, int sign) {
     return out;
 }
 
+// A time of export(): a datetime (naive ones are UTC), an ISO 8601 text as korvex-export takes, or
+// seconds since 1970.
+int64_t to_time_ms(py::handle t, const char *what) {
+    int64_t ms = 0;
+    if (py::isinstance(t, *g_datetime)) {
+        py::object aware = t.attr("tzinfo").is_none() ? t.attr("replace")(py::arg("tzinfo") = *g_utc) : py::reinterpret_borrow<py::object>(t);
+        double secs = aware.attr("timestamp")().cast<double>();
+        return int64_t(llround(secs * 1000));
+    }
+    if (py::isinstance<py::str>(t)) {
+        if (kxc::parse_time_ms(t.cast<std::string>(), &ms)) return ms;
+    } else if ((py::isinstance<py::int_>(t) || py::isinstance<py::float_>(t)) && !py::isinstance<py::bool_>(t)) {
+        double secs = t.cast<double>();
+        if (secs >= 0 && secs < 253402300800.0) return int64_t(llround(secs * 1000));
+    }
+    throw py::value_error(std::string(what) + " is a datetime, an ISO 8601 text such as '2024-05-01T08:00:00Z' or "
+                          "seconds since 1970");
+}
+
+std::string optional_path(py::handle p) { return p.is_none() ? std::string() : to_path(p); }
+
+py::dict export_recording(py::handle source, py::handle out, py::handle key, py::handle start, py::handle end,
+                          py::handle vtt, py::handle csv, py::handle json, py::handle frames, py::handle index,
+                          py::handle fps, bool data_track) {
+    kxe::ExportOptions o;
+    o.output = to_path(out);
+    Key k = to_key(key);
+    o.analysis.has_key = k.given;
+    o.analysis.key = k.text;
+    if (!start.is_none()) o.has_from = true, o.from_ms = to_time_ms(start, "start");
+    if (!end.is_none()) o.has_to = true, o.to_ms = to_time_ms(end, "end");
+    o.vtt = optional_path(vtt);
+    o.csv = optional_path(csv);
+    o.json = optional_path(json);
+    o.index = optional_path(index);
+    o.data_track = data_track;
+    if (!fps.is_none()) {
+        o.fps = fps.cast<double>();
+        if (!(o.fps > 0 && o.fps <= 1000)) throw py::value_error("fps is a rate above 0, at most 1000");
+    }
+    if (!frames.is_none()) {
+        auto range = frames.cast<std::pair<py::object, py::object>>();
+        o.first = range.first.is_none() ? 0 : range.first.cast<long long>();
+        o.last = range.second.is_none() ? -1 : range.second.cast<long long>();
+        if (o.first < 0 || (o.last >= 0 && o.last < o.first)) throw py::value_error("frames is (first, last), 0 <= first <= last");
+    }
+    // A bytes-like source is read from a private copy, as read_frames does.
+    std::shared_ptr<Source> src;
+    FILE *mem = nullptr;
+    if (is_path(source)) {
+        o.input = to_path(source);
+    } else {
+        src = open_source(source);
+        o.input = "<bytes>";
+        if (!src->copy.empty()) mem = fmemopen(src->copy.data(), src->copy.size(), "rb");
+        else mem = fopen("/dev/null", "rb");
+        if (mem == nullptr) throw std::bad_alloc();
+        o.input_file = mem;
+    }
+    kxe::ExportResult res;
+    int rc;
+    {
+        py::gil_scoped_release nogil;
+        rc = kxe::run_export(o, [](const std::string &) {}, &res);
+    }
+    if (mem != nullptr) fclose(mem);
+    if (!res.written) raise("ExportError", rc, res.message);
+    py::dict d;
+    d["frames"] = res.frames;
+    d["first_frame"] = res.first_index;
+    d["last_frame"] = res.last_index;
+    d["device_times"] = res.device_times;
+    if (res.device_times) {
+        d["start"] = (*g_datetime).attr("fromtimestamp")(res.first_ms / 1000.0, *g_utc);
+        d["end"] = (*g_datetime).attr("fromtimestamp")(res.last_ms / 1000.0, *g_utc);
+    } else {
+        d["start"] = res.first_ms / 1000.0;
+        d["end"] = res.last_ms / 1000.0;
+    }
+    d["broken"] = res.broken;
+    return d;
+}
+
 }  // namespace
 
 PYBIND11_MODULE(korvex, m) {
@@ -588,6 +677,10 @@ PYBIND11_MODULE(korvex, m) {
     // The library logs refused calls on standard error, keys included; a Python program sees exceptions.
     sdk_log_set_level(0, 0, 0);
 
+    // Each docstring begins with the signature as a reader wants it (the types a caller passes), rather
+    // than the generated one, which would name the binding's own C++ types.
+    py::options options;
+    options.disable_function_signatures();
     py::exec(kErrorClasses, m.attr("__dict__"));
     // Kept for the life of the process: the interpreter may already be gone when statics are destroyed.
     g_module = new py::object(m);
@@ -638,12 +731,15 @@ PYBIND11_MODULE(korvex, m) {
                 return frame_memoryview(f, begin, end);
             }, "The payload behind the header (uiPayloadLen bytes, as far as present): a read-only memoryview, no copy.")
         .def("decrypt", &frame_decrypt, py::arg("key"),
+             "decrypt(self, key: str | bytes) -> None\n\n"
              "Decrypts the frame in place with key (str or bytes, 1 to 16 bytes) and analyses its user data, "
              "alone. Raises WrongKeyError for a wrong key, CipherError for a clear frame or an unusable key.")
         .def("userdata", &frame_userdata,
+             "userdata(self) -> dict | None\n\n"
              "The user data of the frame as plain Python data: the 'userdata' object that korvex-dump --json "
              "prints for the frame, with times as datetime in UTC. None for a frame with a broken header.")
         .def("report", [](const Frame &f) { return to_python(kxc::frame_json(f.r)); },
+             "report(self) -> dict\n\n"
              "Everything korvex-dump --json prints for the frame, as one dict (times as datetime in UTC).")
         .def("__repr__", [](const Frame &f) {
             return "<korvex.Frame " + std::to_string(f.r.index) + " at " + std::to_string(f.r.offset) + ", " +
@@ -651,8 +747,8 @@ PYBIND11_MODULE(korvex, m) {
         });
 
     py::class_<Walk>(m, "FrameReader", "Iterator over the frames of a recording; made by read_frames().")
-        .def("__iter__", [](py::object self) { return self; }, "The iterator itself.")
-        .def("__next__", &Walk::next, "The next Frame; StopIteration at the end of the recording.");
+        .def("__iter__", [](py::object self) { return self; }, "__iter__(self) -> FrameReader\n\nThe iterator itself.")
+        .def("__next__", &Walk::next, "__next__(self) -> Frame\n\nThe next Frame; StopIteration at the end of the recording.");
 
     m.def("read_frames",
           [](py::handle source, py::handle key, const std::string &codec, bool strict, py::handle mask) {
@@ -671,6 +767,8 @@ PYBIND11_MODULE(korvex, m) {
           },
           py::arg("source"), py::arg("key") = py::none(), py::arg("codec") = "auto", py::arg("strict") = true,
           py::arg("mask") = py::none(),
+          "read_frames(source: str | os.PathLike | bytes | bytearray | memoryview, key: str | bytes | None = None, "
+          "codec: str = 'auto', strict: bool = True, mask: int | str | None = None) -> FrameReader\n\n"
           "Iterates the frames of a recording, one behind the other, as korvex-dump walks them.\n\n"
           "source is a path (str or os.PathLike), bytes or any contiguous buffer. With key (str or bytes, 1 to "
           "16 bytes) encrypted frames are decrypted, in either mode; without it they are yielded encrypted and "
@@ -685,18 +783,40 @@ PYBIND11_MODULE(korvex, m) {
           "'all' the two-layout analysis, for frames that begin with an old (F0) or new (F1) container, "
           "decoding the blocks whose bit is set (bit 0 time, 3 VCA targets, 7 plates, 8 OSD, 15 PTZ, ...).");
     m.def("probe", &probe, py::arg("data"),
+          "probe(data: bytes | bytearray | memoryview) -> str | None\n\n"
           "'h264' or 'h265' when the probes of the library recognise data as that Annex B byte stream; None "
           "otherwise.");
     m.def("encrypt_frame", &encrypt_frame, py::arg("frame"), py::arg("key"), py::arg("mode"),
+          "encrypt_frame(frame: bytes | bytearray | memoryview | Frame, key: str | bytes, mode: str) -> bytes\n\n"
           "An encrypted copy of a clear frame (bytes-like, or a Frame) as bytes; mode 'plain' or 'enhanced'. "
           "The copy's flag word marks it encrypted in that mode (a plain frame below 96 bytes stays clear). "
           "Raises FrameError for an invalid frame, CipherError when the cipher refuses.");
     m.def("iframe_index", &iframe_index, py::arg("data"), py::arg("sign") = 0,
+          "iframe_index(data: bytes | bytearray | memoryview, sign: int = 0) -> list[dict]\n\n"
           "The items of an I-frame index block that carry the sign type (0 all, 1 to 5 sign bit 0 to 4), in "
           "table order: dicts of ordinal (from 1), word, stamp, mask and restarts (restarts up to and "
           "including the item). Raises IndexBlockError for a block the library refuses.");
     m.def("stream_info", &stream_info, py::arg("head"), py::arg("frame"),
+          "stream_info(head: bytes | bytearray | memoryview, frame: bytes | bytearray | memoryview | Frame) -> dict\n\n"
           "What a stream head block (at least 88 bytes) and a frame header say: a dict of head_word0, "
           "head_word2, head_word4, frame_info, frame_attr, stream_kind and stream_reserved. Raises "
           "FrameError for an invalid frame header, Error (-5) for a short head block.");
+    m.def("export", &export_recording, py::arg("source"), py::arg("out"), py::arg("key") = py::none(),
+          py::arg("start") = py::none(), py::arg("end") = py::none(), py::arg("vtt") = py::none(),
+          py::arg("csv") = py::none(), py::arg("json") = py::none(), py::arg("frames") = py::none(),
+          py::arg("index") = py::none(), py::arg("fps") = py::none(), py::arg("data_track") = true,
+          "export(source: str | os.PathLike | bytes | bytearray | memoryview, out: str | os.PathLike, "
+          "key: str | bytes | None = None, start: datetime | str | float | None = None, "
+          "end: datetime | str | float | None = None, vtt: str | os.PathLike | None = None, "
+          "csv: str | os.PathLike | None = None, json: str | os.PathLike | None = None, "
+          "frames: tuple[int | None, int | None] | None = None, index: str | os.PathLike | None = None, "
+          "fps: float | None = None, data_track: bool = True) -> dict\n\n"
+          "Writes the recording's pictures into out (.mp4, .m4v, .mov or .mkv) without re-encoding, each at its "
+          "own time, as korvex-export does: start and end (a datetime, naive ones UTC; an ISO 8601 text; or "
+          "seconds since 1970) cut a clip that opens at the key frame at or before start (--from, --to); "
+          "frames=(first, last) cuts by frame numbers, last included (--frames); vtt, csv and json write the "
+          "side files (--vtt, --csv, --json); index is an I-frame index of the recording (--index); fps the "
+          "rate where the stream gives none. Returns a dict of frames, first_frame, last_frame, start, end "
+          "(datetimes in UTC where the device's clock gave the times, else seconds), device_times and broken. "
+          "Raises ExportError (code 1 broken input, 2 bad arguments or files); nothing is written then.");
 }

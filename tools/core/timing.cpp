@@ -197,6 +197,106 @@ bool h265_sps_size(const uint8_t *nal, size_t n, int size[2]) {
     return true;
 }
 
+int32_t se(Bits &b) {
+    uint32_t k = b.ue();
+    return (k & 1) ? int32_t((k + 1) / 2) : -int32_t(k / 2);
+}
+
+// H.265 SPS, up to the VUI timing (x265 writes its timing there only).
+double h265_sps_rate(const uint8_t *nal, size_t n) {
+    Bits b(nal, n, 2);
+    b.skip(4);
+    uint32_t max_sub = b.u(3);
+    b.skip(1);
+    h265_profile_tier_level(b, max_sub);
+    b.ue();  // sps_seq_parameter_set_id
+    if (b.ue() == 3) b.skip(1);  // chroma_format_idc, separate_colour_plane_flag
+    b.ue();
+    b.ue();  // picture size
+    if (b.u(1)) {
+        for (int i = 0; i < 4; ++i) b.ue();  // conformance window
+    }
+    b.ue();
+    b.ue();  // bit depths
+    uint32_t poc_lsb_bits = b.ue() + 4;
+    bool all = b.u(1);
+    for (uint32_t i = all ? 0 : max_sub; i <= max_sub && b.ok(); ++i) {
+        b.ue();
+        b.ue();
+        b.ue();
+    }
+    for (int i = 0; i < 6; ++i) b.ue();  // coding and transform block sizes and depths
+    if (b.u(1) && b.u(1)) {              // scaling_list_enabled_flag, sps_scaling_list_data_present_flag
+        for (int size = 0; size < 4 && b.ok(); ++size) {
+            for (int matrix = 0; matrix < 6 && b.ok(); matrix += size == 3 ? 3 : 1) {
+                if (!b.u(1)) {
+                    b.ue();
+                    continue;
+                }
+                int coefs = std::min(64, 1 << (4 + (size << 1)));
+                if (size > 1) se(b);
+                for (int i = 0; i < coefs && b.ok(); ++i) se(b);
+            }
+        }
+    }
+    b.skip(2);      // amp, sample adaptive offset
+    if (b.u(1)) {   // pcm_enabled_flag
+        b.skip(8);
+        b.ue();
+        b.ue();
+        b.skip(1);
+    }
+    uint32_t sets = b.ue();  // num_short_term_ref_pic_sets
+    if (sets > 64) return 0;
+    uint32_t deltas[65] = {0};  // NumDeltaPocs of each set
+    for (uint32_t i = 0; i < sets && b.ok(); ++i) {
+        if (i != 0 && b.u(1)) {  // inter_ref_pic_set_prediction_flag
+            b.skip(1);
+            b.ue();
+            uint32_t count = 0;
+            for (uint32_t j = 0; j <= deltas[i - 1] && b.ok(); ++j) {
+                bool used = b.u(1);
+                bool use_delta = used || b.u(1);
+                if (use_delta) ++count;
+            }
+            deltas[i] = count;
+        } else {
+            uint32_t neg = b.ue(), pos = b.ue();
+            if (neg > 32 || pos > 32) return 0;
+            for (uint32_t j = 0; j < neg + pos && b.ok(); ++j) {
+                b.ue();
+                b.skip(1);
+            }
+            deltas[i] = neg + pos;
+        }
+    }
+    if (b.u(1)) {  // long_term_ref_pics_present_flag
+        uint32_t lt = b.ue();
+        if (lt > 32) return 0;
+        for (uint32_t i = 0; i < lt; ++i) b.skip(int(poc_lsb_bits) + 1);
+    }
+    b.skip(2);                          // temporal MVP, strong intra smoothing
+    if (!b.u(1) || !b.ok()) return 0;   // vui_parameters_present_flag
+    if (b.u(1) && b.u(8) == 255) b.skip(32);
+    if (b.u(1)) b.skip(1);
+    if (b.u(1)) {
+        b.skip(4);
+        if (b.u(1)) b.skip(24);
+    }
+    if (b.u(1)) {
+        b.ue();
+        b.ue();
+    }
+    b.skip(3);     // neutral chroma, field sequence, frame field info
+    if (b.u(1)) {  // default display window
+        for (int i = 0; i < 4; ++i) b.ue();
+    }
+    if (!b.u(1)) return 0;  // vui_timing_info_present_flag
+    uint32_t units = b.u(32), scale = b.u(32);
+    if (!b.ok() || units == 0 || scale == 0) return 0;
+    return double(scale) / units;
+}
+
 }  // namespace
 
 bool stream_picture_size(const uint8_t *p, size_t n, Codec codec, int *width, int *height) {
@@ -245,6 +345,7 @@ double stream_frame_rate(const uint8_t *p, size_t n, Codec codec) {
         double fps = 0;
         if (codec == Codec::kH264 && type == 7) fps = h264_sps_rate(p + nal.begin, nal.end - nal.begin);
         if (codec == Codec::kH265 && type == 32) fps = h265_vps_rate(p + nal.begin, nal.end - nal.begin);
+        if (codec == Codec::kH265 && type == 33) fps = h265_sps_rate(p + nal.begin, nal.end - nal.begin);
         // A rate no recording has is a misread field: ignored.
         if (fps >= 0.1 && fps <= 1000) return fps;
     }

@@ -39,7 +39,8 @@ using kxt::Bytes;
 // What is kept of a frame until it is written.
 struct Held {
     long long index = 0;
-    int64_t t = 0;  // presentation time, ms
+    int64_t t = 0;       // presentation time, ms
+    int64_t clock = 0;   // the picture clock's time (the device's, where it gave one)
     bool key = false;
     bool device_time = false;
     Bytes es;          // the clear payload, Annex B
@@ -53,6 +54,8 @@ struct Held {
 // Frames held before a clip's start: at most this much (key frames further apart than that are no
 // recording a player could seek in either).
 constexpr size_t kMaxHeldBytes = size_t(512) << 20;
+// The longest gap between two pictures the output keeps: an hour.
+constexpr int64_t kMaxGapMs = 3600 * 1000;
 
 std::string av_error(int rc) {
     char b[AV_ERROR_MAX_STRING_SIZE] = {0};
@@ -107,10 +110,12 @@ public:
             avformat_free_context(oc_);
         }
     }
-    // Opens the container for the first frame (a key frame); false with *why set.
-    bool open(const std::string &format, const std::string &path, const Held &first, Codec codec, bool data_track,
+    // Opens the container for the first frame (a key frame); false with *why set and *code 1 when the
+    // stream's parameter sets are the cause, 2 when the file is.
+    bool open(int *code, const std::string &format, const std::string &path, const Held &first, Codec codec, bool data_track,
               int64_t start_ms, bool device_times, std::string *why) {
         int w = 0, h = 0;
+        *code = 1;
         if (!picture_size(first.es, codec, &w, &h)) {
             *why = "frame " + std::to_string(first.index) + ": no picture size in its parameter sets";
             return false;
@@ -151,15 +156,20 @@ public:
             av_dict_set(&oc_->metadata, "creation_time", kxc::iso8601_ms(start_ms).c_str(), 0);
         }
         rc = avio_open(&oc_->pb, path.c_str(), AVIO_FLAG_WRITE);
-        if (rc < 0) return *why = "cannot write '" + path + "': " + av_error(rc), false;
+        if (rc < 0) return *code = 2, *why = "cannot write '" + path + "': " + av_error(rc), false;
         AVDictionary *opts = nullptr;
         if (format != "matroska") {
             av_dict_set(&opts, "movflags", "+frag_keyframe+empty_moov+default_base_moof+use_metadata_tags", 0);
         }
         rc = avformat_write_header(oc_, &opts);
         av_dict_free(&opts);
-        if (rc < 0) return *why = "cannot write the header of '" + path + "': " + av_error(rc), false;
+        if (rc < 0) {
+            *why = "frame " + std::to_string(first.index) + ": its parameter sets make no " + format + " header (" +
+                   av_error(rc) + ")";
+            return false;
+        }
         start_ = start_ms;
+        *code = 2;  // from here on a failure is the file's
         return true;
     }
     bool is_open() const { return oc_ != nullptr && oc_->pb != nullptr; }
@@ -352,12 +362,12 @@ int run_export(const ExportOptions &o, const std::function<void(const std::strin
             if (other != side && *other == *side) return fail(2, "'" + *side + "' is given for two outputs");
         }
     }
-    if (!o.index.empty() && o.input == "-") return fail(2, "--index needs the recording as a file, not standard input");
+    if (!o.index.empty() && o.input == "-" && o.input_file == nullptr) return fail(2, "--index needs the recording as a file, not standard input");
     if (o.has_from && o.has_to && o.to_ms < o.from_ms) return fail(2, "--to lies before --from");
 
-    FILE *in = o.input == "-" ? stdin : fopen(o.input.c_str(), "rb");
+    FILE *in = o.input_file != nullptr ? o.input_file : o.input == "-" ? stdin : fopen(o.input.c_str(), "rb");
     if (in == nullptr) return fail(2, "cannot open '" + o.input + "': " + strerror(errno));
-    std::unique_ptr<FILE, int (*)(FILE *)> in_guard(in == stdin ? nullptr : in, fclose);
+    std::unique_ptr<FILE, int (*)(FILE *)> in_guard(in == stdin || in == o.input_file ? nullptr : in, fclose);
 
     // Where the walk starts: the recording's beginning, or the key frame the index gives.
     uint64_t start_offset = 0;
@@ -392,6 +402,7 @@ int run_export(const ExportOptions &o, const std::function<void(const std::strin
     bool started = false, failed = false;
     std::unique_ptr<Held> pending;  // the last frame, written when the next one gives its duration
     int code = 0;
+    int fail_code = 2;  // of a failed write
     long long seen = 0;
     int64_t first_seen_ms = 0, last_seen_ms = 0;
     bool any_time = false;
@@ -399,7 +410,7 @@ int run_export(const ExportOptions &o, const std::function<void(const std::strin
     auto write = [&](Held &f, int64_t duration) {
         if (!mux.is_open()) {
             res.device_times = f.device_time;
-            if (!mux.open(format, out.temp_path(), f, codec, o.data_track, f.t, f.device_time, &why)) {
+            if (!mux.open(&fail_code, format, out.temp_path(), f, codec, o.data_track, f.t, f.device_time, &why)) {
                 return false;
             }
             res.first_index = f.index;
@@ -410,7 +421,7 @@ int run_export(const ExportOptions &o, const std::function<void(const std::strin
         cues.add(f.cue, rel, rel + duration);
         if (!o.json.empty()) json.write(f.json + "\n");
         if (!o.csv.empty()) {
-            std::string time = f.device_time ? kxc::iso8601_ms(f.t) : "";
+            std::string time = f.device_time ? kxc::iso8601_ms(f.clock) : "";
             char vt[32];
             snprintf(vt, sizeof(vt), "%.3f", rel / 1000.0);
             for (size_t i = 0; i < f.plates.size(); ++i) {
@@ -427,11 +438,26 @@ int run_export(const ExportOptions &o, const std::function<void(const std::strin
         }
         ++res.frames;
         res.last_index = f.index;
-        res.last_ms = f.t;
+        res.last_ms = f.clock;
         return true;
     };
-    // Hands a frame on: the pending one is written with the distance to this one as its duration.
+    // Hands a frame on: the pending one is written with the distance to this one as its duration. A
+    // device clock that jumps ahead by more than an hour (set anew) would leave a gap that containers
+    // can't hold: the pictures from there on follow at the frame interval instead, said once.
+    int64_t shift = 0;
+    bool said_jump = false;
     auto emit = [&](std::unique_ptr<Held> f) {
+        f->t -= shift;
+        if (pending && f->t - pending->t > kMaxGapMs) {
+            int64_t jump = f->t - pending->t - std::max<int64_t>(1, llround(1000.0 / clock.fps()));
+            if (!said_jump) {
+                say("frame " + std::to_string(f->index) + ": the device's clock jumps ahead by " +
+                    std::to_string(jump / 1000) + " s; the pictures from there on follow at the frame interval");
+            }
+            said_jump = true;
+            shift += jump;
+            f->t -= jump;
+        }
         if (pending) {
             if (!write(*pending, std::max<int64_t>(1, f->t - pending->t))) return false;
         }
@@ -475,6 +501,7 @@ int run_export(const ExportOptions &o, const std::function<void(const std::strin
         auto f = std::make_unique<Held>();
         f->index = r.index;
         f->t = t;
+        f->clock = t;
         f->key = r.key_frame;
         f->device_time = r.ud.has_time;
         f->es = kxc::clear_payload(frame.data, r.held, r.payload_len, r.codec, false);
@@ -518,7 +545,7 @@ int run_export(const ExportOptions &o, const std::function<void(const std::strin
     }, &totals, start_index, start_offset);
     if (o.progress > 0) fputs("\r\033[K", stderr);
 
-    if (code == 0 && failed) code = fail(2, why);
+    if (code == 0 && failed) code = fail(fail_code, why);
     if (code == 0 && totals.read_error != 0) {
         code = fail(2, "cannot read '" + o.input + "': " + strerror(totals.read_error));
     }
@@ -526,7 +553,7 @@ int run_export(const ExportOptions &o, const std::function<void(const std::strin
     if (code == 0 && pending) {
         // The last picture lasts one frame interval.
         int64_t d = std::max<int64_t>(1, llround(1000.0 / clock.fps()));
-        if (!write(*pending, d)) code = fail(2, why);
+        if (!write(*pending, d)) code = fail(fail_code, why);
         pending.reset();
     }
     if (code == 0 && res.frames == 0) {

@@ -14,6 +14,7 @@ namespace kxe {
 
 struct ExportOptions {
     std::string input = "-";          // a file, or "-" for standard input
+    FILE *input_file = nullptr;       // read instead of input (left open), named input in messages
     std::string output;               // .mp4, .m4v, .mov or .mkv
     kxc::AnalysisOptions analysis;    // key, codec, mask
     double fps = 0;                   // the rate where neither the device nor the stream gives one; 0 none
