@@ -59,26 +59,29 @@ def test_signatures_name_the_types_a_caller_passes():
 
 
 def test_iframe_index_is_safe_from_a_thread_changing_the_block():
-    # Two items, then another thread keeps claiming a count far beyond the block and taking it back.
-    block = bytearray(44 + 2 * 16)
-    block[32:40] = (2).to_bytes(4, "little") + (16).to_bytes(4, "little")
-    for i in range(2):
+    # Many items, so that the library works long without the GIL; another thread meanwhile keeps
+    # claiming items far larger than the block and taking it back: a walk that read the size again after
+    # the library's check would step out of the block.
+    n = 5000
+    block = bytearray(44 + n * 16)
+    block[32:40] = n.to_bytes(4, "little") + (16).to_bytes(4, "little")
+    for i in range(n):
         block[44 + 16 * i + 4:44 + 16 * i + 12] = (i + 1).to_bytes(4, "little") + (1).to_bytes(4, "little")
     stop = threading.Event()
 
     def flip():
         while not stop.is_set():
-            block[32:36] = (0x7FFFFF).to_bytes(4, "little")
-            block[32:36] = (2).to_bytes(4, "little")
+            block[36:40] = (0x100000).to_bytes(4, "little")
+            block[36:40] = (16).to_bytes(4, "little")
 
     t = threading.Thread(target=flip)
     t.start()
     try:
-        for _ in range(2000):
+        for _ in range(100):
             try:
-                assert len(korvex.iframe_index(block, 1)) == 2
+                assert len(korvex.iframe_index(block, 1)) == n
             except korvex.IndexBlockError as e:
-                assert e.code == -104  # the count it read was the large one, checked against the copy
+                assert e.code == -104  # the size it read was the large one, checked against the copy
     finally:
         stop.set()
         t.join()

@@ -73,7 +73,8 @@ protected:
     // An outside-shaped recording: testsrc encoded by FFmpeg at rate fps, a key frame every gop
     // pictures, wrapped into frames with the device's time (from 2024-05-01T08:00:00Z at fps), two
     // plates (one Chinese), a target and an OSD text, encrypted.
-    std::string recording(const std::string &encoder, double fps, int frames, int gop, bool times = true) {
+    std::string recording(const std::string &encoder, double fps, int frames, int gop, bool times = true,
+                          const std::string &start = "2024-05-01T08:00:00Z") {
         std::string es = path("in.es");
         char cmd[512];
         snprintf(cmd, sizeof(cmd),
@@ -86,7 +87,7 @@ protected:
         EXPECT_EQ(r.status, 0) << r.err;
         std::string frames_path = path("cam.frames");
         char opts[160];
-        snprintf(opts, sizeof(opts), "--start-time 2024-05-01T08:00:00Z --fps %g ", fps);
+        snprintf(opts, sizeof(opts), "--start-time %s --fps %g ", start.c_str(), fps);
         r = run(KORVEX_MKFRAME, std::string("-q ") + (times ? opts : "") +
                                     "--vca 1000,2000,4000,6000,7 --plate AB123CD --plate '京A·12345' --osd 'Gate 3' "
                                     "--encrypt enhanced --key secret --index-out " + path("cam.index") + " -o " +
@@ -302,6 +303,20 @@ TEST_F(ExportTest, BadInputGivesASentenceAnExitCodeAndNoFile) {
     Result r = exp("--key secret --skip-broken" + out + cut);
     EXPECT_EQ(r.status, 1) << r.err;
     EXPECT_TRUE(exists("x.mp4") && exists("x.vtt"));
+}
+
+TEST_F(ExportTest, DeviceClockSetAheadByDaysKeepsTheFilePlayable) {
+    std::string first = slurp(recording("libx264", 10, 10, 5));
+    std::string second = slurp(recording("libx264", 10, 10, 5, true, "2024-05-03T08:00:00Z"));
+    std::ofstream(path("jump.frames"), std::ios::binary) << first << second;
+    Result r = exp("-o " + path("j.mp4") + " --csv " + path("j.csv") + " --key secret " + path("jump.frames"));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.err.find("frame 10: the device's clock jumps ahead by 172799 s"), std::string::npos) << r.err;
+    std::vector<Packet> got = packets(path("j.mp4"));
+    ASSERT_EQ(got.size(), 20u);
+    EXPECT_EQ(got[10].ms - got[9].ms, 100);  // on at the frame interval
+    // The side file keeps the device's own time.
+    EXPECT_EQ(lines_of(slurp(path("j.csv")))[21].substr(0, 24), "2024-05-03T08:00:00.000Z");
 }
 
 TEST(ExportParsers, TimesRangesAndTheClock) {

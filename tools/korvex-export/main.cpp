@@ -152,7 +152,7 @@ int parse_options(int argc, char **argv, kxe::ExportOptions *o, bool *quiet, boo
     if (kxe::container_of(o->output) == nullptr) {
         return errorf("'%s': the output's name must end in .mp4, .m4v, .mov or .mkv", o->output.c_str()), 2;
     }
-    if (!o->index.empty() && !o->has_from && o->first <= 0) return errorf("--index goes with --from or --frames"), 2;
+    if (!o->index.empty() && !o->has_from && o->first < 0) return errorf("--index goes with --from or --frames"), 2;
     return 0;
 }
 
