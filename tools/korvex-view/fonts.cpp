@@ -65,6 +65,7 @@ FontChooser::FontChooser(std::string builtin, std::string given) : builtin_(std:
 
 FontChooser::~FontChooser() {
     if (first_charset_ != nullptr) FcCharSetDestroy(static_cast<FcCharSet *>(first_charset_));
+    FcFini();  // fontconfig's configuration and caches, taken by FcInit
 }
 
 const std::string &FontChooser::font_for(const std::string &line) {
