@@ -341,7 +341,7 @@ TEST(ExportParsers, TimesRangesAndTheClock) {
     EXPECT_EQ(a * 1000 + b, 10000 - 1);
     for (const char *bad : {"5:4", ":", "1:2:3", "a:b", "-1:4", "4"}) EXPECT_FALSE(kxc::parse_frame_range(bad, &a, &b)) << bad;
 
-    // The clock: 4 frames per second from the device, a device clock that steps back, then none.
+    // The clock: 4 frames per second from the device, a device clock set back, then no device time.
     kxc::PtsClock clock(4);
     kxc::FrameReport r;
     r.ud.has_time = true;
@@ -352,7 +352,9 @@ TEST(ExportParsers, TimesRangesAndTheClock) {
     }
     r.ud.has_time = false;
     got.push_back(clock.next(r, nullptr, 0));
-    EXPECT_EQ(got, (std::vector<int64_t>{100000, 100250, 100500, 101000, 101001, 101251}));
+    // Set back: the second 100 again follows 101000 at the interval; then on at the interval.
+    EXPECT_EQ(got, (std::vector<int64_t>{100000, 100250, 100500, 101000, 101250, 101500}));
+    EXPECT_EQ(clock.steps_back(), 1);
     EXPECT_EQ(clock.interval_source(), kxc::TimeSource::kGiven);
 }
 

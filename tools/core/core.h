@@ -255,9 +255,10 @@ const char *time_source_name(TimeSource s);  // device, stream, fps, default
 // time (whole seconds) gets that second, and the frames that share it follow at the frame interval
 // within it (never reaching the next second); frames without it follow the previous one at the
 // interval. The interval comes from the stream's own timing where its parameter sets carry one, else
-// from the given rate, else 25 frames per second. Times only grow: a device clock that steps back keeps
-// the pictures one millisecond apart. Device times are milliseconds since 1970; without any, times
-// count from 0.
+// from the given rate, else 25 frames per second. Times only grow: where the device's clock was set
+// back, its times from there on are moved to follow the previous picture at the interval (steps_back()
+// counts such places), and more frames in a second than the interval allows stay a millisecond apart.
+// Device times are milliseconds since 1970; without any, times count from 0.
 class PtsClock {
 public:
     explicit PtsClock(double given_fps = 0) : given_fps_(given_fps) {}
@@ -267,6 +268,7 @@ public:
     TimeSource interval_source() const;          // stream, fps or default
     TimeSource last_source() const { return last_source_; }  // of the last time given
     long long device_frames() const { return device_frames_; }
+    long long steps_back() const { return steps_back_; }
 
 private:
     double given_fps_;
@@ -276,6 +278,8 @@ private:
     int64_t run_second_ = -1;  // the device second of the current run
     long long run_ = 0;         // frames of that second so far
     long long device_frames_ = 0;
+    long long steps_back_ = 0;
+    int64_t offset_ = 0;  // added to device times once the clock was set back
     TimeSource last_source_ = TimeSource::kDefault;
 };
 

@@ -372,19 +372,25 @@ TimeSource PtsClock::interval_source() const {
 int64_t PtsClock::next(const FrameReport &r, const uint8_t *payload, size_t payload_len) {
     if (stream_fps_ == 0 && r.key_frame) stream_fps_ = stream_frame_rate(payload, payload_len, r.codec);
     double interval = 1000.0 / fps();
+    int64_t step = std::max<int64_t>(1, llround(interval));
     int64_t t;
     if (r.ud.has_time) {
         int64_t second = int64_t(r.ud.time.uiSeconds);
+        if (have_prev_ && run_second_ >= 0 && second < run_second_) {
+            // The device's clock was set back: from here on its times follow the previous picture.
+            offset_ = prev_ + step - second * 1000;
+            ++steps_back_;
+        }
         if (second != run_second_) {
             run_second_ = second;
             run_ = 0;
         }
         int64_t within = std::min<int64_t>(llround(double(run_++) * interval), 999);
-        t = second * 1000 + within;
+        t = second * 1000 + within + offset_;
         last_source_ = TimeSource::kDevice;
         ++device_frames_;
     } else {
-        t = have_prev_ ? prev_ + std::max<int64_t>(1, llround(interval)) : 0;
+        t = have_prev_ ? prev_ + step : 0;
         last_source_ = interval_source();
     }
     if (have_prev_ && t <= prev_) t = prev_ + 1;

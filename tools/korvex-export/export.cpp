@@ -489,7 +489,12 @@ int run_export(const ExportOptions &o, const std::function<void(const std::strin
         codec = r.codec;
         const uint8_t *payload = frame.data + KX_FRAME_HEADER_LEN;
         size_t payload_len = std::min(size_t(r.payload_len), r.held - KX_FRAME_HEADER_LEN);
+        long long back = clock.steps_back();
         int64_t t = clock.next(r, payload, payload_len);
+        if (clock.steps_back() > back && back == 0) {
+            say("frame " + std::to_string(r.index) + ": the device's clock was set back; the pictures from there on "
+                "follow at the frame interval");
+        }
         ++seen;
         if (!any_time) first_seen_ms = t;
         any_time = true;
