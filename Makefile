@@ -5,6 +5,8 @@ PACKAGES := cmake ninja-build ccache g++ clang libclang-rt-dev googletest libgte
             ffmpeg libavcodec-dev libavformat-dev libavfilter-dev libswscale-dev libavutil-dev fonts-dejavu-core \
             python3-dev python3-pybind11 python3-pytest python3-hypothesis \
             doxygen graphviz
+# The tools' manual pages (help2man), korvex-view's font lookup (fontconfig) and a font with Chinese glyphs.
+PACKAGES += help2man libfontconfig-dev fonts-wqy-zenhei
 JOBS ?= 2
 FUZZ_SECONDS ?= 20
 BENCH_SECONDS ?= 0.2
@@ -71,10 +73,10 @@ python: deps
 # tests watch the process's memory themselves.
 python-asan: deps
 	cmake --preset asan -B build/asan-python -DKORVEX_TOOLS=ON -DKORVEX_PYTHON=ON
-	cmake --build build/asan-python -j $(JOBS) --target korvex_python korvex-dump korvex-mkframe
+	cmake --build build/asan-python -j $(JOBS) --target korvex_python korvex-dump korvex-mkframe korvex-export
 	cd build/asan-python && env LD_PRELOAD="$$(gcc -print-file-name=libasan.so) $$(g++ -print-file-name=libstdc++.so)" \
 	  ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-	  PYTHONPATH=python KORVEX_DUMP=tools/korvex-dump KORVEX_MKFRAME=tools/korvex-mkframe \
+	  PYTHONPATH=python KORVEX_DUMP=tools/korvex-dump KORVEX_MKFRAME=tools/korvex-mkframe KORVEX_EXPORT=tools/korvex-export \
 	  /usr/bin/python3 -m pytest -q -p no:cacheprovider ../../python/tests
 
 # Each harness runs FUZZ_SECONDS (or FUZZ_RUNS executions, when given) on a work copy of its seed

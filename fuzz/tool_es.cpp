@@ -1,5 +1,5 @@
 // korvex-dump --es and korvex-view: the clear payload of a frame cut into Annex B units
-// (kxd::clear_payload), with the user-data SEI units dropped unless kept.
+// (kxc::clear_payload), with the user-data SEI units dropped unless kept.
 //
 // Checks: the output is a sequence of 4-byte start codes and units that scans back into the same
 // units; each unit is one of the payload's, in order; no user-data unit is left unless kept; nothing
@@ -14,7 +14,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "korvex-dump/dump.h"
+#include "core/core.h"
 
 namespace {
 
@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // The held bytes in a buffer of their exact size, so that ASan sees a read past them.
     std::vector<uint8_t> frame(data + 5, data + size);
     const size_t held = frame.size();
-    kxt::Bytes out = kxd::clear_payload(frame.data(), held, payload_len, codec, keep);
+    kxt::Bytes out = kxc::clear_payload(frame.data(), held, payload_len, codec, keep);
     if (held <= 32) {
         if (!out.empty()) abort();
         return 0;

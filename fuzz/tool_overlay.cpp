@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "framegen.h"
-#include "korvex-dump/dump.h"
+#include "core/core.h"
 #include "korvex-view/view.h"
 
 namespace {
@@ -48,19 +48,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const int width = kxt::rd16(data + 1) % 8192 + 1, height = kxt::rd16(data + 3) % 16384 + 1;
     kxt::Bytes body(data + 5, data + size);
     kxt::Bytes frame = (opt & 0x10) ? body : framegen::frame(body);
-    if (frame.size() < 32 || !kxd::sound_header(frame.data())) return 0;
+    if (frame.size() < 32 || !kxc::sound_header(frame.data())) return 0;
 
     static kxt::Bytes split(sizeof(TUserDataSplitState), 0);
     if (opt & 8) memset(split.data(), 0, split.size());
-    kxd::Options o;
-    o.quiet = true;
-    if (opt & 1) kxd::set_walk_option("--key", "fuzzkey", &o);
-    if (opt & 2) kxd::set_walk_option("--mask", "all", &o);
+    kxc::AnalysisOptions o;
+    if (opt & 1) kxc::set_walk_option("--key", "fuzzkey", &o);
+    if (opt & 2) kxc::set_walk_option("--mask", "all", &o);
     kxt::Codec codec = (opt & 4) ? kxt::Codec::kH265 : kxt::Codec::kUnknown;
-    kxd::FrameReport r;
-    kxd::read_header(frame.data(), &r);
+    kxc::FrameReport r;
+    kxc::read_header(frame.data(), &r);
     r.held = std::min(frame.size(), size_t(r.frame_len));
-    kxd::examine_frame(o, frame.data(), &r, &codec, split.data(), int(split.size()));
+    kxc::examine_frame(o, kxc::Span{frame.data(), frame.size()}, &r, &codec, split.data(), int(split.size()));
 
     kxv::Overlay ov = kxv::overlay_of(r.ud);
     const int sizes[][2] = {{width, height}, {2, 2}, {8192, 16384}, {480, 270}};

@@ -1,11 +1,11 @@
-// korvex-dump's walk over a stream of frames (kxd::walk, reading a file as the tool does): broken
+// The tools' walk over a stream of frames (kxc::walk, reading a file as the tools do): broken
 // headers and the byte-wise search for the next one, lengths that run over a sound header inside them,
 // frames cut off by the end, decryption with a key and the user-data analysis with the stream's split
 // state. Each frame the walk hands over is then cut into its elementary stream (as --es and korvex-view
 // do) and drawn into an overlay (as korvex-view does).
 //
 // Checks: every frame lies inside the input, behind the previous one, and every byte it holds is read.
-// The walk over the same bytes in memory (kxd::Walker, as the Python module walks) finds the same
+// The walk over the same bytes in memory (kxc::Walker, as the Python module walks a bytes object) finds the same
 // frames. Where the stream is also walked behind a filler frame, so that its frames straddle the walk's
 // 64 KiB reads, the walk must find the same frames there as alone: where the reads fall changes nothing.
 //
@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "framegen.h"
-#include "korvex-dump/dump.h"
+#include "core/core.h"
 #include "korvex-view/view.h"
 
 namespace {
@@ -39,7 +39,8 @@ struct Seen {
     size_t held;
     uint32_t frame_len;
     bool valid;
-    std::string error, status;
+    std::string error;
+    kxc::UserDataStatus status;
     size_t callbacks;
     bool operator==(const Seen &o) const {
         return offset == o.offset && held == o.held && frame_len == o.frame_len && valid == o.valid &&
@@ -48,19 +49,22 @@ struct Seen {
 };
 
 // Walks the file's bytes from 0 to len; skip bytes of filler lie in front of the stream.
-std::vector<Seen> walk_file(const kxd::Options &o, size_t len, size_t skip, bool keep_sei) {
+std::vector<Seen> walk_file(const kxc::AnalysisOptions &o, size_t len, size_t skip, bool keep_sei) {
     std::vector<Seen> seen;
     uint64_t next = 0;
-    kxd::WalkTotals totals;
-    int rc = kxd::walk(o, [&](const kxd::FrameReport &r, const uint8_t *frame) {
+    kxc::WalkTotals totals;
+    FILE *f = fopen(g_path.c_str(), "rb");
+    if (f == nullptr) abort();
+    kxc::walk(f, o, [&](const kxc::FrameReport &r, kxc::Span span) {
+        const uint8_t *frame = span.data;
         if (r.offset < next || r.offset + r.held > len) abort();
         if (r.has_header && frame == nullptr) abort();
         next = r.offset + (r.held > 0 ? r.held : 1);
         if (r.offset < skip) return true;  // the filler frame
         uint32_t sum = 0;
         for (size_t i = 0; frame != nullptr && i < r.held; ++i) sum += frame[i];
-        if (frame != nullptr && r.skip_reason.empty() && r.ud.ran) {
-            kxt::Bytes es = kxd::clear_payload(frame, r.held, r.payload_len, r.codec, keep_sei);
+        if (frame != nullptr && r.clear() && r.ud.ran) {
+            kxt::Bytes es = kxc::clear_payload(frame, r.held, r.payload_len, r.codec, keep_sei);
             if (es.size() > 2 * r.held + 4) abort();  // a start code of 4 for each unit of at least 1
             kxv::Overlay ov = kxv::overlay_of(r.ud);
             sum += uint32_t(es.size() + ov.boxes.size() + ov.top.size() + ov.bottom.size());
@@ -68,23 +72,25 @@ std::vector<Seen> walk_file(const kxd::Options &o, size_t len, size_t skip, bool
         g_sink = sum;
         seen.push_back({r.offset - skip, r.held, r.frame_len, r.valid, r.error, r.ud.status, r.ud.callbacks.size()});
         return true;
-    }, &totals);
-    if (rc != 0 || totals.broken > totals.frames) abort();
+    }, [](const std::string &) {}, &totals);
+    fclose(f);
+    if (totals.read_error != 0 || totals.broken > totals.frames) abort();
     return seen;
 }
 
 // The same bytes walked in memory, one frame at a time as the Python module walks them: the same frames
 // at the same places, each read where it lies, and the walk's own error first in each frame's error.
 void walk_memory(const uint8_t *p, size_t len, const std::vector<Seen> &file) {
-    kxd::Walker w(p, len);
-    kxd::FrameReport r;
-    const uint8_t *frame = nullptr;
+    kxt::Bytes copy(p, p + len);
+    kxc::Walker w(copy.data(), copy.size());
+    kxc::FrameReport r;
+    kxc::Span frame;
     uint64_t skipped = 0;
     size_t i = 0;
     while (w.next(&r, &frame)) {
         if (i >= file.size()) abort();
         const Seen &s = file[i++];
-        if (r.offset != s.offset || r.held != s.held || r.valid != s.valid || frame != p + r.offset ||
+        if (r.offset != s.offset || r.held != s.held || r.valid != s.valid || frame.data != copy.data() + r.offset ||
             s.error.compare(0, r.error.size(), r.error) != 0) {
             abort();
         }
@@ -119,12 +125,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const uint8_t opt = data[0];
     const uint8_t *stream = data + 1;
     size_t len = size - 1;
-    kxd::Options o;
-    o.input = g_path;
-    o.progress = 0;
-    o.quiet = true;
-    if (opt & 1) kxd::set_walk_option("--key", "fuzzkey", &o);
-    if (opt & 2) kxd::set_walk_option("--mask", "all", &o);
+    kxc::AnalysisOptions o;
+    if (opt & 1) kxc::set_walk_option("--key", "fuzzkey", &o);
+    if (opt & 2) kxc::set_walk_option("--mask", "all", &o);
     const kxt::Codec codecs[] = {kxt::Codec::kUnknown, kxt::Codec::kH264, kxt::Codec::kH265, kxt::Codec::kUnknown};
     o.codec = codecs[(opt >> 2) & 3];
     o.raw_text = (opt & 0x10) != 0;
@@ -152,7 +155,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         uint8_t window[32];
         memset(window, 0xFF, j);
         memcpy(window + j, stream, 32 - j);
-        if (kxd::sound_header(window)) return 0;
+        if (kxc::sound_header(window)) return 0;
     }
     put_file(stream, len, nullptr, 0);
     std::vector<Seen> alone = walk_file(o, len, 0, keep_sei);

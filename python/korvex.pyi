@@ -2,6 +2,7 @@
 user data as Python data (the shape of korvex-dump --json)."""
 
 import os
+from datetime import datetime
 from typing import Any, Iterator, Literal, Optional, Union
 
 __version__: str
@@ -26,6 +27,10 @@ class CipherError(Error):
 
 class WrongKeyError(CipherError):
     """Decryption failed: the key is wrong, or the data is no frame (-4)."""
+
+class ExportError(Error):
+    """export() failed; code is korvex-export's exit status: 1 broken input (a broken frame, a wrong or
+    missing key, no frame in the range), 2 bad arguments or files. Nothing is written then."""
 
 class IndexBlockError(Error):
     """An I-frame index block the library refuses (-104), a sign type out of range (-100)."""
@@ -73,10 +78,16 @@ class Frame:
         """Why the frame is broken, or None."""
     @property
     def encrypted(self) -> bool:
-        """The frame's bytes are encrypted now."""
+        """The frame was encrypted in the recording (decrypted or not since)."""
     @property
     def mode(self) -> Optional[Literal["plain", "enhanced"]]:
-        """The cipher mode of an encrypted frame; None for a clear frame."""
+        """The cipher mode the frame had in the recording; None for a frame that was clear there."""
+    @property
+    def decrypted(self) -> bool:
+        """The frame was encrypted in the recording and its bytes are clear now."""
+    @property
+    def key_frame(self) -> bool:
+        """The clear payload holds a key picture (H.264 IDR, H.265 IRAP); False while encrypted."""
     @property
     def data(self) -> memoryview:
         """The frame's bytes, header included (read-only, no copy)."""
@@ -114,3 +125,16 @@ def iframe_index(data: BytesLike, sign: int = 0) -> list[dict[str, int]]:
 
 def stream_info(head: BytesLike, frame: Union[BytesLike, Frame]) -> dict[str, int]:
     """What a stream head block and a frame header say (TStreamInfo as a dict)."""
+
+def export(source: Source, out: Union[str, "os.PathLike[str]"], key: Optional[Key] = None,
+           start: Union[None, datetime, str, float] = None, end: Union[None, datetime, str, float] = None,
+           vtt: Union[None, str, "os.PathLike[str]"] = None, csv: Union[None, str, "os.PathLike[str]"] = None,
+           json: Union[None, str, "os.PathLike[str]"] = None, frames: Optional[tuple[Optional[int], Optional[int]]] = None,
+           index: Union[None, str, "os.PathLike[str]"] = None, fps: Optional[float] = None,
+           data_track: bool = True) -> dict[str, Any]:
+    """Writes the recording's pictures into out (.mp4, .m4v, .mov, .mkv) without re-encoding, each at
+    its own time, as korvex-export does: start/end (datetime, naive ones UTC; ISO 8601 text; seconds
+    since 1970) cut a clip that opens at the key frame at or before start; frames=(first, last) cuts by
+    frame numbers, last included; vtt, csv and json write the side files; index is an I-frame index of
+    the recording. Returns frames, first_frame, last_frame, start, end, device_times and broken.
+    Raises ExportError; nothing is written then."""

@@ -1,5 +1,5 @@
 // The Python module `korvex`: the frame side of the library for Python programs. read_frames walks a
-// recording with korvex-dump's own walk (kxd::Walker, over the bytes where they lie) and frame steps
+// recording with the tools' own walk (kxc::Walker, over the file or a private copy of the bytes) and frame steps
 // (decryption, user-data analysis with split containers joined across frames), and a frame's user data
 // is korvex-dump's JSON object for it, turned into Python data. The GIL is released while the library works on a buffer.
 #include <fcntl.h>
@@ -18,8 +18,9 @@
 #include <pybind11/eval.h>
 #include <pybind11/pybind11.h>
 
-#include "korvex-dump/dump.h"
-#include "korvex-dump/dump_json.h"
+#include "core/core.h"
+#include "core/report_json.h"
+#include "korvex-export/export.h"
 #include "stream/frame_header.h"
 
 namespace py = pybind11;
@@ -54,6 +55,11 @@ class CipherError(Error):
 class WrongKeyError(CipherError):
     """Decryption failed because the key is wrong, or the data is no frame (-4)."""
 
+class ExportError(Error):
+    """export() failed: `code` is korvex-export's exit status, 1 for broken input (a broken frame, a wrong
+    or missing key, no frame in the range), 2 for bad arguments or files (a container the name doesn't
+    give, an output that can't be written)."""
+
 class IndexBlockError(Error):
     """An I-frame index block the library refuses: too short for its head or items (-104), a sign
     type out of range (-100)."""
@@ -71,100 +77,56 @@ py::object *g_utc = nullptr;        // datetime.timezone.utc
 }
 
 // ---------------------------------------------------------------------------------------------------
-// Byte sources: a bytes-like object (held through the buffer protocol, so it can't be resized while
-// read) or a file, mapped read-only.
+// Recordings: a file, read as the walk goes (never mapped, so a file that shrinks meanwhile ends the
+// walk with a truncated frame rather than a signal), or a private copy of a bytes-like object (so that
+// another thread changing the object while the walk runs without the GIL changes nothing it reads).
 
-class Bytes {
-public:
-    Bytes() = default;
-    Bytes(const Bytes &) = delete;
-    Bytes &operator=(const Bytes &) = delete;
-    ~Bytes() {
-        if (map_ != nullptr) munmap(map_, size_);
-        if (has_view_) PyBuffer_Release(&view_);  // the owner is destroyed with the GIL held
-    }
-    // A contiguous bytes-like object; TypeError otherwise.
-    void from_buffer(py::handle obj) {
-        if (PyObject_GetBuffer(obj.ptr(), &view_, PyBUF_SIMPLE) != 0) {
-            PyErr_Clear();
-            throw py::type_error("expected a path, bytes or a contiguous buffer, not " +
-                                 std::string(Py_TYPE(obj.ptr())->tp_name));
-        }
-        has_view_ = true;
-        data_ = static_cast<const uint8_t *>(view_.buf);
-        size_ = size_t(view_.len);
-    }
-    // A file: mapped when it is a regular file, read whole otherwise; OSError on failure.
-    void from_path(const std::string &path) {
-        int fd;
-        {
-            py::gil_scoped_release nogil;
-            fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        }
-        if (fd < 0) throw_os_error(path);
-        struct stat st;
-        if (fstat(fd, &st) != 0) {
-            int e = errno;
-            close(fd);
-            errno = e;
-            throw_os_error(path);
-        }
-        if (S_ISREG(st.st_mode)) {
-            size_ = size_t(st.st_size);
-            if (size_ > 0) {
-                void *m = mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd, 0);
-                if (m == MAP_FAILED) {
-                    int e = errno;
-                    close(fd);
-                    errno = e;
-                    throw_os_error(path);
-                }
-                map_ = m;
-                data_ = static_cast<const uint8_t *>(m);
-            }
-        } else {
-            py::gil_scoped_release nogil;
-            uint8_t chunk[1 << 16];
-            ssize_t got;
-            while ((got = read(fd, chunk, sizeof(chunk))) > 0) owned_.insert(owned_.end(), chunk, chunk + got);
-            if (got < 0) {
-                int e = errno;
-                close(fd);
-                errno = e;
-                py::gil_scoped_acquire gil;
-                throw_os_error(path);
-            }
-            data_ = owned_.data();
-            size_ = owned_.size();
-        }
-        close(fd);
-    }
-    const uint8_t *data() const { return data_; }
-    size_t size() const { return size_; }
+[[noreturn]] void throw_os_error(const std::string &path) {
+    PyErr_SetFromErrnoWithFilename(PyExc_OSError, path.c_str());
+    throw py::error_already_set();
+}
 
-private:
-    [[noreturn]] static void throw_os_error(const std::string &path) {
-        PyErr_SetFromErrnoWithFilename(PyExc_OSError, path.c_str());
-        throw py::error_already_set();
+struct Source {
+    FILE *file = nullptr;
+    std::vector<uint8_t> copy;
+    Source() = default;
+    Source(const Source &) = delete;
+    Source &operator=(const Source &) = delete;
+    ~Source() {
+        if (file != nullptr) fclose(file);
     }
-    Py_buffer view_{};
-    bool has_view_ = false;
-    void *map_ = nullptr;
-    std::vector<uint8_t> owned_;
-    const uint8_t *data_ = nullptr;
-    size_t size_ = 0;
 };
 
+bool is_path(py::handle source) {
+    return py::isinstance<py::str>(source) || PyObject_HasAttrString(source.ptr(), "__fspath__");
+}
+
+std::string to_path(py::handle source) {
+    return py::module_::import("os").attr("fsdecode")(source).cast<std::string>();
+}
+
 // Any of: str or os.PathLike (a path), or a bytes-like object.
-std::shared_ptr<Bytes> open_source(py::handle source) {
-    auto b = std::make_shared<Bytes>();
-    if (py::isinstance<py::str>(source) || PyObject_HasAttrString(source.ptr(), "__fspath__")) {
-        py::object path = py::module_::import("os").attr("fsdecode")(source);
-        b->from_path(path.cast<std::string>());
-    } else {
-        b->from_buffer(source);
+std::shared_ptr<Source> open_source(py::handle source) {
+    auto s = std::make_shared<Source>();
+    if (is_path(source)) {
+        std::string path = to_path(source);
+        {
+            py::gil_scoped_release nogil;
+            s->file = fopen(path.c_str(), "rbe");
+        }
+        if (s->file == nullptr) throw_os_error(path);
+        return s;
     }
-    return b;
+    Py_buffer view;
+    if (PyObject_GetBuffer(source.ptr(), &view, PyBUF_SIMPLE) != 0) {
+        PyErr_Clear();
+        throw py::type_error("expected a path, bytes or a contiguous buffer, not " +
+                             std::string(Py_TYPE(source.ptr())->tp_name));
+    }
+    const uint8_t *p = static_cast<const uint8_t *>(view.buf);
+    s->copy.assign(p, p + view.len);
+    PyBuffer_Release(&view);
+    return s;
 }
 
 // A view of a bytes-like argument for the duration of a call.
@@ -182,6 +144,8 @@ public:
     ~View() { PyBuffer_Release(&view_); }
     const uint8_t *data() const { return static_cast<const uint8_t *>(view_.buf); }
     size_t size() const { return size_t(view_.len); }
+    // The bytes as they are now, taken with the GIL held: what a call that releases the GIL works on.
+    std::vector<uint8_t> copy() const { return std::vector<uint8_t>(data(), data() + size()); }
 
 private:
     Py_buffer view_{};
@@ -218,7 +182,7 @@ Codec to_codec(const std::string &codec) {
 }
 
 // The analysis korvex-dump --mask chooses: None keeps the single-frame analysis.
-void set_mask(py::handle mask, kxd::Options *o) {
+void set_mask(py::handle mask, kxc::AnalysisOptions *o) {
     if (mask.is_none()) return;
     o->two_layout = true;
     if (py::isinstance<py::str>(mask) && mask.cast<std::string>() == "all") {
@@ -296,15 +260,16 @@ struct FrameBytes {
 
 struct Frame {
     std::shared_ptr<FrameBytes> buf;
-    kxd::FrameReport r;
+    kxc::FrameReport r;  // flags, encryption and mode as the frame was in the recording
     Codec stream_codec = Codec::kUnknown;  // the stream's codec when the frame was read
     std::string walk_error;                // what the walk found wrong with the frame's extent, if anything
     bool busy = false;
 
-    uint8_t *data() { return buf->bytes.data(); }
+    kxc::Span span() { return kxc::Span{buf->bytes.data(), buf->bytes.size()}; }
     bool has_header() const { return buf->bytes.size() >= KX_FRAME_HEADER_LEN; }
     uint16_t current_flags() const { return has_header() ? fh_flags(buf->bytes.data()) : 0; }
-    bool encrypted() const { return (current_flags() & 3) == 2; }
+    bool encrypted_on_disk() const { return r.valid && (r.flags & 3) == 2; }
+    bool encrypted_now() const { return (current_flags() & 3) == 2; }
 };
 
 // Marks an object busy for the length of a call that releases the GIL, so that a second thread can't
@@ -336,7 +301,7 @@ const char *decrypt_class(int rc) {
     }
 }
 
-std::string frame_where(const kxd::FrameReport &r) {
+std::string frame_where(const kxc::FrameReport &r) {
     return "frame " + std::to_string(r.index) + " at offset " + std::to_string(r.offset) + ": ";
 }
 
@@ -350,7 +315,8 @@ void frame_decrypt(Frame &f, py::handle key_obj) {
     int rc;
     {
         py::gil_scoped_release nogil;
-        rc = SA_DecryptOneFrame(f.data(), clamp_len(f.r.held), key.padded, int(key.text.size()));
+        rc = SA_DecryptOneFrame(f.buf->bytes.data(), clamp_len(std::min(f.r.held, f.buf->bytes.size())), key.padded,
+                                int(key.text.size()));
     }
     if (rc == -3) raise("CipherError", rc, frame_where(f.r) + "the frame is not encrypted");
     if (rc != 0) {
@@ -358,27 +324,29 @@ void frame_decrypt(Frame &f, py::handle key_obj) {
     }
     // The analysis fills a copy, so that another thread reading the frame's report meanwhile sees the
     // old one whole; the copy replaces it with the GIL held.
-    kxd::FrameReport r = f.r;
+    kxc::FrameReport r = f.r;
     r.flags = f.current_flags();
     r.error = f.walk_error;
-    r.skip_reason.clear();
-    r.ud = kxd::UserDataReport();
+    r.skip = kxc::Skip::kNone;
+    r.ud = kxc::UserDataReport();
     {
         py::gil_scoped_release nogil;
-        kxd::Options o;
+        kxc::AnalysisOptions o;
         o.codec = f.stream_codec;
         std::vector<uint8_t> split(sizeof(TUserDataSplitState), 0);
         Codec codec = f.stream_codec;
-        kxd::examine_frame(o, f.data(), &r, &codec, split.data(), int(split.size()));
+        kxc::examine_frame(o, f.span(), &r, &codec, split.data(), int(split.size()));
     }
+    // The report keeps what the frame was in the recording, and says that it is clear now.
     r.flags = f.r.flags;
     r.encryption = f.r.encryption;
-    r.decrypt = "ok";
+    r.decrypt = kxc::Decrypt::kDone;
+    r.decrypt_rc = 0;
     f.r = std::move(r);
 }
 
 py::object frame_userdata(const Frame &f) {
-    Json j = kxd::frame_json(f.r);
+    Json j = kxc::frame_json(f.r);
     auto it = j.find("userdata");
     return it == j.end() ? py::none() : to_python(*it);
 }
@@ -387,11 +355,12 @@ py::object frame_userdata(const Frame &f) {
 // The walk over a recording
 
 struct Walk {
-    std::shared_ptr<Bytes> src;
-    std::unique_ptr<kxd::Walker> walker;  // korvex-dump's walk, over src where it lies
-    kxd::Options o;
+    std::shared_ptr<Source> src;
+    std::unique_ptr<kxc::Walker> walker;  // the tools' walk, over the file or the private copy
+    kxc::AnalysisOptions o;
     std::vector<uint8_t> split = std::vector<uint8_t>(sizeof(TUserDataSplitState), 0);
     Codec codec = Codec::kUnknown;
+    int picture_size[2] = {0, 0};  // of the stream's last sequence parameter set
     bool strict = true;
     bool done = false;
     bool busy = false;
@@ -403,8 +372,8 @@ struct Walk {
         Busy guard(&busy, "the read_frames iterator");
         Frame f;
         f.buf = std::make_shared<FrameBytes>();
-        kxd::FrameReport &r = f.r;
-        const uint8_t *at = nullptr;
+        kxc::FrameReport &r = f.r;
+        kxc::Span at;
         bool more;
         {
             py::gil_scoped_release nogil;
@@ -417,10 +386,10 @@ struct Walk {
         f.walk_error = r.error;
         if (!r.valid) {
             // A broken header keeps its 32 bytes; the last bytes of the input, too few for a header, all.
-            f.buf->bytes.assign(at, at + (r.has_header ? size_t(KX_FRAME_HEADER_LEN) : r.held));
+            f.buf->bytes.assign(at.data, at.data + at.size);
             if (strict) {
                 done = true;
-                raise("FrameError", r.has_header ? -102 : -104, frame_where(r) + r.error);
+                raise("FrameError", r.extent == kxc::Extent::kBadHeader ? -102 : -104, frame_where(r) + r.error);
             }
             bool found;
             {
@@ -431,18 +400,19 @@ struct Walk {
             if (!found) done = true;
             return f;
         }
-        f.buf->bytes.assign(at, at + r.held);
+        f.buf->bytes.assign(at.data, at.data + at.size);
         f.stream_codec = codec;
         int rc;
         {
             py::gil_scoped_release nogil;
-            rc = kxd::examine_frame(o, f.data(), &r, &codec, split.data(), int(split.size()));
+            rc = kxc::examine_frame(o, f.span(), &r, &codec, split.data(), int(split.size()));
+            kxc::keep_picture_size(&r, picture_size);
             uint64_t skipped;
             if (!walker->advance(&skipped)) done = true;
         }
         if (strict && !f.walk_error.empty()) {
             done = true;
-            bool truncated = r.held < r.frame_len && f.walk_error.rfind("truncated", 0) == 0;
+            bool truncated = r.extent == kxc::Extent::kTruncated;
             raise("FrameError", truncated ? -104 : -102, frame_where(r) + f.walk_error);
         }
         if (strict && rc != 0) {
@@ -457,7 +427,7 @@ struct Walk {
 // Module functions
 
 py::object probe(py::handle data) {
-    View v(data, "data");
+    std::vector<uint8_t> v = View(data, "data").copy();
     int h264, h265 = 0;
     {
         py::gil_scoped_release nogil;
@@ -502,7 +472,7 @@ py::bytes encrypt_frame(py::handle frame, py::handle key_obj, const std::string 
 }
 
 py::dict stream_info(py::handle head, py::handle frame) {
-    View h(head, "head");
+    std::vector<uint8_t> h = View(head, "head").copy();
     std::vector<uint8_t> f = frame_bytes(frame);
     // The call reads the 32 header bytes whatever length it is given.
     if (f.size() < KX_FRAME_HEADER_LEN) raise("FrameError", -3, "shorter than a frame header");
@@ -563,7 +533,8 @@ struct IndexMatch {
 // a walk) and behind its predecessor (whether the step to it is a restart). The library reads at most
 // 80 bytes of an item, so each is cut to that; the whole list costs one pass over the block.
 py::list iframe_index(py::handle data, int sign) {
-    View v(data, "data");
+    // The block's counts are read once the GIL is released: they must not change meanwhile.
+    std::vector<uint8_t> v = View(data, "data").copy();
     if (sign < 0 || sign > 5) raise("IndexBlockError", -100, "sign type out of range (0 to 5)");
     if (v.size() > size_t(INT_MAX)) raise("IndexBlockError", -104, "too large for an index block");
     std::vector<IndexMatch> found;
@@ -614,6 +585,89 @@ py::list iframe_index(py::handle data, int sign) {
     return out;
 }
 
+// A time of export(): a datetime (naive ones are UTC), an ISO 8601 text as korvex-export takes, or
+// seconds since 1970.
+int64_t to_time_ms(py::handle t, const char *what) {
+    int64_t ms = 0;
+    if (py::isinstance(t, *g_datetime)) {
+        py::object aware = t.attr("tzinfo").is_none() ? t.attr("replace")(py::arg("tzinfo") = *g_utc) : py::reinterpret_borrow<py::object>(t);
+        double secs = aware.attr("timestamp")().cast<double>();
+        return int64_t(llround(secs * 1000));
+    }
+    if (py::isinstance<py::str>(t)) {
+        if (kxc::parse_time_ms(t.cast<std::string>(), &ms)) return ms;
+    } else if ((py::isinstance<py::int_>(t) || py::isinstance<py::float_>(t)) && !py::isinstance<py::bool_>(t)) {
+        double secs = t.cast<double>();
+        if (secs >= 0 && secs < 253402300800.0) return int64_t(llround(secs * 1000));
+    }
+    throw py::value_error(std::string(what) + " is a datetime, an ISO 8601 text such as '2024-05-01T08:00:00Z' or "
+                          "seconds since 1970");
+}
+
+std::string optional_path(py::handle p) { return p.is_none() ? std::string() : to_path(p); }
+
+py::dict export_recording(py::handle source, py::handle out, py::handle key, py::handle start, py::handle end,
+                          py::handle vtt, py::handle csv, py::handle json, py::handle frames, py::handle index,
+                          py::handle fps, bool data_track) {
+    kxe::ExportOptions o;
+    o.output = to_path(out);
+    Key k = to_key(key);
+    o.analysis.has_key = k.given;
+    o.analysis.key = k.text;
+    if (!start.is_none()) o.has_from = true, o.from_ms = to_time_ms(start, "start");
+    if (!end.is_none()) o.has_to = true, o.to_ms = to_time_ms(end, "end");
+    o.vtt = optional_path(vtt);
+    o.csv = optional_path(csv);
+    o.json = optional_path(json);
+    o.index = optional_path(index);
+    o.data_track = data_track;
+    if (!fps.is_none()) {
+        o.fps = fps.cast<double>();
+        if (!(o.fps > 0 && o.fps <= 1000)) throw py::value_error("fps is a rate above 0, at most 1000");
+    }
+    if (!frames.is_none()) {
+        auto range = frames.cast<std::pair<py::object, py::object>>();
+        o.first = range.first.is_none() ? 0 : range.first.cast<long long>();
+        o.last = range.second.is_none() ? -1 : range.second.cast<long long>();
+        if (o.first < 0 || (o.last >= 0 && o.last < o.first)) throw py::value_error("frames is (first, last), 0 <= first <= last");
+    }
+    // A bytes-like source is read from a private copy, as read_frames does.
+    std::shared_ptr<Source> src;
+    FILE *mem = nullptr;
+    if (is_path(source)) {
+        o.input = to_path(source);
+    } else {
+        src = open_source(source);
+        o.input = "<bytes>";
+        if (!src->copy.empty()) mem = fmemopen(src->copy.data(), src->copy.size(), "rb");
+        else mem = fopen("/dev/null", "rb");
+        if (mem == nullptr) throw std::bad_alloc();
+        o.input_file = mem;
+    }
+    kxe::ExportResult res;
+    int rc;
+    {
+        py::gil_scoped_release nogil;
+        rc = kxe::run_export(o, [](const std::string &) {}, &res);
+    }
+    if (mem != nullptr) fclose(mem);
+    if (!res.written) raise("ExportError", rc, res.message);
+    py::dict d;
+    d["frames"] = res.frames;
+    d["first_frame"] = res.first_index;
+    d["last_frame"] = res.last_index;
+    d["device_times"] = res.device_times;
+    if (res.device_times) {
+        d["start"] = (*g_datetime).attr("fromtimestamp")(res.first_ms / 1000.0, *g_utc);
+        d["end"] = (*g_datetime).attr("fromtimestamp")(res.last_ms / 1000.0, *g_utc);
+    } else {
+        d["start"] = res.first_ms / 1000.0;
+        d["end"] = res.last_ms / 1000.0;
+    }
+    d["broken"] = res.broken;
+    return d;
+}
+
 }  // namespace
 
 PYBIND11_MODULE(korvex, m) {
@@ -623,6 +677,10 @@ PYBIND11_MODULE(korvex, m) {
     // The library logs refused calls on standard error, keys included; a Python program sees exceptions.
     sdk_log_set_level(0, 0, 0);
 
+    // Each docstring begins with the signature as a reader wants it (the types a caller passes), rather
+    // than the generated one, which would name the binding's own C++ types.
+    py::options options;
+    options.disable_function_signatures();
     py::exec(kErrorClasses, m.attr("__dict__"));
     // Kept for the life of the process: the interpreter may already be gone when statics are destroyed.
     g_module = new py::object(m);
@@ -652,11 +710,18 @@ PYBIND11_MODULE(korvex, m) {
                                "Bytes of the frame present in the recording (less than frame_len when cut short).")
         .def_property_readonly("error", [](const Frame &f) { return f.r.error.empty() ? py::object(py::none()) : py::object(py::str(f.r.error)); },
                                "Why the frame is broken, or None (only read_frames(strict=False) yields broken frames).")
-        .def_property_readonly("encrypted", &Frame::encrypted, "The frame's bytes are encrypted now.")
+        .def_property_readonly("encrypted", &Frame::encrypted_on_disk,
+                               "The frame was encrypted in the recording (whether or not it has been decrypted since).")
         .def_property_readonly("mode", [](const Frame &f) -> py::object {
-                if (!f.encrypted()) return py::none();
-                return py::str(((f.current_flags() >> 6) & 3) == 2 ? "enhanced" : "plain");
-            }, "The cipher mode of an encrypted frame, 'plain' or 'enhanced'; None for a clear frame.")
+                if (!f.encrypted_on_disk()) return py::none();
+                return py::str(((f.r.flags >> 6) & 3) == 2 ? "enhanced" : "plain");
+            }, "The cipher mode the frame was encrypted with in the recording, 'plain' or 'enhanced'; None for a "
+               "frame that was clear there.")
+        .def_property_readonly("decrypted", [](const Frame &f) { return f.encrypted_on_disk() && !f.encrypted_now(); },
+                               "The frame was encrypted in the recording and its bytes are clear now.")
+        .def_property_readonly("key_frame", [](const Frame &f) { return f.r.clear() && f.r.key_frame; },
+                               "The frame's clear payload holds a key picture (H.264 IDR, H.265 IRAP); False while "
+                               "it is encrypted.")
         .def_property_readonly("data", [](const Frame &f) { return frame_memoryview(f, 0, f.buf->bytes.size()); },
                                "The frame's bytes, header included: a read-only memoryview, no copy.")
         .def_property_readonly("payload", [](const Frame &f) {
@@ -666,12 +731,15 @@ PYBIND11_MODULE(korvex, m) {
                 return frame_memoryview(f, begin, end);
             }, "The payload behind the header (uiPayloadLen bytes, as far as present): a read-only memoryview, no copy.")
         .def("decrypt", &frame_decrypt, py::arg("key"),
+             "decrypt(self, key: str | bytes) -> None\n\n"
              "Decrypts the frame in place with key (str or bytes, 1 to 16 bytes) and analyses its user data, "
              "alone. Raises WrongKeyError for a wrong key, CipherError for a clear frame or an unusable key.")
         .def("userdata", &frame_userdata,
+             "userdata(self) -> dict | None\n\n"
              "The user data of the frame as plain Python data: the 'userdata' object that korvex-dump --json "
              "prints for the frame, with times as datetime in UTC. None for a frame with a broken header.")
-        .def("report", [](const Frame &f) { return to_python(kxd::frame_json(f.r)); },
+        .def("report", [](const Frame &f) { return to_python(kxc::frame_json(f.r)); },
+             "report(self) -> dict\n\n"
              "Everything korvex-dump --json prints for the frame, as one dict (times as datetime in UTC).")
         .def("__repr__", [](const Frame &f) {
             return "<korvex.Frame " + std::to_string(f.r.index) + " at " + std::to_string(f.r.offset) + ", " +
@@ -679,8 +747,8 @@ PYBIND11_MODULE(korvex, m) {
         });
 
     py::class_<Walk>(m, "FrameReader", "Iterator over the frames of a recording; made by read_frames().")
-        .def("__iter__", [](py::object self) { return self; }, "The iterator itself.")
-        .def("__next__", &Walk::next, "The next Frame; StopIteration at the end of the recording.");
+        .def("__iter__", [](py::object self) { return self; }, "__iter__(self) -> FrameReader\n\nThe iterator itself.")
+        .def("__next__", &Walk::next, "__next__(self) -> Frame\n\nThe next Frame; StopIteration at the end of the recording.");
 
     m.def("read_frames",
           [](py::handle source, py::handle key, const std::string &codec, bool strict, py::handle mask) {
@@ -693,11 +761,14 @@ PYBIND11_MODULE(korvex, m) {
               w.o.key = k.text;
               w.strict = strict;
               w.src = open_source(source);
-              w.walker = std::make_unique<kxd::Walker>(w.src->data(), w.src->size());
+              w.walker = w.src->file != nullptr ? std::make_unique<kxc::Walker>(w.src->file)
+                                                : std::make_unique<kxc::Walker>(w.src->copy.data(), w.src->copy.size());
               return w;
           },
           py::arg("source"), py::arg("key") = py::none(), py::arg("codec") = "auto", py::arg("strict") = true,
           py::arg("mask") = py::none(),
+          "read_frames(source: str | os.PathLike | bytes | bytearray | memoryview, key: str | bytes | None = None, "
+          "codec: str = 'auto', strict: bool = True, mask: int | str | None = None) -> FrameReader\n\n"
           "Iterates the frames of a recording, one behind the other, as korvex-dump walks them.\n\n"
           "source is a path (str or os.PathLike), bytes or any contiguous buffer. With key (str or bytes, 1 to "
           "16 bytes) encrypted frames are decrypted, in either mode; without it they are yielded encrypted and "
@@ -712,18 +783,40 @@ PYBIND11_MODULE(korvex, m) {
           "'all' the two-layout analysis, for frames that begin with an old (F0) or new (F1) container, "
           "decoding the blocks whose bit is set (bit 0 time, 3 VCA targets, 7 plates, 8 OSD, 15 PTZ, ...).");
     m.def("probe", &probe, py::arg("data"),
+          "probe(data: bytes | bytearray | memoryview) -> str | None\n\n"
           "'h264' or 'h265' when the probes of the library recognise data as that Annex B byte stream; None "
           "otherwise.");
     m.def("encrypt_frame", &encrypt_frame, py::arg("frame"), py::arg("key"), py::arg("mode"),
+          "encrypt_frame(frame: bytes | bytearray | memoryview | Frame, key: str | bytes, mode: str) -> bytes\n\n"
           "An encrypted copy of a clear frame (bytes-like, or a Frame) as bytes; mode 'plain' or 'enhanced'. "
           "The copy's flag word marks it encrypted in that mode (a plain frame below 96 bytes stays clear). "
           "Raises FrameError for an invalid frame, CipherError when the cipher refuses.");
     m.def("iframe_index", &iframe_index, py::arg("data"), py::arg("sign") = 0,
+          "iframe_index(data: bytes | bytearray | memoryview, sign: int = 0) -> list[dict]\n\n"
           "The items of an I-frame index block that carry the sign type (0 all, 1 to 5 sign bit 0 to 4), in "
           "table order: dicts of ordinal (from 1), word, stamp, mask and restarts (restarts up to and "
           "including the item). Raises IndexBlockError for a block the library refuses.");
     m.def("stream_info", &stream_info, py::arg("head"), py::arg("frame"),
+          "stream_info(head: bytes | bytearray | memoryview, frame: bytes | bytearray | memoryview | Frame) -> dict\n\n"
           "What a stream head block (at least 88 bytes) and a frame header say: a dict of head_word0, "
           "head_word2, head_word4, frame_info, frame_attr, stream_kind and stream_reserved. Raises "
           "FrameError for an invalid frame header, Error (-5) for a short head block.");
+    m.def("export", &export_recording, py::arg("source"), py::arg("out"), py::arg("key") = py::none(),
+          py::arg("start") = py::none(), py::arg("end") = py::none(), py::arg("vtt") = py::none(),
+          py::arg("csv") = py::none(), py::arg("json") = py::none(), py::arg("frames") = py::none(),
+          py::arg("index") = py::none(), py::arg("fps") = py::none(), py::arg("data_track") = true,
+          "export(source: str | os.PathLike | bytes | bytearray | memoryview, out: str | os.PathLike, "
+          "key: str | bytes | None = None, start: datetime | str | float | None = None, "
+          "end: datetime | str | float | None = None, vtt: str | os.PathLike | None = None, "
+          "csv: str | os.PathLike | None = None, json: str | os.PathLike | None = None, "
+          "frames: tuple[int | None, int | None] | None = None, index: str | os.PathLike | None = None, "
+          "fps: float | None = None, data_track: bool = True) -> dict\n\n"
+          "Writes the recording's pictures into out (.mp4, .m4v, .mov or .mkv) without re-encoding, each at its "
+          "own time, as korvex-export does: start and end (a datetime, naive ones UTC; an ISO 8601 text; or "
+          "seconds since 1970) cut a clip that opens at the key frame at or before start (--from, --to); "
+          "frames=(first, last) cuts by frame numbers, last included (--frames); vtt, csv and json write the "
+          "side files (--vtt, --csv, --json); index is an I-frame index of the recording (--index); fps the "
+          "rate where the stream gives none. Returns a dict of frames, first_frame, last_frame, start, end "
+          "(datetimes in UTC where the device's clock gave the times, else seconds), device_times and broken. "
+          "Raises ExportError (code 1 broken input, 2 bad arguments or files); nothing is written then.");
 }

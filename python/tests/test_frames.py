@@ -29,7 +29,9 @@ def test_recording_reads_back(make_recording, layout, cipher):
     start = datetime.fromtimestamp(START_SECONDS, timezone.utc)
     for i, f in enumerate(frames):
         assert (f.index, f.frame_no, f.valid, f.error) == (i, i + 1, True, None)
-        assert not f.encrypted and f.mode is None  # decrypted while read
+        # What the frame was in the recording, and clear now.
+        assert (f.encrypted, f.mode, f.decrypted) == (True, cipher, True)
+        assert f.key_frame == (f.report()["key_frame"] is True)
         assert f.flags & 3 == 2 and ((f.flags >> 6) & 3 == 2) == (cipher == "enhanced")
         assert bytes(f.payload[:4]) == b"\0\0\0\1" and len(f.payload) == f.payload_len
         assert bytes(f.data[32:]) == bytes(f.payload) and len(f.data) == f.frame_len
@@ -71,9 +73,10 @@ def test_decrypt_later_and_wrong_key(make_recording):
     with pytest.raises(korvex.WrongKeyError) as e:
         first.decrypt("wrong")
     assert e.value.code == -4 and "wrong key" in e.value.message
-    assert first.encrypted  # unchanged by the failed attempt
+    assert first.encrypted and not first.decrypted and not first.key_frame  # unchanged by the failed attempt
     first.decrypt(KEY.encode())
-    assert not first.encrypted and first.userdata()["plates"] == ["AB123CD", "XY9"]
+    assert (first.encrypted, first.mode, first.decrypted, first.key_frame) == (True, "enhanced", True, True)
+    assert first.userdata()["plates"] == ["AB123CD", "XY9"]
     with pytest.raises(korvex.CipherError) as e:
         first.decrypt(KEY)
     assert e.value.code == -3

@@ -1,18 +1,43 @@
 #!/usr/bin/env bash
 # Installs the build into a temporary prefix and builds the C and C++ examples against the installed
-# tree, once through pkg-config and once through find_package(korvex).
+# tree, once through pkg-config and once through find_package(korvex) from the installed examples.
+# The installed programs run without LD_LIBRARY_PATH, also after the tree is moved; the manual pages,
+# the examples and the Wireshark dissector are in place.
 set -euo pipefail
 build=$1; src=$2
 tmp=$(mktemp -d); trap 'rm -rf "$tmp"' EXIT
-cmake --install "$build" --prefix "$tmp/prefix" >/dev/null
+cmake --install "$build" --prefix "$tmp/first" >/dev/null
+mv "$tmp/first" "$tmp/prefix"
 libdir=$(ls -d "$tmp"/prefix/lib*/ | head -n 1)
+docdir="$tmp/prefix/share/doc/korvex"
+if [ -x "$tmp/prefix/bin/korvex-dump" ]; then
+  for tool in korvex-dump korvex-mkframe korvex-view korvex-export; do
+    env -u LD_LIBRARY_PATH "$tmp/prefix/bin/$tool" --help >/dev/null
+    page="$tmp/prefix/share/man/man1/$tool.1"
+    grep -q '^\.SH OPTIONS' "$page" || { echo "$page: no OPTIONS section"; exit 1; }
+  done
+  lua="$libdir/wireshark/plugins/korvex_link.lua"
+  test -f "$lua" || { echo "the dissector is not in $libdir/wireshark/plugins"; exit 1; }
+  # Wireshark loads it from its plugin folder: the installed folder linked in as a user's Lua plugins.
+  if command -v tshark >/dev/null; then
+    mkdir -p "$tmp/home/.local/lib/wireshark"
+    ln -s "$libdir/wireshark/plugins" "$tmp/home/.local/lib/wireshark/plugins"
+    HOME="$tmp/home" XDG_CONFIG_HOME="$tmp/home" tshark -G protocols 2>/dev/null | grep -q '^korvex link protocol' ||
+      { echo "tshark does not load the installed $lua"; exit 1; }
+  fi
+fi
+env -u LD_LIBRARY_PATH "$tmp/prefix/bin/korvex_demo" 2>/dev/null | grep -q 'demo session done' || {
+  echo "the installed korvex_demo does not run without LD_LIBRARY_PATH"; exit 1; }
+for f in demo.c hello.c hello.cpp consumer/CMakeLists.txt python/plates_to_csv.py; do
+  test -f "$docdir/examples/$f" || { echo "example $f not installed"; exit 1; }
+done
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 export LD_LIBRARY_PATH="$libdir"
 cc -std=c11 -Wall -Werror "$src/examples/hello.c" $(pkg-config --cflags --libs korvex) -o "$tmp/hello_c"
 c++ -std=c++17 -Wall -Werror "$src/examples/hello.cpp" $(pkg-config --cflags --libs korvex) -o "$tmp/hello_cpp"
 "$tmp/hello_c" 2>/dev/null | grep -q 'hello.c ok'
 "$tmp/hello_cpp" 2>/dev/null | grep -q 'hello.cpp ok'
-cmake -S "$src/examples/consumer" -B "$tmp/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$tmp/prefix" >/dev/null
+cmake -S "$docdir/examples/consumer" -B "$tmp/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$tmp/prefix" >/dev/null
 cmake --build "$tmp/consumer" >/dev/null
 "$tmp/consumer/hello_c" 2>/dev/null | grep -q 'hello.c ok'
 "$tmp/consumer/hello_cpp" 2>/dev/null | grep -q 'hello.cpp ok'

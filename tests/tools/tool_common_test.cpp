@@ -59,6 +59,47 @@ TEST(ToolCommon, PicturesSplitAtTheirFirstSliceAndAtPrefixUnits) {
     EXPECT_EQ(units[2].first, 6u);
 }
 
+// A stream read in pieces gives the units of the whole buffer: start codes of three and four bytes
+// placed across the 1 MiB pieces at every phase, trailing zeros, junk in front, a unit at the end.
+TEST(ToolCommon, NalReaderMatchesTheWholeBufferScan) {
+    Bytes s = {7, 7, 7};
+    const size_t piece = 1u << 20;
+    for (size_t k = 0; s.size() < 3 * piece + 100; ++k) {
+        size_t target = (s.size() / piece + 1) * piece - k % 6;  // the next start code ends near a boundary
+        while (s.size() + 4 < target) s.push_back(uint8_t(0x40 + s.size() % 90));
+        if (k % 3 == 0) s.push_back(0);  // a trailing zero of the unit before
+        s.insert(s.end(), {0, 0, 0, 1});
+        if (k % 2) s.erase(s.end() - 4);  // a three-byte start code
+        s.push_back(uint8_t(0x41 + k % 5));
+        for (size_t i = 0; i < 1000 + 37 * k; ++i) s.push_back(uint8_t(0x80 + i % 100));
+        for (int u = 0; u < 5; ++u) s.insert(s.end(), {0, 0, 1, uint8_t(0x06 + u), 0x55, 0x66});
+    }
+    size_t skipped = 0;
+    std::vector<kxt::Nal> whole = kxt::scan_nals(s.data(), s.size(), &skipped);
+    FILE *f = tmpfile();
+    ASSERT_NE(f, nullptr);
+    ASSERT_EQ(fwrite(s.data(), 1, s.size(), f), s.size());
+    rewind(f);
+    kxt::NalReader reader(f);
+    const uint8_t *head;
+    ASSERT_EQ(reader.peek(16, &head), 16u);
+    EXPECT_EQ(Bytes(head, head + 3), Bytes({7, 7, 7}));
+    const uint8_t *nal;
+    size_t len, n = 0;
+    while (reader.next(&nal, &len)) {
+        ASSERT_LT(n, whole.size());
+        const kxt::Nal &w = whole[n++];
+        ASSERT_EQ(len, w.end - w.begin) << n;
+        ASSERT_EQ(memcmp(nal, s.data() + w.begin, len), 0) << n;
+    }
+    fclose(f);
+    EXPECT_EQ(n, whole.size());
+    EXPECT_GE(n, 4u);
+    EXPECT_EQ(reader.skipped(), skipped);
+    EXPECT_EQ(reader.bytes(), s.size());
+    EXPECT_FALSE(reader.too_long());
+}
+
 TEST(ToolCommon, UserDataUnitsReadBackThroughTheLibrary) {
     for (int len : {1, 100, 247, 1016, 5000}) {
         SCOPED_TRACE(len);

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -110,8 +111,9 @@ TEST_F(ToolsTest, TextShowsTheDecodedRecordsOfEveryFrame) {
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(count(r.out, "time: 2023-11-14T22:13:20Z (1700000000)"), 4);
     EXPECT_EQ(count(r.out, "time: 2023-11-14T22:13:21Z (1700000001)"), 4);
-    EXPECT_EQ(count(r.out, "target 1: (17,14)-(88,72) on 176x144, unscaled (1000,1000)-(5000,5000), words 7 0 0 0"), 8);
-    EXPECT_EQ(count(r.out, "target 2: (0,0)-(176,144) on 176x144, unscaled (0,0)-(10000,10000)"), 8);
+    EXPECT_EQ(count(r.out, "target 1: (17,14)-(88,72) on 176x144, (6,6)-(32,32) in pixels of 64x64, unscaled "
+                           "(1000,1000)-(5000,5000), words 7 0 0 0"), 8);
+    EXPECT_EQ(count(r.out, "target 2: (0,0)-(176,144) on 176x144, (0,0)-(64,64) in pixels of 64x64, unscaled (0,0)-(10000,10000)"), 8);
     EXPECT_EQ(count(r.out, "plate 1: AB123CD\n    plate 2: XY9\n    osd 7: Gate 3\n"), 8);
     EXPECT_EQ(count(r.out, "PTZ data (type 15): 3 bytes: 01 02 03"), 8);
     EXPECT_EQ(count(r.out, "block 0xFEE1: 2 bytes: de ad"), 8);
@@ -246,7 +248,7 @@ TEST_F(ToolsTest, BrokenInputIsReportedWithItsOffset) {
     EXPECT_EQ(frames[7]["offset"], offsets[7]);
     EXPECT_EQ(frames[7]["userdata"]["plates"][0], "AB123CD");
 
-    spill(path("garbage"), std::string(5000, 'Z'));
+    spill(path("garbage"), std::string(5000, '\xA5'));  // no text, no known kind: searched through
     Result garbage = dump(path("garbage"));
     EXPECT_EQ(garbage.status, 1);
     EXPECT_NE(garbage.err.find("frame 0 at offset 0: invalid frame header"), std::string::npos) << garbage.err;
@@ -394,7 +396,7 @@ TEST_F(ToolsTest, ViewDrawsTargetsTimeAndPlates) {
 }
 
 TEST_F(ToolsTest, ViewRefusesBrokenInputWithASentence) {
-    spill(path("garbage"), std::string(5000, 'Z'));
+    spill(path("garbage"), std::string(5000, '\xA5'));
     Result g = view("--png " + path("png") + " " + path("garbage"));
     EXPECT_EQ(g.status, 1);
     EXPECT_NE(g.err.find("no picture decoded"), std::string::npos) << g.err;
@@ -481,10 +483,183 @@ TEST_F(ToolsTest, HelpOptionsAndLimits) {
     EXPECT_EQ(big.status, 1);
     EXPECT_NE(big.err.find("more than the 1024 of the old layout"), std::string::npos) << big.err;
     EXPECT_EQ(mkframe("--layout new" + osd + data("testsrc_high.h264")).status, 0);
-    spill(path("text"), "no video in here");
-    Result foreign = mkframe("-o " + path("x") + " " + path("text"));
+    spill(path("junk"), std::string(300, '\xA5'));
+    Result foreign = mkframe("-o " + path("x") + " " + path("junk"));
     EXPECT_EQ(foreign.status, 1);
     EXPECT_NE(foreign.err.find("neither an H.264 nor an H.265"), std::string::npos);
+}
+
+TEST_F(ToolsTest, BoxesInPixelsOfTheStreamsPictureSize) {
+    // 1920 x 1080 from x264 and x265: coded 1088 high, cropped to 1080 by the parameter sets.
+    for (const char *enc : {"libx264 -f h264", "libx265 -x265-params log-level=error -f hevc"}) {
+        SCOPED_TRACE(enc);
+        Result made = run(FFMPEG, std::string("-nostdin -v error -y -f lavfi -i testsrc=size=1920x1080 -frames:v 1 -c:v ") + enc +
+                                      " " + path("hd.es"));
+        ASSERT_EQ(made.status, 0) << made.err;
+        ASSERT_EQ(mkframe("-q --vca 1000,2000,4000,6000 -o " + path("hd.frames") + " " + path("hd.es")).status, 0);
+        Json ud = json_lines(dump("--json " + path("hd.frames")).out).at(0)["userdata"];
+        EXPECT_EQ(ud["picture"], Json({1920, 1080}));
+        EXPECT_EQ(ud["vca"][0]["pixels"], Json({192, 216, 768, 648}));
+        EXPECT_NE(dump(path("hd.frames")).out.find("target 1: (17,28)-(70,86) on 176x144, (192,216)-(768,648) in pixels of "
+                                                   "1920x1080, unscaled (1000,2000)-(4000,6000)"), std::string::npos);
+    }
+}
+
+TEST_F(ToolsTest, ChinesePlateIsDrawnWithItsGlyphs) {
+    // Two plates that differ only in their first character: drawn with glyphs, their pictures differ
+    // there; drawn as empty boxes (a font without them), they are the same, and a warning names them.
+    auto picture = [&](const std::string &plate, const std::string &font, std::string *err) {
+        std::string frames = path("p.frames");
+        EXPECT_EQ(mkframe("-q --max-frames 1 --plate '" + plate + "' -o " + frames + " " + data("testsrc_high.h264")).status, 0);
+        Result r = view(font + " --width 320 --frame 0 --png " + path("png") + " " + frames);
+        EXPECT_EQ(r.status, 0) << r.err;
+        *err = r.err;
+        Result raw = run(FFMPEG, "-nostdin -v error -y -i " + path("png/frame_000000.png") + " -f rawvideo -pix_fmt rgb24 " +
+                                     path("p.rgb"));
+        EXPECT_EQ(raw.status, 0) << raw.err;
+        return slurp(path("p.rgb"));
+    };
+    auto differing = [](const std::string &a, const std::string &b) {  // in the plate's line, bottom left
+        int n = 0;
+        for (int y = 280; y < 320; ++y) {
+            for (int x = 0; x < 200; ++x) n += same(pixel(a, 320, x, y), pixel(b, 320, x, y), 8) ? 0 : 1;
+        }
+        return n;
+    };
+    std::string err1, err2;
+    std::string jing = picture("\xe4\xba\xac" "A12345", "", &err1), hu = picture("\xe6\xb2\xaa" "A12345", "", &err2);
+    ASSERT_EQ(jing.size(), 320u * 320 * 3);
+    EXPECT_GT(differing(jing, hu), 40);
+    EXPECT_EQ(err1.find("no glyph"), std::string::npos) << err1;
+    const std::string dejavu = "--font /usr/share/fonts/truetype/dejavu/DejaVuSans.ttf";
+    std::string boxed_jing = picture("\xe4\xba\xac" "A12345", dejavu, &err1), boxed_hu = picture("\xe6\xb2\xaa" "A12345", dejavu, &err2);
+    EXPECT_EQ(differing(boxed_jing, boxed_hu), 0);
+    EXPECT_NE(err1.find("has no glyph for \xe4\xba\xac (U+4EAC) in 'plate \xe4\xba\xac" "A12345': drawn as empty boxes"),
+              std::string::npos) << err1;
+    EXPECT_GT(differing(jing, boxed_jing), 40);  // the glyph is no empty box
+}
+
+TEST_F(ToolsTest, ViewKeepsTheRecordingsTimesAndStopsAtAWrongKey) {
+    // 20 pictures at 10 per second, key frames at 0 and 10, made here by x264 (its SPS says 10 fps).
+    ASSERT_EQ(run(FFMPEG, "-nostdin -v error -f lavfi -i testsrc=size=64x64:rate=10 -frames:v 20 -c:v libx264 -g 10 "
+                          "-bf 0 -f h264 " + path("ten.h264")).status, 0);
+    ASSERT_EQ(mkframe("-q --start-time 2024-05-01T08:00:00Z --fps 10 --encrypt enhanced --key k -o " + path("dev.frames") +
+                      " " + path("ten.h264")).status, 0);
+    ASSERT_EQ(mkframe("-q -o " + path("sps.frames") + " " + path("ten.h264")).status, 0);
+    auto probe = [&](const std::string &file) {
+        return run(FFPROBE, "-v error -count_frames -show_entries format=duration:stream=nb_read_frames -of csv=p=0 " +
+                                path(file)).out;
+    };
+    // From the device's times and from the stream's timing alike: 2 s, as recorded (never 25 fps).
+    ASSERT_EQ(view("-q --key k -o " + path("dev.mp4") + " " + path("dev.frames")).status, 0);
+    EXPECT_EQ(probe("dev.mp4"), "20\n2.000000\n");
+    ASSERT_EQ(view("-q -o " + path("sps.mkv") + " " + path("sps.frames")).status, 0);
+    EXPECT_EQ(probe("sps.mkv"), "20\n2.000000\n");
+    Result clip = view("-q --key k --from 2024-05-01T08:00:01Z -o " + path("clip.mp4") + " " + path("dev.frames"));
+    ASSERT_EQ(clip.status, 0) << clip.err;
+    EXPECT_EQ(probe("clip.mp4"), "10\n1.000000\n");
+
+    // A wrong or missing key: one line, then the walk stops.
+    for (const char *key : {"--key wrong ", ""}) {
+        Result r = view(std::string(key) + "-o " + path("w.mp4") + " " + path("dev.frames"));
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(count(r.err, "\n"), 1) << r.err;
+        EXPECT_NE(r.err.find(*key ? "frame 0 at offset 0: decryption failed: wrong key" : "frame 0 is encrypted: give --key"),
+                  std::string::npos) << r.err;
+        EXPECT_FALSE(exists("w.mp4"));
+    }
+
+    // --frame N decodes from the key frame before it: pictures 1 to 9 spoilt, frame 15 draws without a
+    // decoding error (FFmpeg's lines with -v), frame 5 with them.
+    std::string frames = slurp(path("sps.frames"));
+    size_t off = 0;
+    for (int i = 0; i < 10; ++i) {
+        size_t len = uint8_t(frames[off + 4]) | uint8_t(frames[off + 5]) << 8 | uint8_t(frames[off + 6]) << 16;
+        for (size_t k = off + 32 + 8; i > 0 && k < off + len; ++k) frames[k] = char(0x5A ^ k);
+        off += len;
+    }
+    spill(path("spoilt.frames"), frames);
+    Result late = view("-v --frame 15 --png " + path("late") + " " + path("spoilt.frames"));
+    EXPECT_EQ(late.status, 0) << late.err;
+    EXPECT_EQ(late.err.find("[h264 @"), std::string::npos) << late.err;
+    Result early = view("-v --frame 5 --png " + path("early") + " " + path("spoilt.frames"));
+    EXPECT_NE(early.err.find("[h264 @"), std::string::npos) << early.err;
+}
+
+TEST_F(ToolsTest, ForeignInputsAreNamedWithTheCommandThatTakesThem) {
+    for (const char *ext : {"mp4", "mkv"}) {
+        Result made = run(FFMPEG, "-nostdin -v error -f lavfi -i testsrc=size=64x64:rate=25 -frames:v 4 -c:v libx264 " +
+                                      path(std::string("c.") + ext));
+        ASSERT_EQ(made.status, 0) << made.err;
+    }
+    spill(path("text"), "no video in here\n");
+    std::string frames = make("testsrc_high.h264");
+    const std::string container = ": take its video out as a raw stream with 'ffmpeg -i FILE -map 0:v:0 -c copy -f h264";
+    const std::pair<std::string, std::string> foreign[] = {
+        {data("testsrc_high.h264"), "this looks like a raw H.264 stream (Annex B), not a stream of frames: wrap it "
+                                    "into frames with korvex-mkframe"},
+        {data("testsrc_main.h265"), "this looks like a raw H.265 stream (Annex B)"},
+        {path("c.mp4"), "this looks like an MP4/QuickTime file, not a stream of frames" + container},
+        {path("c.mkv"), "this looks like a Matroska/WebM file, not a stream of frames" + container},
+        {path("text"), "this looks like text, not a stream of frames: there is no video in it"},
+    };
+    for (const auto &f : foreign) {
+        SCOPED_TRACE(f.first);
+        Result d = dump(f.first);
+        EXPECT_EQ(d.status, 1);
+        EXPECT_NE(d.err.find("korvex-dump: " + f.second), std::string::npos) << d.err;
+        EXPECT_EQ(count(d.err, "\n"), 2) << d.err;  // the header it found, the sentence, and no search on
+        Result v = view("--png " + path("png") + " " + f.first);
+        EXPECT_EQ(v.status, 1);
+        EXPECT_NE(v.err.find(f.second), std::string::npos) << v.err;
+        EXPECT_EQ(v.err.find("no picture decoded"), std::string::npos) << v.err;
+    }
+    // korvex-mkframe wraps raw streams only, whatever --codec says; nothing is written.
+    for (const std::string &in : {path("c.mp4"), path("c.mkv"), path("text"), frames}) {
+        Result m = mkframe("--codec h264 -o " + path("x") + " " + in);
+        EXPECT_EQ(m.status, 1) << in;
+        EXPECT_NE(m.err.find("not a raw H.264/H.265 stream: "), std::string::npos) << m.err;
+        EXPECT_FALSE(exists("x"));
+    }
+    EXPECT_NE(mkframe("-o " + path("x") + " " + frames).err.find("korvex-dump and korvex-view read it"), std::string::npos);
+    Result p = dump("--probe " + path("c.mp4"));
+    EXPECT_EQ(p.status, 1);
+    EXPECT_NE(p.err.find("neither an H.264 nor an H.265 Annex B stream; this looks like an MP4"), std::string::npos);
+}
+
+TEST_F(ToolsTest, MkframeAndProbeReadTheirInputInPieces) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "peak memory means nothing under a sanitizer's shadow memory";
+#endif
+    // 24 MiB: 2^14 copies of the test stream one behind the other, made by the shell so that this
+    // process stays small (the tools' peak memory is measured over its children). Read whole, the
+    // input alone would take that much memory.
+    size_t copies = 1u << 14, size = slurp(data("testsrc_high.h264")).size();
+    ASSERT_EQ(system(("cd " + dir_ + " && cp " + data("testsrc_high.h264") + " big.h264 && for i in $(seq 14); do "
+                      "cat big.h264 big.h264 > two && mv two big.h264; done").c_str()), 0);
+    // The peak memory of one command (KiB), its own, whatever ran before in this process.
+    auto peak = [&](const std::string &cmd) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            execl("/bin/sh", "sh", "-c", ("exec " + cmd + " >" + path("out.txt")).c_str(), (char *)nullptr);
+            _exit(127);
+        }
+        int status = 0;
+        struct rusage ru;
+        EXPECT_EQ(wait4(pid, &status, 0, &ru), pid);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << cmd;
+        return ru.ru_maxrss;
+    };
+    EXPECT_LT(peak(std::string(KORVEX_MKFRAME) + " -q --plate AB123CD -o " + path("big.frames") + " " + path("big.h264")),
+              20 * 1024);
+    EXPECT_LT(peak(std::string(KORVEX_DUMP) + " --probe --json " + path("big.h264")), 20 * 1024);
+    Json probe = Json::parse(slurp(path("out.txt")));
+    EXPECT_EQ(probe["access_units"], 8 * copies);
+    EXPECT_EQ(probe["key_frames"], copies);
+    EXPECT_EQ(probe["bytes"], copies * size);
+    Result d = dump("-q " + path("big.frames"));
+    EXPECT_NE(d.out.find(std::to_string(8 * copies) + " frames, 0 broken, " + std::to_string(8 * copies) + " with user data"),
+              std::string::npos) << d.out;
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <stdio.h>
+
 #include <vector>
 
 namespace kxt {
@@ -44,5 +46,53 @@ struct AccessUnit {
 // Groups NAL units into access units: a new one opens at a parameter set, an access unit delimiter or
 // a prefix SEI that follows the slices of a picture, and at the first slice of a new picture.
 std::vector<AccessUnit> split_access_units(Codec codec, const uint8_t *p, const std::vector<Nal> &nals);
+
+// The same grouping one NAL unit at a time, for streams read in pieces: opens() tells whether the unit
+// (its header byte at nal) begins a new access unit; *key receives whether it is a key-picture slice.
+class AccessUnitSplitter {
+public:
+    explicit AccessUnitSplitter(Codec codec) : codec_(codec) {}
+    bool opens(const uint8_t *nal, size_t len, bool *key);
+
+private:
+    Codec codec_;
+    bool any_ = false;        // a unit was seen
+    bool has_slice_ = false;  // the open access unit holds a slice already
+};
+
+// Reads the NAL units of an Annex B stream from a file in pieces, each unit whole in memory; memory
+// stays bounded by the longest unit (at most kMaxNal bytes) and the read size, whatever the stream's
+// length.
+class NalReader {
+public:
+    enum : size_t { kMaxNal = 8u << 20 };
+    // piece: how many bytes each read takes (1 MiB; tests and the fuzz harness use small ones).
+    explicit NalReader(FILE *f, size_t piece = 1u << 20) : f_(f), piece_(piece > 0 ? piece : 1) {}
+    // The input's first bytes, up to n (fewer at its end), without moving on: for probes and sniffing.
+    // Only before the first next().
+    size_t peek(size_t n, const uint8_t **p);
+    // The next NAL unit: *nal points at its header byte, *len counts it without trailing zero bytes;
+    // valid until the next call. False at the end of the input, on a read error (error()) or on a unit
+    // longer than kMaxNal (too_long()).
+    bool next(const uint8_t **nal, size_t *len);
+    uint64_t skipped() const { return skipped_; }  // bytes in front of the first start code
+    uint64_t bytes() const { return consumed_ + buf_.size(); }  // bytes read so far
+    int error() const { return error_; }  // errno of a failed read, or 0
+    bool too_long() const { return too_long_; }
+
+private:
+    bool more();  // reads the next piece; false at the end or on an error
+    // The position of the next start code's 0x01 in buf_ at or after from, or npos.
+    size_t find_start(size_t from) const;
+    FILE *f_;
+    size_t piece_;
+    std::vector<uint8_t> buf_;
+    size_t pos_ = 0;           // in buf_: the header byte of the next unit (after the first next())
+    uint64_t consumed_ = 0;    // bytes dropped from the front of buf_
+    uint64_t skipped_ = 0;
+    bool started_ = false, eof_ = false, too_long_ = false;
+    bool open_ = true;         // a unit begins at pos_ that next() has not given yet
+    int error_ = 0;
+};
 
 }  // namespace kxt

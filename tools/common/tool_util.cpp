@@ -153,6 +153,56 @@ bool write_file(const std::string &path, const Bytes &data) {
     return ok;
 }
 
+OutputFile::~OutputFile() {
+    if (f_ != nullptr && f_ != stdout) fclose(f_);
+    if (!tmp_.empty()) unlink(tmp_.c_str());
+}
+
+bool OutputFile::open(const std::string &path) {
+    path_ = path;
+    if (path == "-") {
+        f_ = stdout;
+        return true;
+    }
+    std::string tmp = path + ".XXXXXX";
+    int fd = mkstemp(&tmp[0]);
+    if (fd < 0) return errorf("cannot create '%s': %s", path.c_str(), strerror(errno)), false;
+    tmp_ = tmp;
+    mode_t mask = umask(0);
+    umask(mask);
+    (void)fchmod(fd, 0666 & ~mask);
+    f_ = fdopen(fd, "wb");
+    if (f_ == nullptr) {
+        close(fd);
+        return errorf("cannot create '%s': %s", path.c_str(), strerror(errno)), false;
+    }
+    return true;
+}
+
+bool OutputFile::write(const uint8_t *p, size_t n) {
+    if (failed_ || f_ == nullptr) return false;
+    if (n > 0 && fwrite(p, 1, n, f_) != n) {
+        failed_ = true;
+        errorf("cannot write '%s': %s", path_ == "-" ? "standard output" : path_.c_str(), strerror(errno));
+    }
+    return !failed_;
+}
+
+bool OutputFile::finish() {
+    if (failed_ || f_ == nullptr) return false;
+    bool ok = fflush(f_) == 0;
+    if (f_ != stdout) ok = (fclose(f_) == 0) && ok;
+    f_ = nullptr;
+    if (ok && !tmp_.empty()) ok = rename(tmp_.c_str(), path_.c_str()) == 0;
+    if (!ok) {
+        failed_ = true;
+        errorf("cannot write '%s': %s", path_ == "-" ? "standard output" : path_.c_str(), strerror(errno));
+        return false;
+    }
+    tmp_.clear();
+    return true;
+}
+
 std::string hex_view(const uint8_t *p, size_t n, size_t max) {
     std::string s;
     char b[4];

@@ -56,6 +56,26 @@ FILE *open_input(const std::string &path);
 // for "-". On failure prints a message and leaves no file behind.
 bool write_file(const std::string &path, const Bytes &data);
 
+// A file written piece by piece under a temporary name beside it and renamed into place by finish(),
+// or standard output for "-". Without finish() (a failure on the way) the temporary file goes, so no
+// half-written file is left. Each call prints its own message on failure.
+class OutputFile {
+public:
+    OutputFile() = default;
+    OutputFile(const OutputFile &) = delete;
+    OutputFile &operator=(const OutputFile &) = delete;
+    ~OutputFile();
+    bool open(const std::string &path);
+    bool write(const uint8_t *p, size_t n);
+    bool write(const Bytes &b) { return write(b.data(), b.size()); }
+    bool finish();
+
+private:
+    std::string path_, tmp_;
+    FILE *f_ = nullptr;
+    bool failed_ = false;
+};
+
 // "de ad be ef" of the first max bytes, with " ..." behind when there are more.
 std::string hex_view(const uint8_t *p, size_t n, size_t max = 16);
 // The same without spaces, for JSON.

@@ -13,31 +13,6 @@
 
 namespace kxd {
 
-namespace {
-
-// A user-data unit: an SEI NAL unit (H.264 type 6, H.265 prefix SEI 4E 01) whose first payload type
-// is F0 or F1, the two container layouts.
-bool is_user_data_unit(const uint8_t *nal, size_t len, kxt::Codec codec) {
-    if (codec == kxt::Codec::kH265) return len > 2 && nal[0] == 0x4E && nal[1] == 0x01 && (nal[2] | 1) == 0xF1;
-    return len > 1 && nal[0] == 0x06 && (nal[1] | 1) == 0xF1;
-}
-
-}  // namespace
-
-Bytes clear_payload(const uint8_t *frame, size_t held, uint32_t payload_len, kxt::Codec codec, bool keep_sei) {
-    Bytes out;
-    if (held <= 32) return out;
-    const uint8_t *p = frame + 32;
-    size_t n = std::min(size_t(payload_len), held - 32);
-    for (const kxt::Nal &nal : kxt::scan_nals(p, n)) {
-        if (nal.end <= nal.begin) continue;
-        if (!keep_sei && is_user_data_unit(p + nal.begin, nal.end - nal.begin, codec)) continue;
-        out.insert(out.end(), {0, 0, 0, 1});
-        out.insert(out.end(), p + nal.begin, p + nal.end);
-    }
-    return out;
-}
-
 int write_elementary_stream(const Options &o) {
     bool to_stdout = o.es_out == "-";
     if (to_stdout && isatty(1)) return kxt::errorf("refusing to write a video stream to a terminal"), 2;
@@ -53,14 +28,14 @@ int write_elementary_stream(const Options &o) {
     }
     long long written = 0, missing = 0;
     bool write_failed = false;
-    WalkTotals t;
-    int rc = walk(o, [&](const FrameReport &r, const uint8_t *frame) {
-        if (!r.skip_reason.empty() || frame == nullptr) {
-            if (r.decrypt == "no key" && missing == 0) kxt::errorf("frame %lld is encrypted: give --key", r.index);
+    kxc::WalkTotals t;
+    int rc = walk_input(o, [&](const FrameReport &r, kxc::Span frame) {
+        if (!r.clear() || frame.data == nullptr) {
+            if (r.decrypt == kxc::Decrypt::kNoKey && missing == 0) kxt::errorf("frame %lld is encrypted: give --key", r.index);
             ++missing;
             return true;
         }
-        Bytes es = clear_payload(frame, r.held, r.payload_len, r.codec, o.keep_sei);
+        Bytes es = kxc::clear_payload(frame.data, r.held, r.payload_len, r.codec, o.keep_sei);
         if (es.empty()) return true;
         if (fwrite(es.data(), 1, es.size(), out) != es.size()) write_failed = true;
         ++written;

@@ -4,13 +4,14 @@
 #include <nlohmann/json.hpp>
 
 #include "korvex-dump/dump.h"
-#include "korvex-dump/dump_json.h"
+#include "core/report_json.h"
 
 namespace kxd {
 
 namespace {
 
 using Json = nlohmann::ordered_json;
+using namespace kxc;
 
 std::string time_text(const __S_AbsoluteTime &t) {
     return kxt::iso8601_utc(t.usYear, t.usMonth, t.usDay, t.usHour, t.usMinute, t.usSecond);
@@ -22,87 +23,6 @@ std::string hex4(int type) {
     return b;
 }
 
-Json raw_json(const RawView &v) {
-    Json j;
-    j["type"] = v.type;
-    if (v.type > 44) j["type_hex"] = hex4(v.type);
-    if (const char *name = record_name(v.type)) j["name"] = name;
-    j["len"] = v.len;
-    j["hex"] = kxt::hex_compact(v.head.data(), v.head.size());
-    return j;
-}
-
-}  // namespace
-
-Json frame_json(const FrameReport &r) {
-    Json j;
-    j["frame"] = r.index;
-    j["offset"] = r.offset;
-    if (r.has_header) {
-        j["valid"] = r.valid;
-        j["frame_len"] = r.frame_len;
-        j["payload_len"] = r.payload_len;
-        j["ext_count"] = r.ext_count;
-        j["ext_size"] = r.ext_size;
-        j["frame_no"] = r.frame_no;
-        j["attr"] = r.attr;
-        j["info"] = r.info;
-        j["flags"] = r.flags;
-    }
-    j["held"] = r.held;
-    if (!r.encryption.empty()) j["encryption"] = r.encryption;
-    if (!r.decrypt.empty()) j["decrypt"] = r.decrypt;
-    if (!r.error.empty()) j["error"] = r.error;
-    if (!r.ud.ran) {
-        if (!r.skip_reason.empty()) j["userdata"] = Json{{"analysed", false}, {"reason", r.skip_reason}};
-        return j;
-    }
-    const UserDataReport &u = r.ud;
-    Json ud;
-    ud["codec"] = kxt::codec_name(r.codec);
-    ud["result"] = u.result;
-    ud["status"] = u.status;
-    if (u.result != 0) ud["result_text"] = userdata_result_text(u.result);
-    if (u.has_time) ud["time"] = Json{{"utc", time_text(u.time)}, {"seconds", u.time.uiSeconds}};
-    Json vca = Json::array();
-    for (const VcaView &v : u.vca) {
-        Json t;
-        t["layout"] = v.new_layout ? "new" : "old";
-        if (v.has_raw) {
-            t["grid"] = {v.grid[0], v.grid[1], v.grid[2], v.grid[3]};
-            t["unscaled"] = {v.raw[0], v.raw[1], v.raw[2], v.raw[3]};
-        } else {
-            t["as_sent"] = {v.grid[0], v.grid[1], v.grid[2], v.grid[3]};
-        }
-        t["words"] = {v.extra[0], v.extra[1], v.extra[2], v.extra[3]};
-        vca.push_back(t);
-    }
-    if (!vca.empty()) ud["vca"] = vca;
-    if (!u.plates.empty()) ud["plates"] = u.plates;
-    Json osd = Json::array();
-    for (const OsdView &v : u.osd) {
-        Json t;
-        t["subtype"] = v.subtype;
-        if (v.has_text) t["text"] = v.text;
-        t["len"] = v.raw.len;
-        if (!v.has_text) t["hex"] = kxt::hex_compact(v.raw.head.data(), v.raw.head.size());
-        osd.push_back(t);
-    }
-    if (!osd.empty()) ud["osd"] = osd;
-    Json records = Json::array();
-    for (const RawView &v : u.records) records.push_back(raw_json(v));
-    if (!records.empty()) ud["records"] = records;
-    Json blocks = Json::array();
-    for (const RawView &v : u.blocks) blocks.push_back(raw_json(v));
-    if (!blocks.empty()) ud["blocks"] = blocks;
-    if (u.rest_len >= 0) ud["frame_rest_len"] = u.rest_len;
-    ud["callbacks"] = u.callbacks;
-    j["userdata"] = ud;
-    return j;
-}
-
-namespace {
-
 void print_text(const FrameReport &r) {
     if (!r.has_header) {
         printf("frame %lld @ %llu: %s\n", r.index, (unsigned long long)r.offset, r.error.c_str());
@@ -111,38 +31,46 @@ void print_text(const FrameReport &r) {
     printf("frame %lld @ %llu: len %u, payload %u, ext %ux%u, no %u, attr 0x%02x, info 0x%08x, flags 0x%04x%s\n",
            r.index, (unsigned long long)r.offset, r.frame_len, r.payload_len, r.ext_count, r.ext_size, r.frame_no,
            r.attr, r.info, r.flags, r.valid ? "" : ", INVALID");
-    if (r.valid && r.encryption != "none") {
-        const char *state = r.decrypt == "ok" ? "decrypted" : r.decrypt == "no key" ? "not decrypted (no --key)"
-                                                                                    : "decryption failed";
-        printf("  encryption: %s, %s\n", r.encryption.c_str(), state);
+    if (r.valid && r.encryption != Encryption::kNone) {
+        const char *state = r.decrypt == Decrypt::kDone    ? "decrypted"
+                            : r.decrypt == Decrypt::kNoKey ? "not decrypted (no --key)"
+                                                           : "decryption failed";
+        printf("  encryption: %s, %s\n", encryption_name(r.encryption), state);
     }
     if (!r.error.empty()) printf("  error: %s\n", r.error.c_str());
     if (!r.valid) return;
     const UserDataReport &u = r.ud;
     if (!u.ran) {
-        printf("  user data: not analysed (%s)\n", r.skip_reason.c_str());
+        printf("  user data: not analysed (%s)\n", skip_text(r.skip));
         return;
     }
-    if (u.status == "none") {
+    if (u.status == UserDataStatus::kNone) {
         printf("  user data: none\n");
         return;
     }
     if (u.result == 0) {
-        printf("  user data: %s (%s%s)\n", u.status.c_str(), kxt::codec_name(r.codec),
+        printf("  user data: %s (%s%s)\n", status_name(u.status), kxt::codec_name(r.codec),
                u.two_layout ? ", two-layout analysis" : "");
     }
-    else printf("  user data: %s (%d, %s)\n", u.status.c_str(), u.result, userdata_result_text(u.result));
+    else printf("  user data: %s (%d, %s)\n", status_name(u.status), u.result, userdata_result_text(u.result));
     if (u.has_time) printf("    time: %s (%u)\n", time_text(u.time).c_str(), u.time.uiSeconds);
     int n = 0;
     for (const VcaView &v : u.vca) {
         ++n;
+        // The box in pixels of the picture, where the stream's parameter sets gave its size.
+        char px[96] = "";
+        if (r.width > 0) {
+            int b[4];
+            vca_pixels(v, r.width, r.height, b);
+            snprintf(px, sizeof(px), ", (%d,%d)-(%d,%d) in pixels of %dx%d", b[0], b[1], b[2], b[3], r.width, r.height);
+        }
         if (v.has_raw) {
-            printf("    target %d: (%u,%u)-(%u,%u) on 176x144, unscaled (%u,%u)-(%u,%u), words %u %u %u %u%s\n", n,
-                   v.grid[0], v.grid[1], v.grid[2], v.grid[3], v.raw[0], v.raw[1], v.raw[2], v.raw[3], v.extra[0],
+            printf("    target %d: (%u,%u)-(%u,%u) on 176x144%s, unscaled (%u,%u)-(%u,%u), words %u %u %u %u%s\n", n,
+                   v.grid[0], v.grid[1], v.grid[2], v.grid[3], px, v.raw[0], v.raw[1], v.raw[2], v.raw[3], v.extra[0],
                    v.extra[1], v.extra[2], v.extra[3], v.new_layout ? " (new layout)" : "");
         } else {
-            printf("    target %d: (%u,%u)-(%u,%u) as sent, words %u %u %u %u\n", n, v.grid[0], v.grid[1], v.grid[2],
-                   v.grid[3], v.extra[0], v.extra[1], v.extra[2], v.extra[3]);
+            printf("    target %d: (%u,%u)-(%u,%u) as sent%s, words %u %u %u %u\n", n, v.grid[0], v.grid[1], v.grid[2],
+                   v.grid[3], px, v.extra[0], v.extra[1], v.extra[2], v.extra[3]);
         }
     }
     n = 0;

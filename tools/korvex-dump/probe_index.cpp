@@ -2,9 +2,11 @@
 // (--index).
 #include <limits.h>
 #include <stdio.h>
+#include <string.h>
 
 #include <nlohmann/json.hpp>
 
+#include "common/sniff.h"
 #include "korvex-dump/dump.h"
 #include "stream/frame_header.h"
 
@@ -12,50 +14,70 @@ namespace kxd {
 
 using Json = nlohmann::ordered_json;
 
+// The stream is read in pieces (NalReader): the probes look at its first 4 MiB, the NAL units and access
+// units are counted as they pass, so memory stays small whatever the input's size.
 int run_probe(const Options &o) {
-    Bytes in;
-    if (!kxt::read_file(o.input, &in)) return 2;
-    if (in.empty()) return kxt::errorf("'%s' is empty: nothing to probe", o.input.c_str()), 1;
-    int len = in.size() > size_t(INT_MAX) ? INT_MAX : int(in.size());
-    int h264 = H264_Probe(in.data(), len);
-    int h265 = H265_Probe(in.data(), len);
+    FILE *f = kxt::open_input(o.input);
+    if (f == nullptr) return 2;
+    kxt::NalReader reader(f);
+    const uint8_t *head = nullptr;
+    size_t head_len = reader.peek(4u << 20, &head);
+    int len = int(head_len);
+    int h264 = H264_Probe(head, len);
+    int h265 = H265_Probe(head, len);
     kxt::Codec codec = h264 == 1 ? kxt::Codec::kH264 : h265 == 1 ? kxt::Codec::kH265 : kxt::Codec::kUnknown;
-    size_t skipped = 0;
-    std::vector<kxt::Nal> nals = kxt::scan_nals(in.data(), in.size(), &skipped);
-    std::vector<kxt::AccessUnit> units;
-    size_t keys = 0;
-    if (codec != kxt::Codec::kUnknown) units = kxt::split_access_units(codec, in.data(), nals);
-    for (const kxt::AccessUnit &au : units) keys += au.key ? 1 : 0;
-    bool framed = in.size() >= KX_FRAME_HEADER_LEN &&
-                  IsValidFrameHeader(reinterpret_cast<const __S_FrameHeader *>(in.data())) &&
-                  fh_frame_len(in.data()) >= KX_FRAME_HEADER_LEN;
+    kxt::Sniffed sniffed = kxt::sniff_input(head, head_len);
+    bool framed = sniffed.kind == kxt::InputKind::kFrames;
+    size_t nals = 0, units = 0, keys = 0;
+    kxt::AccessUnitSplitter splitter(codec);
+    const uint8_t *nal;
+    size_t nal_len;
+    bool last_key = false;
+    while (reader.next(&nal, &nal_len)) {
+        ++nals;
+        if (codec == kxt::Codec::kUnknown) continue;
+        bool key = false;
+        if (splitter.opens(nal, nal_len, &key)) {
+            ++units;
+            last_key = false;
+        }
+        if (key && !last_key) ++keys;
+        last_key = last_key || key;
+    }
+    int read_error = reader.error();
+    uint64_t bytes = reader.bytes();
+    if (f != stdin) fclose(f);
+    if (read_error != 0) return kxt::errorf("cannot read '%s': %s", o.input.c_str(), strerror(read_error)), 2;
+    if (bytes == 0) return kxt::errorf("'%s' is empty: nothing to probe", o.input.c_str()), 1;
 
     if (o.json) {
         Json j;
-        j["bytes"] = in.size();
+        j["bytes"] = bytes;
         j["h264_probe"] = h264;
         j["h265_probe"] = h265;
         j["codec"] = kxt::codec_name(codec);
-        j["nal_units"] = nals.size();
+        j["nal_units"] = nals;
         if (codec != kxt::Codec::kUnknown) {
-            j["access_units"] = units.size();
+            j["access_units"] = units;
             j["key_frames"] = keys;
         }
         j["frame_header_at_start"] = framed;
         puts(j.dump().c_str());
     } else {
-        printf("input: %s, %zu bytes, %zu NAL units\n", o.input.c_str(), in.size(), nals.size());
+        printf("input: %s, %llu bytes, %zu NAL units\n", o.input.c_str(), (unsigned long long)bytes, nals);
         printf("H264_Probe: %d\nH265_Probe: %d\n", h264, h265);
         if (codec == kxt::Codec::kUnknown) {
             printf("stream: neither H.264 nor H.265\n");
         } else {
             printf("stream: %s Annex B, %zu access units, %zu key frames\n",
-                   codec == kxt::Codec::kH264 ? "H.264" : "H.265", units.size(), keys);
+                   codec == kxt::Codec::kH264 ? "H.264" : "H.265", units, keys);
         }
         if (framed) printf("note: the input begins with a frame header; without --probe its frames are walked\n");
     }
     if (codec == kxt::Codec::kUnknown) {
-        kxt::errorf("'%s' is neither an H.264 nor an H.265 Annex B stream", o.input.c_str());
+        std::string hint = kxt::foreign_input_hint(sniffed, "a raw H.264/H.265 stream");
+        kxt::errorf("'%s' is neither an H.264 nor an H.265 Annex B stream%s%s", o.input.c_str(),
+                    hint.empty() ? "" : "; ", hint.c_str());
         return 1;
     }
     return 0;

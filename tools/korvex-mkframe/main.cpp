@@ -1,15 +1,18 @@
 // korvex-mkframe: wraps a raw H.264 or H.265 Annex B stream into the device's frames, one frame for each
 // access unit, with optional user data (absolute time, VCA targets, plates, OSD text, any block) and
 // optional frame encryption in either mode.
+#include <errno.h>
 #include <math.h>
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "common/annexb.h"
 #include "common/frame_make.h"
+#include "common/sniff.h"
 #include "common/tool_util.h"
 #include "korvex/korvex.h"
 
@@ -18,64 +21,67 @@ using namespace kxt;
 namespace {
 
 const char kHelp[] =
-    "NAME\n"
-    "    korvex-mkframe - wrap an H.264/H.265 Annex B stream into frames, with user data and encryption\n"
+    "Usage: korvex-mkframe [OPTIONS] -o OUTPUT INPUT\n"
+    "Wrap an H.264/H.265 Annex B stream into frames, with user data and encryption.\n"
     "\n"
-    "SYNOPSIS\n"
-    "    korvex-mkframe [OPTIONS] -o OUTPUT INPUT\n"
+    "Reads a raw Annex B byte stream (for example made with ffmpeg ... -f h264 out.h264), splits it\n"
+    "into access units and writes one frame for each: a 32-byte frame header (uiFrameLen,\n"
+    "uiFrameNo, uiPayloadLen, usFrameFlags) and the access unit. With any user-data option every\n"
+    "frame begins with a user-data unit (an SEI NAL unit holding a QZST container) in front of the\n"
+    "access unit. With --encrypt the frames are encrypted in place with --key; frame numbers are the\n"
+    "counters of the cipher. INPUT may be - for standard input. The input is read and the frames\n"
+    "written piece by piece, so memory stays small whatever the input's size. Container files (MP4,\n"
+    "Matroska, ...) are refused with the ffmpeg command that gives their raw stream, and so are\n"
+    "files of frames (already wrapped) and text.\n"
     "\n"
-    "DESCRIPTION\n"
-    "    Reads a raw Annex B byte stream (for example made with ffmpeg ... -f h264 out.h264), splits it\n"
-    "    into access units and writes one frame for each: a 32-byte frame header (uiFrameLen,\n"
-    "    uiFrameNo, uiPayloadLen, usFrameFlags) and the access unit. With any user-data option every\n"
-    "    frame begins with a user-data unit (an SEI NAL unit holding a QZST container) in front of the\n"
-    "    access unit. With --encrypt the frames are encrypted in place with --key; frame numbers are the\n"
-    "    counters of the cipher. INPUT may be - for standard input.\n"
+    "Options:\n"
+    "  -o, --output FILE     where the frames go; - is standard output (never a terminal)\n"
+    "  --codec auto|h264|h265\n"
+    "                        the input's codec; auto (the default) asks the H.264 and H.265 probes;\n"
+    "                        a codec that the probes contradict needs --force\n"
+    "  --force               take --codec even where the probes find the other codec\n"
+    "  --max-frames N        only the first N access units\n"
+    "  --first-frame-no N    uiFrameNo of the first frame (default 1); each frame counts one up\n"
+    "  --start-time TIME     put an absolute-time block into every frame: TIME is UTC, as\n"
+    "                        2023-11-14T22:13:20Z or as seconds since 1970; frame i carries\n"
+    "                        TIME + floor(i / FPS)\n"
+    "  --fps FPS             frame rate for --start-time (default 25; 29.97 is fine); the last\n"
+    "                        frame's time must not pass 2^32 - 1 seconds\n"
+    "  --vca X1,Y1,X2,Y2[,W5,W6,W7,W8]\n"
+    "                        a VCA target rectangle in ten-thousandths of the picture (0-10000,\n"
+    "                        X1 <= X2, Y1 <= Y2), with up to four more words carried unchanged\n"
+    "                        (e.g. id, class); repeatable (16 targets in the old layout, 128 in\n"
+    "                        the new)\n"
+    "  --plate TEXT          a licence plate (at most 100 characters); repeatable, at most 10\n"
+    "  --osd TEXT            an OSD text (sub-type 7, at most 512 bytes); repeatable\n"
+    "  --block TYPE:HEX      any block, e.g. --block 0xFEE2:0102030405 for PTZ data; repeatable\n"
+    "  --layout old|new      container layout: old (payload type F0, up to 1024 bytes, found by every\n"
+    "                        analysis; the default) or new (F1, up to 10240 bytes, found by the\n"
+    "                        two-layout analysis only, korvex-dump --mask)\n"
+    "  --encrypt plain|enhanced\n"
+    "                        encrypt every frame: plain covers payload bytes 0-63 (frames below 96\n"
+    "                        bytes stay clear), enhanced the first 64 bytes of every 256\n"
+    "  --key KEY             the key, 1 to 16 characters\n"
+    "  --index-out FILE      also write an I-frame index of the frames: one item each, with the\n"
+    "                        frame's offset in OUTPUT, its frame number as stamp, and sign bit 0 for\n"
+    "                        key frames, bit 1 for frames with user data\n"
+    "  -q, --quiet           no summary on standard error\n"
+    "  -h, --help            this text\n"
     "\n"
-    "OPTIONS\n"
-    "    -o, --output FILE     where the frames go; - is standard output (never a terminal)\n"
-    "    --codec auto|h264|h265\n"
-    "                          the input's codec; auto (the default) asks the H.264 and H.265 probes;\n"
-    "                          a codec that the probes contradict needs --force\n"
-    "    --force               take --codec even where the probes find the other codec\n"
-    "    --max-frames N        only the first N access units\n"
-    "    --first-frame-no N    uiFrameNo of the first frame (default 1); each frame counts one up\n"
-    "    --start-time TIME     put an absolute-time block into every frame: TIME is UTC, as\n"
-    "                          2023-11-14T22:13:20Z or as seconds since 1970; frame i carries\n"
-    "                          TIME + floor(i / FPS)\n"
-    "    --fps FPS             frame rate for --start-time (default 25; 29.97 is fine); the last\n"
-    "                          frame's time must not pass 2^32 - 1 seconds\n"
-    "    --vca X1,Y1,X2,Y2[,W5,W6,W7,W8]\n"
-    "                          a VCA target rectangle in ten-thousandths of the picture (0-10000,\n"
-    "                          X1 <= X2, Y1 <= Y2),\n"
-    "                          with up to four more words carried unchanged (e.g. id, class);\n"
-    "                          repeatable (16 targets in the old layout, 128 in the new)\n"
-    "    --plate TEXT          a licence plate (at most 100 characters); repeatable, at most 10\n"
-    "    --osd TEXT            an OSD text (sub-type 7, at most 512 bytes); repeatable\n"
-    "    --block TYPE:HEX      any block, e.g. --block 0xFEE2:0102030405 for PTZ data; repeatable\n"
-    "    --layout old|new      container layout: old (payload type F0, up to 1024 bytes, found by every\n"
-    "                          analysis; the default) or new (F1, up to 10240 bytes, found by the\n"
-    "                          two-layout analysis only, korvex-dump --mask)\n"
-    "    --encrypt plain|enhanced\n"
-    "                          encrypt every frame: plain covers payload bytes 0-63 (frames below 96\n"
-    "                          bytes stay clear), enhanced the first 64 bytes of every 256\n"
-    "    --key KEY             the key, 1 to 16 characters\n"
-    "    --index-out FILE      also write an I-frame index of the frames: one item each, with the\n"
-    "                          frame's offset in OUTPUT, its frame number as stamp, and sign bit 0 for\n"
-    "                          key frames, bit 1 for frames with user data\n"
-    "    -q, --quiet           no summary on standard error\n"
-    "    -h, --help            this text\n"
+    "Exit status:\n"
+    "  0 frames written; 1 the input holds no stream of a known codec (or is a container file, frames\n"
+    "  or text), or the user data or a frame is too large; 2 bad options (a date that doesn't exist,\n"
+    "  a reversed target, a contradicted codec, a time past 2^32 - 1 seconds) or files.\n"
     "\n"
-    "EXIT STATUS\n"
-    "    0 frames written; 1 the input holds no stream of a known codec, or the user data or a frame is\n"
-    "    too large; 2 bad options (a date that doesn't exist, a reversed target, a contradicted codec,\n"
-    "    a time past 2^32 - 1 seconds) or files.\n"
+    "Examples:\n"
+    "  ffmpeg -f lavfi -i testsrc=size=320x240:rate=25 -frames:v 50 -f h264 in.h264\n"
     "\n"
-    "EXAMPLES\n"
-    "    ffmpeg -f lavfi -i testsrc=size=320x240:rate=25 -frames:v 50 -f h264 in.h264\n"
-    "    korvex-mkframe --start-time 2024-05-01T08:00:00Z --vca 1000,1000,5000,5000,7 \\\n"
-    "        --plate AB123CD --osd 'Gate 3' --encrypt enhanced --key secret -o cam.frames in.h264\n"
-    "    korvex-dump --key secret cam.frames\n";
+    "  korvex-mkframe --start-time 2024-05-01T08:00:00Z --vca 1000,1000,5000,5000,7 \\\n"
+    "      --plate AB123CD --osd 'Gate 3' --encrypt enhanced --key secret -o cam.frames in.h264\n"
+    "\n"
+    "  ffmpeg -i clip.mp4 -c:v copy -bsf:v h264_mp4toannexb -f h264 clip.h264\n"
+    "\n"
+    "  korvex-dump --key secret cam.frames\n";
 
 struct Options {
     std::string input, output, index_out;
@@ -253,43 +259,25 @@ struct Totals {
     size_t frames = 0, key_frames = 0, with_user_data = 0, encrypted = 0, left_clear = 0;
 };
 
-int run(const Options &o) {
-    Bytes in;
-    if (!read_file(o.input, &in)) return 2;
-    Codec probed = probe_codec(in.data(), in.size());
-    Codec codec = o.codec == Codec::kUnknown ? probed : o.codec;
-    if (o.codec != Codec::kUnknown && probed != Codec::kUnknown && probed != o.codec && !o.force) {
-        errorf("--codec %s, but the probes find %s in '%s'; --force to go on", codec_name(o.codec), codec_name(probed),
-               o.input.c_str());
-        return 2;
+// One access unit into a frame, written to out. 0, or the exit status after a message.
+struct FrameWriter {
+    FrameWriter(const Options &opts, Codec c, OutputFile &file) : o(opts), codec(c), out(file) {
+        memcpy(key, o.key.data(), std::min(o.key.size(), sizeof(key) - 1));
     }
-    if (codec == Codec::kUnknown) {
-        errorf("'%s' is neither an H.264 nor an H.265 Annex B stream to the probes; name it with --codec",
-               o.input.c_str());
-        return 1;
-    }
-    size_t skipped = 0;
-    std::vector<Nal> nals = scan_nals(in.data(), in.size(), &skipped);
-    std::vector<AccessUnit> units = split_access_units(codec, in.data(), nals);
-    if (units.empty()) {
-        errorf("'%s' holds no NAL unit", o.input.c_str());
-        return 1;
-    }
-    if (o.max_frames > 0 && units.size() > size_t(o.max_frames)) units.resize(size_t(o.max_frames));
-    if (skipped > 0 && !o.quiet) errorf("skipped %zu bytes in front of the first start code", skipped);
-    if (o.has_time && double(o.start_time) + floor(double(units.size() - 1) / o.fps) > 4294967295.0) {
-        errorf("the time of the last frame would pass 2106-02-07T06:28:15Z (2^32 - 1 seconds)");
-        return 2;
-    }
-
+    const Options &o;
+    Codec codec;
+    OutputFile &out;
     unsigned char key[17] = {0};  // the enhanced cipher reads 16 bytes at the key
-    memcpy(key, o.key.data(), o.key.size());
-    Bytes out, index;
+    uint64_t offset = 0;
     std::vector<IndexItem> items;
     Totals t;
-    for (size_t i = 0; i < units.size(); ++i) {
-        const AccessUnit &au = units[i];
+
+    int add(size_t i, const Bytes &au, bool key_frame) {
         Bytes data;
+        if (o.has_time && double(o.start_time) + floor(double(i) / o.fps) > 4294967295.0) {
+            errorf("the time of frame %zu would pass 2106-02-07T06:28:15Z (2^32 - 1 seconds)", i);
+            return 2;
+        }
         std::vector<Bytes> blocks = frame_blocks(o, i);
         if (!blocks.empty()) {
             Bytes c = ud_container(blocks);
@@ -300,10 +288,7 @@ int run(const Options &o) {
             }
             data = ud_unit(codec, o.layout, c);
         }
-        for (size_t k = au.first; k < au.first + au.count; ++k) {
-            data.insert(data.end(), {0, 0, 0, 1});
-            data.insert(data.end(), in.begin() + long(nals[k].begin), in.begin() + long(nals[k].end));
-        }
+        append(data, au);
         if (data.size() + 32 > kFrameMaxLen) {
             errorf("frame %zu would be %zu bytes, above the frame limit of %u", i, data.size() + 32,
                    unsigned(kFrameMaxLen));
@@ -328,22 +313,98 @@ int run(const Options &o) {
                 ++t.left_clear;
             }
         }
-        items.push_back({uint32_t(out.size()), int32_t(frame_no), (au.key ? 1u : 0u) | (blocks.empty() ? 0u : 2u)});
-        append(out, frame);
+        items.push_back({uint32_t(offset), int32_t(frame_no), (key_frame ? 1u : 0u) | (blocks.empty() ? 0u : 2u)});
+        if (!out.write(frame)) return 2;
+        offset += frame.size();
         ++t.frames;
-        t.key_frames += au.key ? 1 : 0;
+        t.key_frames += key_frame ? 1 : 0;
         t.with_user_data += blocks.empty() ? 0 : 1;
+        return 0;
     }
-    if (!write_file(o.output, out)) return 2;
-    if (!o.index_out.empty() && !write_file(o.index_out, iframe_index(items))) return 2;
+};
+
+// The input is read in pieces (NalReader) and each access unit written as its frame once the next
+// unit opens, so memory holds one access unit and one piece of input whatever the input's size.
+int run(const Options &o) {
+    FILE *f = open_input(o.input);
+    if (f == nullptr) return 2;
+    struct Closer {
+        FILE *f;
+        ~Closer() {
+            if (f != stdin) fclose(f);
+        }
+    } closer{f};
+    NalReader reader(f);
+    const uint8_t *head = nullptr;
+    size_t head_len = reader.peek(4u << 20, &head);  // enough for the parameter sets and a key picture
+    if (reader.error() != 0) return errorf("cannot read '%s': %s", o.input.c_str(), strerror(reader.error())), 2;
+    Sniffed sniffed = sniff_input(head, head_len);
+    if (sniffed.kind != InputKind::kAnnexB && sniffed.kind != InputKind::kUnknown) {
+        // A container, a stream of frames or text: wrapping it would give frames of garbage.
+        errorf("'%s': %s", o.input.c_str(), foreign_input_hint(sniffed, "a raw H.264/H.265 stream").c_str());
+        return 1;
+    }
+    Codec probed = probe_codec(head, head_len);
+    Codec codec = o.codec == Codec::kUnknown ? probed : o.codec;
+    if (o.codec != Codec::kUnknown && probed != Codec::kUnknown && probed != o.codec && !o.force) {
+        errorf("--codec %s, but the probes find %s in '%s'; --force to go on", codec_name(o.codec), codec_name(probed),
+               o.input.c_str());
+        return 2;
+    }
+    if (codec == Codec::kUnknown) {
+        errorf("'%s' is neither an H.264 nor an H.265 Annex B stream to the probes; name it with --codec",
+               o.input.c_str());
+        return 1;
+    }
+
+    OutputFile out;
+    if (!out.open(o.output)) return 2;
+    FrameWriter w(o, codec, out);
+    AccessUnitSplitter splitter(codec);
+    Bytes au;
+    bool au_key = false;
+    size_t index = 0;
+    const uint8_t *nal;
+    size_t len;
+    while (reader.next(&nal, &len)) {
+        bool key = false;
+        if (splitter.opens(nal, len, &key) && !au.empty()) {
+            if (int rc = w.add(index++, au, au_key)) return rc;
+            au.clear();
+            au_key = false;
+            if (o.max_frames > 0 && index >= size_t(o.max_frames)) break;
+        }
+        au.insert(au.end(), {0, 0, 0, 1});
+        au.insert(au.end(), nal, nal + len);
+        au_key = au_key || key;
+    }
+    if (reader.error() != 0) return errorf("cannot read '%s': %s", o.input.c_str(), strerror(reader.error())), 2;
+    if (reader.too_long()) {
+        errorf("'%s': no start code within %zu MiB at offset %llu; this is no Annex B stream", o.input.c_str(),
+               size_t(NalReader::kMaxNal >> 20), (unsigned long long)reader.bytes());
+        return 1;
+    }
+    if (!au.empty() && (o.max_frames <= 0 || index < size_t(o.max_frames))) {
+        if (int rc = w.add(index++, au, au_key)) return rc;
+    }
+    if (w.t.frames == 0) {
+        errorf("'%s' holds no NAL unit", o.input.c_str());
+        return 1;
+    }
+    if (reader.skipped() > 0 && !o.quiet) {
+        errorf("skipped %llu bytes in front of the first start code", (unsigned long long)reader.skipped());
+    }
+    if (!out.finish()) return 2;
+    if (!o.index_out.empty() && !write_file(o.index_out, iframe_index(w.items))) return 2;
     if (!o.quiet) {
+        const Totals &t = w.t;
         std::string enc;
         if (o.encrypt != 0) {
             enc = ", " + std::to_string(t.encrypted) + (o.encrypt == 1 ? " encrypted (plain)" : " encrypted (enhanced)");
             if (t.left_clear) enc += ", " + std::to_string(t.left_clear) + " too short to encrypt";
         }
-        errorf("%zu frames (%s, %zu key), %zu bytes, user data in %zu%s", t.frames, codec_name(codec), t.key_frames,
-               out.size(), t.with_user_data, enc.c_str());
+        errorf("%zu frames (%s, %zu key), %llu bytes, user data in %zu%s", t.frames, codec_name(codec), t.key_frames,
+               (unsigned long long)w.offset, t.with_user_data, enc.c_str());
     }
     return 0;
 }

@@ -5,14 +5,14 @@
 
 #include <algorithm>
 
-#include "korvex-dump/dump.h"
+#include "core/core.h"
 #include "korvex-view/view.h"
 
 namespace kxv {
 
-Overlay overlay_of(const kxd::UserDataReport &u) {
+Overlay overlay_of(const kxc::UserDataReport &u) {
     Overlay ov;
-    for (const kxd::VcaView &v : u.vca) {
+    for (const kxc::VcaView &v : u.vca) {
         // Unscaled coordinates are ten-thousandths of the picture; without them, the 176 x 144 grid.
         if (v.has_raw) ov.boxes.push_back({v.raw[0] / 1e4, v.raw[1] / 1e4, v.raw[2] / 1e4, v.raw[3] / 1e4});
         else ov.boxes.push_back({v.grid[0] / 176.0, v.grid[1] / 144.0, v.grid[2] / 176.0, v.grid[3] / 144.0});
@@ -23,7 +23,7 @@ Overlay overlay_of(const kxd::UserDataReport &u) {
                  u.time.usHour, u.time.usMinute, u.time.usSecond);
         ov.top.push_back(b);
     }
-    for (const kxd::OsdView &v : u.osd) {
+    for (const kxc::OsdView &v : u.osd) {
         if (v.has_text) ov.top.push_back(v.text);
     }
     for (const std::string &p : u.plates) ov.bottom.push_back("plate " + p);

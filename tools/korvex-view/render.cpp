@@ -1,6 +1,7 @@
 // Decoding with libavcodec, drawing with libavfilter, writing PNG and video files with libavcodec and
 // libavformat.
 #include <errno.h>
+#include <math.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -70,7 +71,10 @@ bool Decoder::open(kxt::Codec codec) {
     pkt_ = av_packet_alloc();
     frame_ = av_frame_alloc();
     if (ctx_ == nullptr || pkt_ == nullptr || frame_ == nullptr) return kxt::errorf("out of memory"), false;
-    ctx_->thread_count = 1;  // pictures in order of their frames, one thread
+    // Frame threads on every core (and slice threads where a picture has slices); the pictures still
+    // come out in display order, each with the frame index its packet carried.
+    ctx_->thread_count = 0;
+    ctx_->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;
     ctx_->pkt_timebase = AVRational{1, 1};
     int rc = avcodec_open2(ctx_, dec, nullptr);
     if (rc < 0) {
@@ -172,7 +176,7 @@ AVFrame *Renderer::render(const AVFrame *picture, const Overlay &overlay, int pi
             auto text = [&](const std::string &line, long long y) {
                 if (line.empty() || last == nullptr) return;
                 last = add_filter(g, last, "drawtext",
-                                  {{"fontfile", font_}, {"text", line}, {"expansion", "none"}, {"fontsize", num(size)},
+                                  {{"fontfile", fonts_->font_for(line)}, {"text", line}, {"expansion", "none"}, {"fontsize", num(size)},
                                    {"fontcolor", "white"}, {"box", "1"}, {"boxcolor", "black@0.6"},
                                    {"boxborderw", num(pad / 2 + 1)}, {"x", num(pad)}, {"y", num(y)}});
             };
@@ -275,14 +279,14 @@ bool VideoOut::open(const AVFrame *first) {
     enc_->width = first->width;
     enc_->height = first->height;
     enc_->pix_fmt = AVPixelFormat(pix_fmt_);
-    AVRational rate = av_d2q(fps_, 100000);
-    enc_->time_base = av_inv_q(rate);
-    enc_->framerate = rate;
-    enc_->gop_size = 50;
-    enc_->thread_count = 1;
+    // Times in milliseconds, as the recording gives them; the rate tells the encoder the usual step.
+    enc_->time_base = AVRational{1, 1000};
+    enc_->framerate = av_d2q(fps_, 100000);
+    enc_->gop_size = std::max(1, int(lround(fps_ * 2)));
+    enc_->thread_count = 0;
     if (strcmp(codec_->name, "libx264") == 0) {
         av_opt_set(enc_->priv_data, "preset", "veryfast", 0);
-        av_opt_set(enc_->priv_data, "x264-params", "log-level=error:threads=1:lookahead-threads=1:bframes=0", 0);
+        av_opt_set(enc_->priv_data, "x264-params", "log-level=error:bframes=0", 0);
     } else {
         enc_->bit_rate = 2000000;
     }
@@ -308,7 +312,8 @@ bool VideoOut::drain(bool flush) {
         int rc = avcodec_receive_packet(enc_, pkt_);
         if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return true;
         if (rc < 0) return kxt::errorf("encoding failed: %s", av_text(rc).c_str()), false;
-        if (pkt_->duration <= 0) pkt_->duration = 1;  // one picture; without it the last is cut off
+        // One frame interval; without it the last picture is cut off.
+        if (pkt_->duration <= 0) pkt_->duration = std::max<int64_t>(1, llround(1000.0 / fps_));
         av_packet_rescale_ts(pkt_, enc_->time_base, st_->time_base);
         pkt_->stream_index = st_->index;
         rc = av_interleaved_write_frame(oc_, pkt_);
@@ -316,12 +321,19 @@ bool VideoOut::drain(bool flush) {
     }
 }
 
-bool VideoOut::add(AVFrame *picture) {
-    if (!opened_ && !open(picture)) return false;
+bool VideoOut::add(AVFrame *picture, int64_t pts_ms, double fps) {
+    if (!opened_) {
+        fps_ = fps > 0 ? fps : 25;
+        first_ms_ = pts_ms;
+        if (!open(picture)) return false;
+    }
     if (picture->width != enc_->width || picture->height != enc_->height) {
         return kxt::errorf("the picture size changed within the stream; a video file keeps one size"), false;
     }
-    picture->pts = count_++;
+    int64_t t = std::max(pts_ms - first_ms_, last_ms_ + 1);
+    last_ms_ = t;
+    ++count_;
+    picture->pts = t;
     picture->pict_type = AV_PICTURE_TYPE_NONE;
     int rc = avcodec_send_frame(enc_, picture);
     if (rc < 0) return kxt::errorf("encoding failed: %s", av_text(rc).c_str()), false;

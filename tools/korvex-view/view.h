@@ -5,6 +5,8 @@
 
 #include <stdint.h>
 
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -14,7 +16,7 @@ extern "C" {
 struct AVFrame;
 }
 
-namespace kxd {
+namespace kxc {
 struct UserDataReport;
 }
 
@@ -31,7 +33,7 @@ struct Overlay {
 };
 
 // What the frame's user data asks to draw.
-Overlay overlay_of(const kxd::UserDataReport &u);
+Overlay overlay_of(const kxc::UserDataReport &u);
 
 // A box in pixels on a picture of ow x oh: at least one pixel wide and high, inside the picture.
 struct PixelBox {
@@ -62,10 +64,28 @@ private:
     AVFrame *frame_ = nullptr;
 };
 
+// The font file of each line of text. builtin: the font given at build time, used where it has every
+// glyph of a line; given: --font, used for every line (empty: choose through fontconfig). Names the
+// characters that no font has (or the given one lacks) on standard error, once for each set.
+class FontChooser {
+public:
+    FontChooser(std::string builtin, std::string given);
+    ~FontChooser();
+    FontChooser(const FontChooser &) = delete;
+    FontChooser &operator=(const FontChooser &) = delete;
+    const std::string &font_for(const std::string &line);
+
+private:
+    std::string builtin_, given_;
+    void *first_charset_ = nullptr;  // FcCharSet of the given or built-in font
+    std::map<std::string, std::string> cache_;
+    std::set<std::string> warned_;
+};
+
 // Draws overlays onto pictures, scaled to an output size, in the pixel format the output wants.
 class Renderer {
 public:
-    Renderer(std::string font, int width, bool draw) : font_(std::move(font)), width_(width), draw_(draw) {}
+    Renderer(FontChooser *fonts, int width, bool draw) : fonts_(fonts), width_(width), draw_(draw) {}
     ~Renderer();
     // The picture with its overlay, in pix_fmt (an AVPixelFormat), or null after a message. The
     // result stays valid until the next call.
@@ -75,7 +95,7 @@ public:
     void output_size(int w, int h, int *ow, int *oh) const;
 
 private:
-    std::string font_;
+    FontChooser *fonts_;
     int width_;
     bool draw_;
     AVFrame *out_ = nullptr;
@@ -86,16 +106,20 @@ private:
 bool write_png(const AVFrame *rgb, const std::string &path);
 
 // A video file with the rendered pictures; the container follows the file name (.mp4, .mkv, .avi).
+// Each picture keeps its time (milliseconds; the first picture at 0), so the file plays as long as the
+// recording.
 class VideoOut {
 public:
-    VideoOut(std::string path, double fps) : path_(std::move(path)), fps_(fps) {}
+    explicit VideoOut(std::string path) : path_(std::move(path)) {}
     ~VideoOut();
     // Checks that the name gives a container and an encoder; false after a message.
     bool check();
     // The pixel format the encoder takes.
     int pix_fmt() const { return pix_fmt_; }
-    // Encodes one picture (opens the file at the first); false after a message.
-    bool add(AVFrame *picture);
+    // Encodes one picture at pts_ms (opens the file at the first; times only grow); fps is the
+    // recording's frame rate, which gives the encoder its rate and the last picture its duration.
+    // False after a message.
+    bool add(AVFrame *picture, int64_t pts_ms, double fps);
     // Ends the file and renames it into place; false after a message. Without it the file goes.
     bool finish();
     long long pictures() const { return count_; }
@@ -104,7 +128,8 @@ private:
     bool open(const AVFrame *first);
     bool drain(bool flush);
     std::string path_, tmp_;
-    double fps_;
+    double fps_ = 25;
+    int64_t first_ms_ = 0, last_ms_ = -1;
     int pix_fmt_ = -1;
     const struct AVCodec *codec_ = nullptr;
     struct AVFormatContext *oc_ = nullptr;

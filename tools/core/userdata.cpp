@@ -8,9 +8,9 @@
 
 #include <memory>
 
-#include "korvex-dump/dump.h"
+#include "core/core.h"
 
-namespace kxd {
+namespace kxc {
 
 namespace {
 
@@ -87,15 +87,15 @@ bool saw(const std::vector<Call> &calls, int type) {
 
 }  // namespace
 
-bool starts_with_user_data(const uint8_t *data, size_t len, kxt::Codec codec) {
+bool starts_with_user_data(const uint8_t *data, size_t len, Codec codec) {
     static const uint8_t h264[] = {0, 0, 0, 1, 0x06};
     static const uint8_t h265[] = {0, 0, 0, 1, 0x4E, 0x01};
-    const uint8_t *pat = codec == kxt::Codec::kH265 ? h265 : h264;
-    size_t n = codec == kxt::Codec::kH265 ? sizeof(h265) : sizeof(h264);
+    const uint8_t *pat = codec == Codec::kH265 ? h265 : h264;
+    size_t n = codec == Codec::kH265 ? sizeof(h265) : sizeof(h264);
     return len > n && memcmp(data, pat, n) == 0 && (data[n] == 0xF0 || data[n] == 0xF1);
 }
 
-void analyse_user_data(const Options &o, const uint8_t *frame, size_t held, kxt::Codec codec, void *split_state,
+void analyse_user_data(const AnalysisOptions &o, const uint8_t *frame, size_t held, Codec codec, void *split_state,
                        int split_state_size, UserDataReport *out) {
     std::vector<Call> calls;
     tagUserDataInfoPara p;
@@ -156,7 +156,6 @@ void analyse_user_data(const Options &o, const uint8_t *frame, size_t held, kxt:
         }
         if (saw(calls, 7)) lpr = &slot_lpr;
         if (slots.pucFrameRest != nullptr && slots.iFrameRestLen >= 0) {
-            out->rest = slots.pucFrameRest;
             out->rest_len = slots.iFrameRestLen;
         }
     }
@@ -183,24 +182,35 @@ void analyse_user_data(const Options &o, const uint8_t *frame, size_t held, kxt:
     }
 
     switch (out->result) {
-    case 0: out->status = calls.empty() ? "none" : "ok"; break;
+    case 0: out->status = calls.empty() ? UserDataStatus::kNone : UserDataStatus::kOk; break;
     case -105:
         // The two-layout analysis answers so for every frame that doesn't begin with user data.
-        out->status = o.two_layout && !starts_with_user_data(frame + 32, held - 32, codec) ? "none" : "malformed";
+        out->status = o.two_layout && !starts_with_user_data(frame + 32, held - 32, codec) ? UserDataStatus::kNone
+                                                                                           : UserDataStatus::kMalformed;
         break;
-    case -106: out->status = "fragment"; break;
-    default: out->status = "error"; break;
+    case -106: out->status = UserDataStatus::kFragment; break;
+    default: out->status = UserDataStatus::kError; break;
     }
-    if (!o.two_layout && out->status == "none" && held > 32 && starts_with_user_data(frame + 32, held - 32, codec)) {
+    if (!o.two_layout && out->status == UserDataStatus::kNone && held > 32 && starts_with_user_data(frame + 32, held - 32, codec)) {
         // A container the single-frame analysis passes over (the new layout): the two-layout analysis
         // reads either layout, here for every type.
-        Options all = o;
+        AnalysisOptions all = o;
         all.two_layout = true;
         all.type = 255;
         all.mask = 0x7FFFFFFF;
         *out = UserDataReport();
         analyse_user_data(all, frame, held, codec, split_state, split_state_size, out);
         out->two_layout = true;
+    }
+}
+
+const char *status_name(UserDataStatus s) {
+    switch (s) {
+    case UserDataStatus::kOk: return "ok";
+    case UserDataStatus::kMalformed: return "malformed";
+    case UserDataStatus::kFragment: return "fragment";
+    case UserDataStatus::kError: return "error";
+    default: return "none";
     }
 }
 
@@ -248,4 +258,4 @@ const char *record_name(int type) {
     }
 }
 
-}  // namespace kxd
+}  // namespace kxc

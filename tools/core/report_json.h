@@ -4,10 +4,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "korvex-dump/dump.h"
+#include "core/core.h"
 
-namespace kxd {
+namespace kxc {
 
 nlohmann::ordered_json frame_json(const FrameReport &r);
 
-}  // namespace kxd
+}  // namespace kxc

@@ -1,14 +1,14 @@
 // The options that choose how frames are read, shared by every tool that walks a stream of frames
 // (korvex-dump, korvex-view): the key, the codec and the two-layout analysis mask.
-#include "dump.h"
+#include "core/core.h"
 
-namespace kxd {
+namespace kxc {
 
 bool is_walk_option(const std::string &a) {
     return a == "--key" || a == "--codec" || a == "--mask";
 }
 
-int set_walk_option(const std::string &a, const std::string &v, Options *o) {
+int set_walk_option(const std::string &a, const std::string &v, AnalysisOptions *o) {
     using kxt::errorf;
     if (a == "--key") {
         if (v.empty() || v.size() > 16) return errorf("a key has 1 to 16 characters"), 2;
@@ -35,4 +35,4 @@ int set_walk_option(const std::string &a, const std::string &v, Options *o) {
     return 0;
 }
 
-}  // namespace kxd
+}  // namespace kxc

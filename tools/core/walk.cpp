@@ -6,18 +6,14 @@
 // as far as it goes and ends the walk.
 #include <errno.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 
-#include "korvex-dump/dump.h"
+#include "common/sniff.h"
+#include "core/core.h"
 #include "stream/frame_header.h"
 
-namespace kxd {
-
-using kxt::Codec;
+namespace kxc {
 
 size_t WalkInput::fill(size_t n) {
     if (f_ == nullptr || avail() >= n || eof_) return avail();
@@ -78,42 +74,6 @@ bool resync(WalkInput &in, uint64_t *skipped) {
         *skipped += step;
     }
 }
-
-// A progress line on standard error, shown once a walk takes longer than a second.
-class Progress {
-public:
-    Progress(bool on, uint64_t total) : on_(on), total_(total) { start_ = now(); }
-    void update(long long frames, uint64_t offset) {
-        if (!on_) return;
-        double t = now();
-        if (t - start_ < 1.0 || t - last_ < 0.2) return;
-        last_ = t;
-        if (total_ > 0) {
-            fprintf(stderr, "\r%s: frame %lld, %.1f of %.1f MB (%d%%)\033[K", kxt::program_name(), frames, offset / 1e6,
-                    total_ / 1e6, int(offset * 100 / total_));
-        } else {
-            fprintf(stderr, "\r%s: frame %lld, %.1f MB\033[K", kxt::program_name(), frames, offset / 1e6);
-        }
-        shown_ = true;
-    }
-    // Clears the line so that a message or the end of the walk starts on a clean line.
-    void clear() {
-        if (!shown_) return;
-        fputs("\r\033[K", stderr);
-        shown_ = false;
-    }
-
-private:
-    static double now() {
-        struct timespec ts;
-        clock_gettime(CLOCK_MONOTONIC, &ts);
-        return double(ts.tv_sec) + ts.tv_nsec / 1e9;
-    }
-    bool on_;
-    uint64_t total_;
-    double start_ = 0, last_ = 0;
-    bool shown_ = false;
-};
 
 }  // namespace
 
@@ -183,8 +143,9 @@ std::string header_error(const FrameReport &r) {
 
 }  // namespace
 
-bool Walker::next(FrameReport *r, const uint8_t **frame) {
-    *frame = nullptr;
+
+bool Walker::next(FrameReport *r, Span *frame) {
+    *frame = Span();
     if (ended_) return false;
     size_t avail = in_.fill(KX_FRAME_HEADER_LEN);
     if (avail == 0) {
@@ -194,33 +155,40 @@ bool Walker::next(FrameReport *r, const uint8_t **frame) {
     *r = FrameReport();
     r->index = index_++;
     r->offset = in_.offset();
-    *frame = in_.data();
     broken_header_ = false;
     if (avail < KX_FRAME_HEADER_LEN) {
         r->error = "only " + std::to_string(avail) + " bytes left, too short for a frame header";
+        r->extent = Extent::kShortTail;
+        r->skip = Skip::kNoHeader;
         r->held = avail;
         held_ = avail;
         last_ = true;
+        *frame = Span{in_.data(), avail};
         return true;
     }
     read_header(in_.data(), r);
     r->valid = sound_header(in_.data());
     if (!r->valid) {
         r->error = header_error(*r);
+        r->extent = Extent::kBadHeader;
+        r->skip = Skip::kNoHeader;
         broken_header_ = true;
         held_ = 0;
         last_ = false;
+        *frame = Span{in_.data(), KX_FRAME_HEADER_LEN};
         return true;
     }
     size_t cut = next_header_inside(in_, r->frame_len);
     r->held = cut != 0 ? cut : std::min(in_.fill(r->frame_len), size_t(r->frame_len));
-    *frame = in_.data();
+    *frame = Span{in_.data(), r->held};
     held_ = r->held;
     last_ = r->held < r->frame_len && cut == 0;
     if (cut != 0) {
+        r->extent = Extent::kCutAtNextHeader;
         r->error = "the header says " + std::to_string(r->frame_len) + " bytes, but the next frame header follows " +
                    std::to_string(cut) + " bytes on; read as " + std::to_string(cut) + " bytes";
     } else if (last_) {
+        r->extent = Extent::kTruncated;
         r->error = "truncated: the header says " + std::to_string(r->frame_len) + " bytes, " +
                    std::to_string(r->held) + " are present";
     }
@@ -245,111 +213,130 @@ bool Walker::advance(uint64_t *skipped) {
     return true;
 }
 
-int examine_frame(const Options &o, uint8_t *frame, FrameReport *r, kxt::Codec *codec, void *split_state,
+int examine_frame(const AnalysisOptions &o, Span frame, FrameReport *r, Codec *codec, void *split_state,
                   int split_state_size) {
-    unsigned char key[17] = {0};  // the enhanced cipher reads 16 bytes at the key
+    unsigned char key[17] = {0};  // the key, zero-padded to the 16 bytes the enhanced cipher takes
     memcpy(key, o.key.data(), std::min(o.key.size(), size_t(16)));
     bool encrypted = (r->flags & 3) == 2;
     int rc = 0;
-    r->encryption = !encrypted ? "none" : ((r->flags >> 6) & 3) == 2 ? "enhanced" : "plain";
+    r->examined = true;
+    r->encryption = !encrypted ? Encryption::kNone : ((r->flags >> 6) & 3) == 2 ? Encryption::kEnhanced
+                                                                                 : Encryption::kPlain;
+    size_t held = std::min(r->held, frame.size);
     if (encrypted && !o.has_key) {
-        r->decrypt = "no key";
-        r->skip_reason = "encrypted; give --key to decrypt";
+        r->decrypt = Decrypt::kNoKey;
+        r->skip = Skip::kNoKey;
     } else if (encrypted) {
-        rc = SA_DecryptOneFrame(frame, int(r->held), key, int(o.key.size()));
+        rc = SA_DecryptOneFrame(frame.data, int(held), key, int(std::min(o.key.size(), size_t(16))));
+        r->decrypt_rc = rc;
         if (rc == 0) {
-            r->decrypt = "ok";
+            r->decrypt = Decrypt::kDone;
         } else {
-            r->decrypt = "failed";
+            r->decrypt = Decrypt::kFailed;
             std::string why = std::string("decryption failed: ") + decrypt_failure(rc);
             r->error = r->error.empty() ? why : r->error + "; " + why;
-            r->skip_reason = "not decrypted";
+            r->skip = Skip::kNotDecrypted;
         }
     }
-    if (r->skip_reason.empty()) {
-        const uint8_t *data = frame + KX_FRAME_HEADER_LEN;
-        size_t data_len = r->held - KX_FRAME_HEADER_LEN;
+    if (r->skip == Skip::kNone && held >= KX_FRAME_HEADER_LEN) {
+        const uint8_t *data = frame.data + KX_FRAME_HEADER_LEN;
+        size_t data_len = held - KX_FRAME_HEADER_LEN;
         if (*codec == Codec::kUnknown) *codec = kxt::probe_codec(data, data_len);
         // Until a frame with parameter sets and a key picture names the codec, a frame that begins
         // with the H.265 user-data unit is read as H.265, any other as H.264.
         r->codec = *codec != Codec::kUnknown ? *codec
                    : starts_with_user_data(data, data_len, Codec::kH265) ? Codec::kH265
                                                                          : Codec::kH264;
-        analyse_user_data(o, frame, r->held, r->codec, split_state, split_state_size, &r->ud);
+        r->key_frame = has_key_picture(data, std::min(data_len, size_t(r->payload_len)), r->codec);
+        if (r->key_frame) {
+            stream_picture_size(data, std::min(data_len, size_t(r->payload_len)), r->codec, &r->width, &r->height);
+        }
+        analyse_user_data(o, frame.data, held, r->codec, split_state, split_state_size, &r->ud);
     }
     return rc;
 }
 
-int walk(const Options &o, const FrameVisitor &visit, WalkTotals *totals) {
-    FILE *f = kxt::open_input(o.input);
-    if (f == nullptr) return 2;
-    struct stat st;
-    uint64_t total = (fstat(fileno(f), &st) == 0 && S_ISREG(st.st_mode)) ? uint64_t(st.st_size) : 0;
-    bool show = o.progress == 1 || (o.progress < 0 && isatty(2) && !isatty(1));
-    Progress progress(show, total);
-    auto report_error = [&](const char *fmt, auto... args) {
-        progress.clear();
-        kxt::errorf(fmt, args...);
-    };
-
-    Walker walker(f);
+void walk(FILE *f, const AnalysisOptions &o, const FrameVisitor &visit, const WalkNotice &notice, WalkTotals *totals,
+          long long first_index, uint64_t first_offset) {
+    Walker walker(f, first_index);
     // The stream's record of containers split over frames; large, so it lives on the heap.
     Bytes split(sizeof(TUserDataSplitState), 0);
     WalkTotals &t = *totals;
     t = WalkTotals();
     t.codec = o.codec;
     FrameReport r;
-    const uint8_t *held = nullptr;
+    Span frame;
+    char line[160];
+    int picture_size[2] = {0, 0};  // of the stream's last sequence parameter set
 
-    while (walker.next(&r, &held)) {
+    while (walker.next(&r, &frame)) {
+        r.offset += first_offset;
         ++t.frames;
         uint64_t skipped = 0;
         if (!r.valid) {
             ++t.broken;
-            report_error("frame %lld at offset %llu: %s", r.index, (unsigned long long)r.offset, r.error.c_str());
-            if (!visit(r, r.has_header ? held : nullptr) || !r.has_header) break;
+            notice("frame " + std::to_string(r.index) + " at offset " + std::to_string(r.offset) + ": " + r.error);
+            bool more = visit(r, r.has_header ? frame : Span());
+            if (r.index == first_index && first_offset == 0) {
+                // Nothing at the start looks like a frame: say what the input is and which command takes it.
+                const uint8_t *head = nullptr;
+                kxt::Sniffed sniffed = kxt::sniff_input(head, walker.peek(4096, &head));
+                std::string hint = kxt::foreign_input_hint(sniffed, "a stream of frames");
+                if (!hint.empty()) {
+                    notice(hint);
+                    t.foreign = true;
+                    break;
+                }
+            }
+            if (!more || !r.has_header) break;
             if (walker.advance(&skipped)) {
-                report_error("found the next frame header at offset %llu, %llu bytes on",
-                             (unsigned long long)walker.offset(), (unsigned long long)skipped);
+                snprintf(line, sizeof(line), "found the next frame header at offset %llu, %llu bytes on",
+                         (unsigned long long)(walker.offset() + first_offset), (unsigned long long)skipped);
+                notice(line);
                 continue;
             }
-            report_error("no further frame header in the last %llu bytes", (unsigned long long)skipped);
+            snprintf(line, sizeof(line), "no further frame header in the last %llu bytes", (unsigned long long)skipped);
+            notice(line);
             break;
         }
-        // The file's bytes sit in the walker's own buffer, which the frame is decrypted in.
-        uint8_t *frame = const_cast<uint8_t *>(held);
         examine_frame(o, frame, &r, &t.codec, split.data(), int(split.size()));
-        if (r.ud.status == "ok" || r.ud.status == "fragment") ++t.with_user_data;
+        keep_picture_size(&r, picture_size);
+        if (r.ud.found()) ++t.with_user_data;
         if (!r.error.empty()) {
             ++t.broken;
-            report_error("frame %lld at offset %llu: %s", r.index, (unsigned long long)r.offset, r.error.c_str());
+            notice("frame " + std::to_string(r.index) + " at offset " + std::to_string(r.offset) + ": " + r.error);
         }
         bool more = visit(r, frame);
         more = walker.advance(&skipped) && more;
-        progress.update(t.frames, walker.offset());
         if (!more) break;
     }
-    progress.clear();
-    int rc = 0;
-    if (walker.error() != 0) {
-        kxt::errorf("cannot read '%s': %s", o.input.c_str(), strerror(walker.error()));
-        rc = 2;
-    }
-    if (f != stdin) fclose(f);
-    return rc;
+    t.read_error = walker.error();
 }
 
-int walk_frames(const Options &o) {
-    WalkTotals t;
-    int rc = walk(o, [&](const FrameReport &r, const uint8_t *) { print_frame(o, r); return true; }, &t);
-    if (rc != 0 && t.frames == 0) return rc;
-    if (t.frames == 0) {
-        kxt::errorf("'%s' is empty: no frames to read", o.input.c_str());
-        return 1;
+const char *encryption_name(Encryption e) {
+    switch (e) {
+    case Encryption::kPlain: return "plain";
+    case Encryption::kEnhanced: return "enhanced";
+    default: return "none";
     }
-    print_summary(o, t.frames, t.broken, t.with_user_data, t.codec);
-    if (rc != 0) return rc;
-    return t.broken > 0 ? 1 : 0;
 }
 
-}  // namespace kxd
+const char *decrypt_name(Decrypt d) {
+    switch (d) {
+    case Decrypt::kDone: return "ok";
+    case Decrypt::kNoKey: return "no key";
+    case Decrypt::kFailed: return "failed";
+    default: return "";
+    }
+}
+
+const char *skip_text(Skip s) {
+    switch (s) {
+    case Skip::kNoHeader: return "no valid frame header";
+    case Skip::kNoKey: return "encrypted; give --key to decrypt";
+    case Skip::kNotDecrypted: return "not decrypted";
+    default: return "";
+    }
+}
+
+}  // namespace kxc
