@@ -31,7 +31,8 @@
 //
 // Environment: CHAOS_SECONDS (600), CHAOS_LINKS (1000), CHAOS_SENDERS (8), CHAOS_SEND_PAUSE_US
 // (1000, per sender between two sends), CHAOS_ROUND_SECONDS (60), CHAOS_MEAN_LIFE_MS (6000, mean
-// time between two peer actions on a connection), CHAOS_SEED, CHAOS_TIMERS (0 leaves timers out). One RESULT line; exit code 1 when a
+// time between two peer actions on a connection), CHAOS_SEED, CHAOS_TIMERS (0 leaves timers out),
+// CHAOS_REATTACH (0 leaves reattaches and old clients out). One RESULT line; exit code 1 when a
 // check failed.
 #include <arpa/inet.h>
 #include <dirent.h>
@@ -731,6 +732,8 @@ void sender(int id, int pause_us) {
 void application(int pause_us) {
     Rng rng((uint64_t)env_int("CHAOS_SEED", 1) * 31 + 5);
     uint64_t last_scan = 0;
+    // CHAOS_REATTACH=0 leaves reattaches and old clients out (to look at the other paths alone).
+    const bool reattach = getenv("CHAOS_REATTACH") == nullptr || atoi(getenv("CHAOS_REATTACH")) != 0;
     while (!g_done.load()) {
         park_if_paused();
         const uint64_t t = now_ms();
@@ -748,7 +751,8 @@ void application(int pause_us) {
             }
         }
         Slot *s = &g_slots[rng.below((uint32_t)g_links)];
-        const uint32_t r = rng.below(100);
+        uint32_t r = rng.below(100);
+        if (!reattach && r >= 25 && r < 75) r = rng.below(25);  // closes instead
         if (r < 25) {  // the application closes a link's connection while others send
             pthread_rwlock_rdlock(&s->rw);
             _NetTcpClient *c = s->client.load();
@@ -1158,9 +1162,14 @@ int main() {
             uint64_t lost = checkpoint(senders + 1, false);
             rounds++;
             printf("  checkpoint %d at %.0fs: %llu packets missing; so far %llu packets checked on %llu epochs that "
-                   "stayed up\n",
+                   "stayed up; peers: %llu packets, %llu foreign bytes, %llu spliced, %llu noise bytes, %llu out of "
+                   "order; links: %llu foreign, %llu spliced, %llu gaps\n",
                    rounds, (double)(now_ms() - t0) / 1000.0, (unsigned long long)lost,
-                   (unsigned long long)g_fig.checked_packets.load(), (unsigned long long)g_fig.checked_epochs.load());
+                   (unsigned long long)g_fig.checked_packets.load(), (unsigned long long)g_fig.checked_epochs.load(),
+                   (unsigned long long)ld(&g_sh->rx_packets), (unsigned long long)ld(&g_sh->foreign_bytes),
+                   (unsigned long long)ld(&g_sh->spliced), (unsigned long long)ld(&g_sh->noise_bytes),
+                   (unsigned long long)ld(&g_sh->seq_disorder), (unsigned long long)g_fig.link_rx_foreign.load(),
+                   (unsigned long long)g_fig.link_rx_spliced.load(), (unsigned long long)g_fig.link_rx_gaps.load());
             next_round = now_ms() + (uint64_t)round_s * 1000u;
         }
     }
