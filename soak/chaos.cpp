@@ -30,7 +30,7 @@
 // event and timer threads stay by design), and the child sees every connection closed.
 //
 // Environment: CHAOS_SECONDS (600), CHAOS_LINKS (1000), CHAOS_SENDERS (8), CHAOS_SEND_PAUSE_US
-// (1000, per sender between two sends), CHAOS_ROUND_SECONDS (60), CHAOS_MEAN_LIFE_MS (6000, mean
+// (1000, per sender between two sends), CHAOS_ROUND_SECONDS (30), CHAOS_MEAN_LIFE_MS (6000, mean
 // time between two peer actions on a connection), CHAOS_SEED, CHAOS_TIMERS (0 leaves timers out),
 // CHAOS_REATTACH (0 leaves reattaches and old clients out). One RESULT line; exit code 1 when a
 // check failed.
@@ -1052,7 +1052,7 @@ int main() {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     const int seconds = env_int("CHAOS_SECONDS", 600), links = env_int("CHAOS_LINKS", 1000);
     const int senders = env_int("CHAOS_SENDERS", 8), send_pause = env_int("CHAOS_SEND_PAUSE_US", 1000);
-    const int round_s = env_int("CHAOS_ROUND_SECONDS", 60);
+    const int round_s = env_int("CHAOS_ROUND_SECONDS", 30);
     if (links > kMaxLinks - 1) {
         fprintf(stderr, "CHAOS_LINKS above %d\n", kMaxLinks - 1);
         return 2;
