@@ -34,8 +34,7 @@
 // (1000, per sender between two sends), CHAOS_ROUND_SECONDS (30), CHAOS_MEAN_LIFE_MS (6000, mean
 // time between two peer actions on a connection), CHAOS_SEED, CHAOS_TIMERS (0 leaves timers out),
 // CHAOS_REATTACH (0 leaves reattaches and old clients out), CHAOS_PEERS (thread: the peers on a thread
-// of this process). One RESULT line; exit code 1 when a
-// check failed.
+// of this process). One RESULT line; exit code 1 when a check failed.
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <errno.h>
