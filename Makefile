@@ -9,7 +9,7 @@ JOBS ?= 2
 FUZZ_SECONDS ?= 20
 BENCH_SECONDS ?= 0.2
 
-.PHONY: all deps build test test-asan test-tsan demo install python python-asan fuzz soak fleet test-valgrind bench docs clean
+.PHONY: all deps build test test-asan test-tsan demo install python python-asan fuzz soak fleet fleet-video test-valgrind bench docs clean
 .PHONY: chaos chaos-asan chaos-tsan
 
 all: build
@@ -119,6 +119,20 @@ fleet: build
 	  if [ -n "$$uv" ] && [ -n "$$a" ]; then printf 'libuv: '; $$uv $$a | grep '^RESULT'; fi; \
 	done; \
 	echo "fleet: $$(( $$(date +%s) - t0 ))s, korvex checks $$( [ $$rc -eq 0 ] && echo passed || echo FAILED )"; exit $$rc
+
+# Video-server shapes of the fleet (cameras, control, send; about six minutes): korvex beside the libuv
+# anchor of the same shapes (UVVIDEO_SRC, built here with libuv1-dev), interleaved, 3 rounds, medians
+# and ratios. Without the anchor's source korvex runs alone. Fails when a korvex packet check fails.
+UVVIDEO_SRC ?= ../shared/anchors/video/uvvideo.c
+FLEET_VIDEO_ROUNDS ?= 3
+FLEET_VIDEO_SECONDS ?= 10
+fleet: fleet-video
+fleet-video: build
+	@uv=""; if [ -f "$(UVVIDEO_SRC)" ]; then \
+	  gcc -O2 -std=gnu11 -pthread "$(UVVIDEO_SRC)" -luv -lm -o build/default/uvvideo && uv=build/default/uvvideo; \
+	else echo "libuv video anchor not run: $(UVVIDEO_SRC) not found (UVVIDEO_SRC=path)"; fi; \
+	python3 soak/fleet_video.py build/default/soak/korvex_fleet $$uv --rounds $(FLEET_VIDEO_ROUNDS) \
+	  --seconds $(FLEET_VIDEO_SECONDS)
 
 # Chaos soak (soak/chaos.cpp): 1000 links under churn of their peers, 8 sender threads, reattaches,
 # destroys and timers for CHAOS_SECONDS (600); every byte checked, descriptors, threads and heap back

@@ -13,6 +13,7 @@
 //              everything: every packet it receives is whole (sequence number and checksum in each
 //              body), 0 spliced, and the bytes received plus the bytes the log reports dropped are
 //              the bytes sent.
+// The video-server shapes (cameras, control, send) live in fleet_video.cpp: korvex_fleet SHAPE N [SECONDS].
 // Usage: korvex_fleet [scale|idle|fair|overflow]... (all four by default). One RESULT line per shape;
 // the exit code is 1 when a check of any shape failed.
 #include <errno.h>
@@ -43,6 +44,8 @@
 #include <vector>
 
 #include "korvex/korvex.h"
+
+#include "fleet_video.h"
 
 namespace {
 
@@ -765,6 +768,8 @@ const Shape kShapes[] = {{"scale", shape_scale}, {"idle", shape_idle}, {"fair", 
 int main(int argc, char **argv) {
     signal(SIGPIPE, SIG_IGN);
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    // The video-server shapes take arguments of their own: korvex_fleet cameras|control|send N [SECONDS].
+    if (argc > 1 && fleet_video_shape(argv[1])) return fleet_video_main(argc - 1, argv + 1);
     std::vector<const Shape *> run;
     for (int i = 1; i < argc; i++) {
         const Shape *s = nullptr;

@@ -236,6 +236,8 @@ KX_API int net_link_set_core(_NetLink *link, _NetTcpClient *client) {
         KX_LOG_ERR("net_tcp_client_bind_write faild");
         return -1;
     }
+    // A packet leaves when it is written: no wait for the acknowledgement of the one before it.
+    net_tcp_client_set_nodelay(client);
     // The write pump runs on demand: write events only while the send queue holds bytes.
     SendLock lock(link);
     net_tcp_client_want_write(client, !adt_dlist_empty(link->send_buf_ls));

@@ -52,6 +52,15 @@ struct LinkRun {
 // the rest could not be queued; a packet begun on the wire whose rest cannot be queued ends the
 // connection (net_tcp_client_break) rather than reaching the peer cut short.
 int link_send_parts(_NetLink *link, const LinkRun *parts, int n);
+// One packet: a run, or a head and its body.
+struct LinkPacket {
+    LinkRun parts[2];
+    int n;  // 1 or 2
+};
+// link_send_parts of packets[0, count) in turn, mtx_send held, in as few system calls as the socket
+// allows: the packets that go to the socket at once go together. *done is the count of packets
+// sent or queued whole; on -1 the packet at *done failed and nothing behind it was touched.
+int link_send_packets(_NetLink *link, const LinkPacket *packets, int count, int *done);
 // Copies data[sent, size) into a new block at the tail of the queue; mtx_send held. 0, or -1 when
 // the block cannot be had (logged); nothing to copy queues nothing.
 int net_link_put_in_send_ls(_NetLink *link, const char *data, int size, int sent);

@@ -45,6 +45,9 @@ inline void reset_side(NetClientSlot &s) {
     s.want_write = 0;
     s.read_left = -1;
     s.read_yielded = false;
+    s.nodelay = 0;
+    s.pumping = false;
+    s.head_cached = false;
 }
 inline void reset_side(_NetTcpServer &) {}
 inline void reset_side(_NetUdpClient &) {}
