@@ -12,6 +12,7 @@ FUZZ_SECONDS ?= 20
 BENCH_SECONDS ?= 0.2
 
 .PHONY: all deps build test test-asan test-tsan demo install python python-asan fuzz soak fleet fleet-video test-valgrind bench docs clean
+.PHONY: chaos chaos-asan chaos-tsan
 
 all: build
 
@@ -134,6 +135,27 @@ fleet-video: build
 	else echo "libuv video anchor not run: $(UVVIDEO_SRC) not found (UVVIDEO_SRC=path)"; fi; \
 	python3 soak/fleet_video.py build/default/soak/korvex_fleet $$uv --rounds $(FLEET_VIDEO_ROUNDS) \
 	  --seconds $(FLEET_VIDEO_SECONDS)
+
+# Chaos soak (soak/chaos.cpp): 1000 links under churn of their peers, 8 sender threads, reattaches,
+# destroys and timers for CHAOS_SECONDS (600); every byte checked, descriptors, threads and heap back
+# at the end. chaos-asan and chaos-tsan run it built with ASan + UBSan and with TSan, at the same
+# scale (CHAOS_LINKS in the environment lowers it). Fails when a check fails.
+CHAOS_SECONDS ?= 600
+chaos: deps
+	cmake --preset default
+	cmake --build --preset default -j $(JOBS) --target korvex_chaos
+	CHAOS_SECONDS=$(CHAOS_SECONDS) ./build/default/soak/korvex_chaos
+
+chaos-asan: deps
+	cmake --preset asan
+	cmake --build --preset asan -j $(JOBS) --target korvex_chaos
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  CHAOS_SECONDS=$(CHAOS_SECONDS) ./build/asan/soak/korvex_chaos
+
+chaos-tsan: deps
+	cmake --preset tsan
+	cmake --build --preset tsan -j $(JOBS) --target korvex_chaos
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 CHAOS_SECONDS=$(CHAOS_SECONDS) ./build/tsan/soak/korvex_chaos
 
 # Every benchmark beside its peer, then the table of ratios against the targets.
 bench: deps
