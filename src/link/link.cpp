@@ -220,6 +220,9 @@ KX_API int net_link_set_core(_NetLink *link, _NetTcpClient *client) {
         if (old != nullptr && old != client) link_drop_send_ls(link, false);
         link->client = client;
     }
+    // Likewise the head of a packet received on the earlier connection: the new connection's bytes
+    // start a stream of their own and never complete it.
+    if (old != nullptr && old != client) link->buf_len = 0;
     if (!net_tcp_client_set_udata(client, link)) {
         KX_LOG_ERR("net_tcp_client_set_udata faild");
         return -1;

@@ -86,6 +86,44 @@ TEST(LinkOwner, NewClientDetachesTheOldAndDestroyLeavesNoWayBack) {
     close(lfd);
 }
 
+std::string g_last_body;
+int keep_body(_NetLink *, void *, int, char *data, int len) {
+    g_last_body.assign(data + LINK_HEAD_SIZE, (size_t)(len - LINK_HEAD_SIZE));
+    return ++g_packets;
+}
+
+// A link given a new client while the old one is connected drops the half packet that came on the
+// old connection: the new peer's first packet arrives whole, not spliced behind it.
+TEST(LinkOwner, ReattachWhileConnectedSplicesNothing) {
+    ASSERT_EQ(sdk_os_startup(0, 1), 1);
+    uint16_t port = 0;
+    int lfd = listen_on("127.0.0.1", &port);
+    _NetLink *link = net_link_create();
+    net_link_bind_parase_protocol(link, keep_body);
+    _NetTcpClient *c1 = net_tcp_client_create(), *c2 = nullptr;
+    net_tcp_client_set_remote(c1, "127.0.0.1", port);
+    ASSERT_EQ(net_link_set_core(link, c1), 0);
+    int p1 = connect_client(&c1, lfd, port);
+    send_all(p1, command_packet("old connection").substr(0, 12));
+    ASSERT_TRUE(wait_for([&] {
+        sdk_main_lock();
+        int n = link->buf_len;
+        sdk_main_unlock();
+        return n == 12;
+    }));
+    ASSERT_EQ(net_link_set_core(link, c2 = net_tcp_client_create()), 0);
+    net_tcp_client_set_remote(c2, "127.0.0.1", port);
+    int p2 = connect_client(&c2, lfd, port);
+    send_all(p2, command_packet("fresh"));
+    ASSERT_TRUE(wait_for([&] { return g_packets == 1; }));
+    EXPECT_EQ(g_last_body, "fresh");
+    net_link_destroy(link);
+    net_tcp_client_destroy(c1);
+    close(p1);
+    close(p2);
+    close(lfd);
+}
+
 // Destroying a link inside its own parser is refused with a log line and the link goes on; from
 // its disconnect callback it is safe, and the client goes back to the pool.
 TEST(LinkOwner, DestroyFromTheLinksOwnCallbacks) {
