@@ -116,6 +116,7 @@ int link_send_parts(_NetLink *link, const LinkRun *parts, int n) {
         for (int i = 0; i < n; i++) {
             if (parts[i].size == 0) continue;
             int r = net_tcp_client_send(link->client, parts[i].data, (uint32_t)parts[i].size);
+            if (link->sup != nullptr) link_sup_sent(link->sup, r);
             if (r < 0) {
                 if (sent > 0) net_tcp_client_break(link->client);
                 return -1;
@@ -130,6 +131,7 @@ int link_send_parts(_NetLink *link, const LinkRun *parts, int n) {
             }
         }
     }
+    if (link->sup != nullptr) link_sup_packet_out(link->sup);
     return net_link_send_buffer_data(link);
 }
 
@@ -171,6 +173,7 @@ LinkDropCount link_drop_send_ls(_NetLink *link, bool keep_started) {
         adt_dlist_delete(link->send_buf_ls, from);
         from = next;
     }
+    if (link->sup != nullptr) link_sup_dropped(link->sup, dropped.packets);
     return dropped;
 }
 
@@ -184,6 +187,7 @@ int net_link_send_buffer_data(_NetLink *link) {
     while ((node = adt_dlist_head(link->send_buf_ls)) != nullptr) {
         SendBlock *b = block_at(node);
         ret = net_tcp_client_send(link->client, b->cursor, b->remain_len);
+        if (link->sup != nullptr) link_sup_sent(link->sup, ret);
         if (ret < 1) return ret;
         if ((uint32_t)ret < b->remain_len) {
             b->cursor += ret;

@@ -66,13 +66,16 @@ int on_post(KxWatcher *w, unsigned) {
 void *select_thread(void *) {
     KxPollEvent ev[kEventsPerPass];
     for (;;) {
+        kx_deadline_run();
         const uint64_t epoch = s_rt.watch_epoch.load();
-        int n = kx_poller_wait(s_rt.poller, ev, kEventsPerPass, kWaitMs);
+        int n = kx_poller_wait(s_rt.poller, ev, kEventsPerPass, kx_deadline_wait_ms(kWaitMs));
         if (n < 0) {
             if (errno != EINTR) KX_LOG_ERR("os_tcp_client_open :select errno=%d,", errno);
             continue;
         }
         if (n == 0) {
+            // A wait cut short for a deadline is no silent loop.
+            if (kx_deadline_wait_ms(kWaitMs) < kWaitMs) continue;
             sdk_log_msg(" select return 0 ");
             continue;
         }
@@ -147,6 +150,12 @@ int kx_watch_count(void) {
 }
 
 uint64_t kx_loop_passes(void) { return s_rt.passes.load(); }
+
+void kx_loop_wake(void) {
+    if (s_rt.post_pipe[1] < 0) return;
+    ssize_t r = write(s_rt.post_pipe[1], "w", 1);
+    (void)r;
+}
 
 int runtime_engine_start(void) {
     if (!runtime_main_lock_init()) {
