@@ -119,6 +119,13 @@ fleet: build
 	done; \
 	echo "fleet: $$(( $$(date +%s) - t0 ))s, korvex checks $$( [ $$rc -eq 0 ] && echo passed || echo FAILED )"; exit $$rc
 
+# Supervised-session shapes of the fleet (about a minute and a half; each runs in network namespaces
+# of its own, so it needs root): vanish, flap, idle-supervised. Fails when a check fails.
+.PHONY: fleet-supervise
+fleet: fleet-supervise
+fleet-supervise: build
+	@rc=0; for s in vanish flap idle-supervised; do ./build/default/soak/korvex_fleet $$s || rc=1; done; exit $$rc
+
 # Every benchmark beside its peer, then the table of ratios against the targets.
 bench: deps
 	cmake --preset bench

@@ -44,6 +44,8 @@
 
 #include "korvex/korvex.h"
 
+#include "fleet_supervise.h"
+
 namespace {
 
 // ---------------------------------------------------------------- helpers
@@ -765,6 +767,8 @@ const Shape kShapes[] = {{"scale", shape_scale}, {"idle", shape_idle}, {"fair", 
 int main(int argc, char **argv) {
     signal(SIGPIPE, SIG_IGN);
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    // The supervised-session shapes run one at a time: korvex_fleet vanish|flap|idle-supervised.
+    if (argc > 1 && fleet_supervise_shape(argv[1])) return fleet_supervise_main(argc - 1, argv + 1);
     std::vector<const Shape *> run;
     for (int i = 1; i < argc; i++) {
         const Shape *s = nullptr;
