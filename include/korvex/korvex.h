@@ -453,7 +453,8 @@ typedef struct _NetUdpClient {
 typedef struct _SdkTimer _SdkTimer;
 /** @ingroup timers
  *  A timer callback. Runs on the event thread with the main lock and the timer list lock held; it may
- *  create timers and destroy its own timer, but no other.
+ *  create timers and destroy any timer, its own included. A timer destroyed during a tick is not
+ *  called again, also later in the same tick.
  *  @param udata the value given to sdk_timer_create().
  *  @return not read. */
 typedef int (*SdkTimerCallback)(void *udata);
@@ -509,9 +510,11 @@ KX_API void sdk_os_sleep(uint32_t ms);
 KX_API _SdkTimer *sdk_timer_create(SdkTimerCallback callback, uint32_t period, void *udata);
 /** @ingroup timers
  *  Removes and frees a timer. From another thread it waits for a running timer walk to end, so the
- *  callback has finished and will not run again. A callback may destroy its own timer.
+ *  callback has finished and will not run again. A callback may destroy any timer; one destroyed
+ *  during the walk is freed when the walk ends.
  *  @param timer the timer.
- *  @return 1, or 0 for a null timer (logs "timer is null") or a refused removal. */
+ *  @return 1, or 0 for a null timer (logs "timer is null"), a timer destroyed already (logs
+ *          "sdk_timer_destroy: ... is no timer (destroyed already?)") or a refused removal. */
 KX_API int sdk_timer_destroy(_SdkTimer *timer);
 /** @ingroup startup
  *  Accepted for compatibility; no effect.
@@ -584,7 +587,9 @@ KX_API int net_tcp_client_get_status(_NetTcpClient *client);
  *  @param fd -1, or a connected descriptor (e.g. from net_tcp_server_accept()).
  *  @return 1 or 0 (e.g. "socket fail"). */
 KX_API int net_tcp_client_open(_NetTcpClient *client, int fd);
-/** One non-blocking send.
+/** One non-blocking send. It may race a close on another thread: it either ends before the close
+ *  or finds the client closed and gives -1, so its bytes never reach a socket that took the
+ *  descriptor number after the close.
  *  @param client the client.
  *  @param data the bytes.
  *  @param len their number.

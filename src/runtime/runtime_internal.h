@@ -103,7 +103,7 @@ struct _SdkTimer {
     uint32_t period;            // milliseconds
     void *udata;
     uint32_t elapsed;  // grows by 1000 per tick
-    _OS_DListNode *node;
+    bool dead;         // destroyed during a walk; freed when the walk ends (timer list lock)
 };
 
 // A function posted to run on the event thread; freed there after the call.
