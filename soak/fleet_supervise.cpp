@@ -178,12 +178,14 @@ struct LinkRec {
     std::atomic<int> down_reason{0};
 };
 std::atomic<int> g_up{0}, g_changes{0};
+std::atomic<long> g_reasons[8];  // downs by reason
 
 int on_state(_NetLink *, void *udata, int state, int reason) {
     LinkRec *r = static_cast<LinkRec *>(udata);
     int was = r->state.exchange(state);
     if (state == NET_LINK_UP && was != NET_LINK_UP) g_up++;
     if (state != NET_LINK_UP && was == NET_LINK_UP) g_up--;
+    if (state == NET_LINK_DOWN) g_reasons[reason & 7]++;
     if (state == NET_LINK_DOWN && r->down_at.load() == 0) {
         r->down_reason = reason;
         r->down_at = now_ms();
@@ -524,11 +526,15 @@ int shape_flap() {
               th_mid == th0 && rss_growth < 8192;
     printf("RESULT korvex flap %s | links %d (reconnect %d..%d ms), %.0f s | cycles %ld (%.0f/s, want %ld) | "
            "up again after a return: p50 <= %ld ms, p99 <= %ld ms, max %lld ms, %ld over %d ms | link "
-           "connects %u, disconnects %u, attempts %u | all up at the end %s | descriptors %d -> %d, threads "
+           "connects %u, disconnects %u (reset %ld, peer closed %ld, refused %ld, connect timed out %ld, other %ld), attempts %u | all up at the end %s | descriptors %d -> %d, threads "
            "%ld -> %ld -> %ld, RSS %ld -> %ld KB | process CPU %.1f s | device bind retries %ld | load %s\n",
            ok ? "PASS" : "FAIL", n, sup.reconnect_min_ms, sup.reconnect_max_ms, window_s, cycles,
            (double)cycles / window_s, want_cycles, p50, p99, (long long)sh->lag_max.load(), over, bound_ms,
-           connects, disconnects, attempts, all_back ? "yes" : "no", fd0, fd1, th0, th_mid, th1, rss_early,
+           connects, disconnects, g_reasons[NET_LINK_RESET].load(), g_reasons[NET_LINK_PEER_CLOSED].load(),
+           g_reasons[NET_LINK_REFUSED].load(), g_reasons[NET_LINK_UNREACHABLE].load(),
+           (long)disconnects - g_reasons[NET_LINK_RESET].load() - g_reasons[NET_LINK_PEER_CLOSED].load() -
+               g_reasons[NET_LINK_REFUSED].load() - g_reasons[NET_LINK_UNREACHABLE].load(),
+           attempts, all_back ? "yes" : "no", fd0, fd1, th0, th_mid, th1, rss_early,
            rss_late, cpu, sh->bind_fail.load(), loadavg().c_str());
     fflush(stdout);
     return ok ? 0 : 1;
