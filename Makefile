@@ -9,7 +9,7 @@ JOBS ?= 2
 FUZZ_SECONDS ?= 20
 BENCH_SECONDS ?= 0.2
 
-.PHONY: all deps build test test-asan test-tsan demo install python python-asan fuzz soak fleet test-valgrind bench docs clean
+.PHONY: all deps build test test-asan test-tsan demo install python python-asan fuzz soak fleet fleet-video test-valgrind bench docs clean
 
 all: build
 
@@ -125,6 +125,20 @@ fleet: build
 fleet: fleet-supervise
 fleet-supervise: build
 	@rc=0; for s in vanish flap idle-supervised; do ./build/default/soak/korvex_fleet $$s || rc=1; done; exit $$rc
+
+# Video-server shapes of the fleet (cameras, control, send; about six minutes): korvex beside the libuv
+# anchor of the same shapes (UVVIDEO_SRC, built here with libuv1-dev), interleaved, 3 rounds, medians
+# and ratios. Without the anchor's source korvex runs alone. Fails when a korvex packet check fails.
+UVVIDEO_SRC ?= ../shared/anchors/video/uvvideo.c
+FLEET_VIDEO_ROUNDS ?= 3
+FLEET_VIDEO_SECONDS ?= 10
+fleet: fleet-video
+fleet-video: build
+	@uv=""; if [ -f "$(UVVIDEO_SRC)" ]; then \
+	  gcc -O2 -std=gnu11 -pthread "$(UVVIDEO_SRC)" -luv -lm -o build/default/uvvideo && uv=build/default/uvvideo; \
+	else echo "libuv video anchor not run: $(UVVIDEO_SRC) not found (UVVIDEO_SRC=path)"; fi; \
+	python3 soak/fleet_video.py build/default/soak/korvex_fleet $$uv --rounds $(FLEET_VIDEO_ROUNDS) \
+	  --seconds $(FLEET_VIDEO_SECONDS)
 
 # Every benchmark beside its peer, then the table of ratios against the targets.
 bench: deps

@@ -153,7 +153,7 @@ def table(res):
         peer = res.ns("BM_RawSendData/%d/real_time" % arg)
         add("link `net_link_send_data`, 64 KiB messages", fmt_rate(nbytes, ours),
             "%s: %s" % (label, fmt_rate(nbytes, peer)), div(peer, ours),
-            "at least 50%" if target else "report (%)", 0.5 if target else None, at_most=False)
+            "at least 70%" if target else "report (%)", 0.7 if target else None, at_most=False)
     pap, peer = res.ns("BM_PapRunCmd"), res.ns("BM_StrtokSplit")
     add("`pap_run_cmd`, 3 keys and 2 parameters", fmt_ns(pap), "strtok split: %s" % fmt_ns(peer), div(pap, peer))
     peer = res.ns("BM_FprintfFlush")

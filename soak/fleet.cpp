@@ -45,6 +45,7 @@
 #include "korvex/korvex.h"
 
 #include "fleet_supervise.h"
+#include "fleet_video.h"
 
 namespace {
 
@@ -769,6 +770,8 @@ int main(int argc, char **argv) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     // The supervised-session shapes run one at a time: korvex_fleet vanish|flap|idle-supervised.
     if (argc > 1 && fleet_supervise_shape(argv[1])) return fleet_supervise_main(argc - 1, argv + 1);
+    // The video-server shapes take arguments of their own: korvex_fleet cameras|control|send N [SECONDS].
+    if (argc > 1 && fleet_video_shape(argv[1])) return fleet_video_main(argc - 1, argv + 1);
     std::vector<const Shape *> run;
     for (int i = 1; i < argc; i++) {
         const Shape *s = nullptr;

@@ -258,6 +258,8 @@ KX_API int net_link_set_core(_NetLink *link, _NetTcpClient *client) {
         return -1;
     }
     link_sup_attach(link, client, true);
+    // A packet leaves when it is written: no wait for the acknowledgement of the one before it.
+    net_tcp_client_set_nodelay(client);
     // The write pump runs on demand: write events only while the send queue holds bytes.
     SendLock lock(link);
     net_tcp_client_want_write(client, !adt_dlist_empty(link->send_buf_ls));

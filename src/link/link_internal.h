@@ -52,6 +52,15 @@ struct LinkRun {
 // the rest could not be queued; a packet begun on the wire whose rest cannot be queued ends the
 // connection (net_tcp_client_break) rather than reaching the peer cut short.
 int link_send_parts(_NetLink *link, const LinkRun *parts, int n);
+// One packet: a run, or a head and its body.
+struct LinkPacket {
+    LinkRun parts[2];
+    int n;  // 1 or 2
+};
+// link_send_parts of packets[0, count) in turn, mtx_send held, in as few system calls as the socket
+// allows: the packets that go to the socket at once go together. *done is the count of packets
+// sent or queued whole; on -1 the packet at *done failed and nothing behind it was touched.
+int link_send_packets(_NetLink *link, const LinkPacket *packets, int count, int *done);
 // Copies data[sent, size) into a new block at the tail of the queue; mtx_send held. 0, or -1 when
 // the block cannot be had (logged); nothing to copy queues nothing.
 int net_link_put_in_send_ls(_NetLink *link, const char *data, int size, int sent);
@@ -86,7 +95,7 @@ void link_sup_down(_NetLink *link, int reason);
 void link_sup_received(NetLinkSupervisor *sup, int bytes);
 void link_sup_packet_in(NetLinkSupervisor *sup);
 void link_sup_sent(NetLinkSupervisor *sup, int bytes);
-void link_sup_packet_out(NetLinkSupervisor *sup);
+void link_sup_packet_out(NetLinkSupervisor *sup, uint32_t packets);
 void link_sup_dropped(NetLinkSupervisor *sup, uint32_t packets);
 // Wait before a reopen after `failed` failed reopens in a row: uniform from min_ms to the ceiling
 // min(max_ms, min_ms * 2^failed), drawn from `random`; max_ms 0 keeps the wait at min_ms.

@@ -33,10 +33,15 @@ struct SendLock {
 };
 
 // The addresses a head carries, as inet_addr gives them: 0.0.0.0 with ip_ver 1, otherwise the
-// client's texts (a text that is no dotted quad gives all bits set).
+// client's texts (a text that is no dotted quad gives all bits set). The client keeps them worked
+// out while its texts stay the same, so they are parsed once per connection.
 void head_addresses(_NetLink *link, uint32_t *remote, uint32_t *local) {
     if (link->ip_ver == 1) {
         *remote = *local = inet_addr("0.0.0.0");
+        return;
+    }
+    if (link->client != nullptr) {  // mtx_send held: it guards the client's copy
+        net_tcp_client_head_addrs(link->client, remote, local);
         return;
     }
     char rip[16] = "", lip[16] = "";
@@ -86,53 +91,103 @@ int queue_parts(_NetLink *link, const LinkRun *parts, int n, uint32_t skip) {
     return 0;
 }
 
+// A queue at its limit: a peer that reads nothing costs at most this many blocks. A packet already
+// begun on the wire is kept to its end, so the peer never reads two packets spliced into one; every
+// whole packet behind it goes. mtx_send held.
+void overflow_check(_NetLink *link) {
+    uint32_t blocks = adt_dlist_size(link->send_buf_ls);
+    if (blocks < (uint32_t)(g_iMaxPackageBufNum > 0 ? g_iMaxPackageBufNum : 1)) return;
+    LinkDropCount dropped = link_drop_send_ls(link, true);
+    char ip[16] = "";
+    uint16_t port = 0;
+    net_link_get_remote(link, ip, &port);
+    ip[15] = '\0';
+    KX_LOG_ERR("net_link_send_package buffer overflow %d, this 0x%08x, ip = %s, port = %d, dropped %u packets "
+               "%llu bytes",
+               (int)blocks, (unsigned)(uintptr_t)link, ip, port, dropped.packets, (unsigned long long)dropped.bytes);
+}
+
+inline uint32_t packet_size(const LinkPacket &p) {
+    uint32_t n = 0;
+    for (int i = 0; i < p.n; i++) n += (uint32_t)p.parts[i].size;
+    return n;
+}
+
+// Bytes one flush hands to a single system call beyond its first block: the socket takes no more at
+// once, and the count stays far from the limit of an int.
+constexpr uint32_t kFlushBytes = 4u << 20;
+
 }  // namespace
 
-// One packet onto the stream, mtx_send held: its parts (a head and a body, or one run of bytes)
-// follow each other with nothing between them, since every sender of the link goes through here
-// under the same lock. While nothing waits they go to the socket at once; what the socket refuses
-// is copied into one block behind the queue. A packet whose first bytes left but whose rest cannot
-// be kept (no memory) would reach the peer spliced with the next one: the connection is ended
-// instead, and the peer finds its next head on a new connection.
-int link_send_parts(_NetLink *link, const LinkRun *parts, int n) {
-    uint32_t blocks = adt_dlist_size(link->send_buf_ls);
-    if (blocks >= (uint32_t)(g_iMaxPackageBufNum > 0 ? g_iMaxPackageBufNum : 1)) {
-        // A peer that reads nothing costs at most this many blocks. A packet already begun on the
-        // wire is kept to its end, so the peer never reads two packets spliced into one; every whole
-        // packet behind it goes.
-        LinkDropCount dropped = link_drop_send_ls(link, true);
-        char ip[16] = "";
-        uint16_t port = 0;
-        net_link_get_remote(link, ip, &port);
-        ip[15] = '\0';
-        KX_LOG_ERR("net_link_send_package buffer overflow %d, this 0x%08x, ip = %s, port = %d, dropped %u packets "
-                   "%llu bytes",
-                   (int)blocks, (unsigned)(uintptr_t)link, ip, port, dropped.packets, (unsigned long long)dropped.bytes);
-    }
-    if (!adt_dlist_empty(link->send_buf_ls)) {
-        if (queue_parts(link, parts, n, 0) < 0) return -1;
-    } else {
-        uint32_t sent = 0;  // bytes of this packet on the wire
-        for (int i = 0; i < n; i++) {
-            if (parts[i].size == 0) continue;
-            int r = net_tcp_client_send(link->client, parts[i].data, (uint32_t)parts[i].size);
-            if (link->sup != nullptr) link_sup_sent(link->sup, r);
-            if (r < 0) {
-                if (sent > 0) net_tcp_client_break(link->client);
+// Packets onto the stream, mtx_send held. Each packet meets the overflow rule before it, is queued
+// behind blocks that wait, and otherwise goes to the socket at once; the packets that go at once go
+// together, heads and bodies, in one system call. What the socket refuses is copied into one block
+// per packet (the rest of a packet it took in part is marked as such). A packet whose first bytes
+// left but whose rest cannot be kept (no memory) would reach the peer spliced with the next one: the
+// connection is ended instead, and the peer finds its next head on a new connection.
+static int send_packets(_NetLink *link, const LinkPacket *packets, int count, int *done) {
+    struct iovec iov[KX_SEND_IOV_MAX];
+    bool refused = false;  // the socket refused bytes in this call: the write event flushes
+    int i = 0;
+    while (i < count) {
+        overflow_check(link);
+        if (!adt_dlist_empty(link->send_buf_ls)) {
+            if (queue_parts(link, packets[i].parts, packets[i].n, 0) < 0) {
+                *done = i;
                 return -1;
             }
-            sent += (uint32_t)r;
-            if (r < parts[i].size) {
-                if (queue_parts(link, parts, n, sent) == 0) break;
-                if (sent > 0 && net_tcp_client_break(link->client))
+            i++;
+            continue;
+        }
+        // Nothing waits: this packet and the ones behind it go in one call.
+        int end = i, cnt = 0;
+        for (; end < count && cnt + packets[end].n <= KX_SEND_IOV_MAX; end++)
+            for (int k = 0; k < packets[end].n; k++)
+                if (packets[end].parts[k].size > 0) {
+                    iov[cnt].iov_base = const_cast<char *>(packets[end].parts[k].data);
+                    iov[cnt].iov_len = (size_t)packets[end].parts[k].size;
+                    cnt++;
+                }
+        int r = cnt > 0 ? net_tcp_client_sendv(link->client, iov, cnt) : 0;
+        if (link->sup != nullptr) link_sup_sent(link->sup, r);
+        if (r < 0) {
+            *done = i;  // nothing of this call went out: every packet before it went whole
+            return -1;
+        }
+        uint32_t left = (uint32_t)r;
+        int k = i;
+        while (k < end && left >= packet_size(packets[k])) left -= packet_size(packets[k++]);
+        if (k < end && cnt > 0) {
+            // Packet k went in part (or not at all): its rest waits, and so will those behind it.
+            if (queue_parts(link, packets[k].parts, packets[k].n, left) < 0) {
+                if (left > 0 && net_tcp_client_break(link->client))
                     KX_LOG_ERR("net_link_send_package: packet cut short, connection ended, this 0x%08x",
                                (unsigned)(uintptr_t)link);
+                *done = k;
                 return -1;
             }
+            refused = true;
+            k++;
         }
+        i = k < end ? k : end;
     }
-    if (link->sup != nullptr) link_sup_packet_out(link->sup);
-    return net_link_send_buffer_data(link);
+    *done = count;
+    return refused ? 0 : net_link_send_buffer_data(link);
+}
+
+// Counts the packets that went out or wait in the queue.
+int link_send_packets(_NetLink *link, const LinkPacket *packets, int count, int *done) {
+    int r = send_packets(link, packets, count, done);
+    if (link->sup != nullptr && *done > 0) link_sup_packet_out(link->sup, (uint32_t)*done);
+    return r;
+}
+
+int link_send_parts(_NetLink *link, const LinkRun *parts, int n) {
+    LinkPacket p = {};
+    for (int i = 0; i < n && i < 2; i++) p.parts[i] = parts[i];
+    p.n = n < 2 ? n : 2;
+    int done = 0;
+    return link_send_packets(link, &p, 1, &done);
 }
 
 int net_link_put_in_send_ls(_NetLink *link, const char *data, int size, int sent) {
@@ -182,20 +237,38 @@ int net_link_send_buffer_data(_NetLink *link) {
         KX_LOG_ERR("NULL == link");
         return -1;
     }
+    // The waiting blocks, as many as one call takes, go to the socket in one system call.
+    struct iovec iov[KX_SEND_IOV_MAX];
     int ret = 0;
-    _OS_DListNode *node;
-    while ((node = adt_dlist_head(link->send_buf_ls)) != nullptr) {
-        SendBlock *b = block_at(node);
-        ret = net_tcp_client_send(link->client, b->cursor, b->remain_len);
+    while (!adt_dlist_empty(link->send_buf_ls)) {
+        int cnt = 0;
+        uint32_t total = 0;
+        for (_OS_DListNode *node = adt_dlist_head(link->send_buf_ls); node != nullptr && cnt < KX_SEND_IOV_MAX;
+             node = adt_dlist_next(node)) {
+            SendBlock *b = block_at(node);
+            if (cnt > 0 && total + b->remain_len > kFlushBytes) break;
+            iov[cnt].iov_base = b->cursor;
+            iov[cnt].iov_len = b->remain_len;
+            total += b->remain_len;
+            cnt++;
+        }
+        ret = net_tcp_client_sendv(link->client, iov, cnt);
         if (link->sup != nullptr) link_sup_sent(link->sup, ret);
         if (ret < 1) return ret;
-        if ((uint32_t)ret < b->remain_len) {
-            b->cursor += ret;
-            b->remain_len -= (uint32_t)ret;
-            return ret;
+        uint32_t left = (uint32_t)ret;
+        _OS_DListNode *node;
+        while (left > 0 && (node = adt_dlist_head(link->send_buf_ls)) != nullptr) {
+            SendBlock *b = block_at(node);
+            if (left < b->remain_len) {
+                b->cursor += left;
+                b->remain_len -= left;
+                break;
+            }
+            left -= b->remain_len;
+            free(b);
+            adt_dlist_delete(link->send_buf_ls, node);
         }
-        free(b);
-        adt_dlist_delete(link->send_buf_ls, node);
+        if ((uint32_t)ret < total) return ret;  // the socket is full: the rest waits for a write event
     }
     net_tcp_client_want_write(link->client, 0);  // the queue is empty: no write events needed
     return ret;
@@ -292,20 +365,36 @@ KX_API int net_link_send_data(_NetLink *link, const char *data, int size) {
         KX_LOG_ERR("param NULL");
         return -1;
     }
-    // The chunks of one call follow each other on the wire, as one message.
+    // The chunks of one call follow each other on the wire, as one message: their numbers are taken
+    // under one hold of the send lock, and the chunks leave in batches, each batch with its heads in
+    // one system call.
     SendLock lock(link);
+    enum { kBatch = KX_SEND_IOV_MAX / 2 };
+    uint8_t heads[kBatch][LINK_HEAD_SIZE];
+    LinkPacket packets[kBatch];
+    uint32_t remote, local;
+    head_addresses(link, &remote, &local);
     int ret = -1;
     int off = 0;
-    for (; size - off >= LINK_MAX_BODY; off += LINK_MAX_BODY) {
-        ret = net_link_package_send_data(link, data + off, LINK_MAX_BODY);
+    while (size - off > 0) {
+        const uint32_t first = link->seq;
+        int n = 0;
+        for (; n < kBatch && size - off > 0; n++) {
+            const int len = size - off < LINK_MAX_BODY ? size - off : LINK_MAX_BODY;
+            link_write_data_head(heads[n], link->seq++, len, local);
+            packets[n].parts[0] = {reinterpret_cast<const char *>(heads[n]), LINK_HEAD_SIZE};
+            packets[n].parts[1] = {data + off, len};
+            packets[n].n = 2;
+            off += len;
+        }
+        int done = 0;
+        ret = link_send_packets(link, packets, n, &done);
         if (ret < 0) {
+            link->seq = first + (uint32_t)done + 1;  // the chunk that failed took its number, no later one
+            KX_LOG_ERR("net_link_send_package failed");
             KX_LOG_ERR("net_link_package_send_data failed");
             return ret;
         }
-    }
-    if (size - off > 0) {
-        ret = net_link_package_send_data(link, data + off, size - off);
-        if (ret < 0) KX_LOG_ERR("net_link_package_send_data failed");
     }
     return ret;
 }

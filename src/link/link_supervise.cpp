@@ -214,7 +214,9 @@ void link_sup_packet_in(NetLinkSupervisor *sup) { sup->packets_in.fetch_add(1, s
 void link_sup_sent(NetLinkSupervisor *sup, int bytes) {
     if (bytes > 0) sup->bytes_out.fetch_add((uint64_t)bytes, std::memory_order_relaxed);
 }
-void link_sup_packet_out(NetLinkSupervisor *sup) { sup->packets_out.fetch_add(1, std::memory_order_relaxed); }
+void link_sup_packet_out(NetLinkSupervisor *sup, uint32_t packets) {
+    sup->packets_out.fetch_add(packets, std::memory_order_relaxed);
+}
 void link_sup_dropped(NetLinkSupervisor *sup, uint32_t packets) {
     if (packets > 0) sup->packets_dropped.fetch_add(packets, std::memory_order_relaxed);
 }

@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <atomic>
 
@@ -14,6 +15,7 @@
 enum {
     KX_CLIENT_POOL_MIN = 200,  // the client pool has max(clientnum, this) slots
     KX_READ_SLICE = 65536,     // bytes one read event takes from a client before it yields
+    KX_SEND_IOV_MAX = 128,     // runs one net_tcp_client_sendv takes (well below any system's IOV_MAX)
 };
 
 // A slot of the client pool: the public record first, so that a _NetTcpClient pointer is a pointer
@@ -47,6 +49,18 @@ struct NetClientSlot {
     // lock held, with KX_CLIENT_CONNECTING once a new socket has begun to connect and with
     // KX_CLIENT_UP once it is connected, before on_connect. Main lock.
     void (*hook)(_NetTcpClient *client, int event);
+    // Link sockets: TCP_NODELAY set at every open, so that a packet leaves when it is written and never
+    // waits for the acknowledgement of the one before it. Written by the link, read by open.
+    std::atomic<int> nodelay;
+    // Counted among the event thread's always-on write pumps (a connected bare client with on_write
+    // bound, whose descriptor is writable nearly always). watch_mtx.
+    bool pumping;
+    // The address values that link heads carry (inet_addr of remote_ip and local_ip) and the texts
+    // they were worked out from: worked out again only when a text changes, so once per connection.
+    // Guarded by the send lock of the link that owns the client.
+    char head_texts[32];
+    uint32_t head_remote, head_local;
+    bool head_cached;
 };
 enum { KX_CLIENT_CONNECTING = 1, KX_CLIENT_UP = 2 };
 
@@ -87,6 +101,16 @@ _NetUdpClient *pool_udp_at(uint32_t i);
 // one, which finds nothing to send). Any thread, without the main lock (a link calls it with its
 // mtx_send held); cheap when nothing changes.
 void net_tcp_client_want_write(_NetTcpClient *client, int want);
+// net_tcp_client_send of the runs iov[0, n) as one stream of bytes, in one system call: the count
+// taken (which may end inside any run), 0 for would-block or a client still connecting, -1 on
+// failure or for a client that is not connected. n is at most KX_SEND_IOV_MAX.
+int net_tcp_client_sendv(_NetTcpClient *client, const struct iovec *iov, int n);
+// Sets TCP_NODELAY on the client's socket now (if it has one) and at every later open. Any thread.
+void net_tcp_client_set_nodelay(_NetTcpClient *client);
+// The inet_addr values of remote_ip and local_ip (all bits set for a text that is no dotted quad),
+// worked out again only when a text has changed since the last call. The caller serialises the calls
+// for one client (a link holds its send lock).
+void net_tcp_client_head_addrs(_NetTcpClient *client, uint32_t *remote, uint32_t *local);
 // Ends the client's connection from any thread, without the main lock (a link calls it with its
 // mtx_send held): shuts the socket down under io_mtx, so nothing more goes out on it; the event
 // thread then sees the end and closes the client as for a peer that closed. For a stream that can

@@ -47,6 +47,9 @@ inline void reset_side(NetClientSlot &s) {
     s.read_yielded = false;
     s.end_reason = 0;
     s.hook = nullptr;
+    s.nodelay = 0;
+    s.pumping = false;
+    s.head_cached = false;
 }
 inline void reset_side(_NetTcpServer &) {}
 inline void reset_side(_NetUdpClient &) {}

@@ -73,10 +73,28 @@ unsigned wanted_interest(NetClientSlot *s) {
     return wr ? (unsigned)(KX_WATCH_READ | KX_WATCH_WRITE) : (unsigned)KX_WATCH_READ;
 }
 
+// Keeps the event thread's count of always-on write pumps: a watched, connected bare client with
+// on_write bound is one. watch_mtx held.
+void refresh_pump(NetClientSlot *s) {
+    bool p = s->watch.active.load() && !s->on_demand.load() && s->client.on_write != nullptr &&
+             client_status(&s->client) == 2;
+    if (p == s->pumping) return;
+    s->pumping = p;
+    kx_loop_pumps_add(p ? 1 : -1);
+}
+
 void update_interest(NetClientSlot *s) {
     if (s == nullptr) return;
     WatchLock lock(s);
     if (s->watch.active.load()) kx_watch_set_interest(&s->watch, wanted_interest(s));
+    refresh_pump(s);
+}
+
+// Per-connection settings of a new socket or an adopted one: TCP_NODELAY where the owner asked for it.
+void connection_setup(NetClientSlot *s, int fd) {
+    if (s == nullptr || !s->nodelay.load()) return;
+    int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
 }
 
 int on_client_event(KxWatcher *w, unsigned events);
@@ -93,6 +111,7 @@ void close_connection(_NetTcpClient *client) {
     if (fd != -1 && s != nullptr) {
         WatchLock lock(s);
         kx_watch_stop(&s->watch);
+        refresh_pump(s);
     }
     int was;
     {
@@ -155,6 +174,7 @@ int open_adopted(_NetTcpClient *client, int fd) {
         addr_text(v4, &ss, client->local_ip, &client->local_port);
     else
         sdk_log_msg("getsockname fail");
+    connection_setup(client_slot(client), fd);
     return 1;
 }
 
@@ -174,6 +194,7 @@ int open_new(_NetTcpClient *client) {
     // Where the system has the socket option it guards both families; elsewhere every send carries
     // the no-signal flag (net_tcp_client_send).
     kx_platform_nosigpipe(fd);
+    connection_setup(s, fd);
     sockaddr_storage ss;
     if (client->local_port != 0 || client->local_ip[0] != '\0') {
         socklen_t len = client_addr(v4, client->local_ip, client->local_port, &ss);
@@ -195,6 +216,7 @@ int open_new(_NetTcpClient *client) {
     if (s != nullptr) {
         WatchLock lock(s);
         entered = kx_watch_start(&s->watch, fd, wanted_interest(s), on_client_event, s) != 0;
+        refresh_pump(s);
     }
     if (!entered) sdk_log_msg("select_add_clientfd(client,client->connectfd) repeat");
     if (s != nullptr && s->hook != nullptr) s->hook(client, KX_CLIENT_CONNECTING);
@@ -211,8 +233,10 @@ int open_new(_NetTcpClient *client) {
 
 // One recv within the share of the current read event: a read event takes at most KX_READ_SLICE
 // bytes, so one busy peer cannot hold the event thread; data left behind brings the client back in
-// the next pass. Outside a read event there is no share. The byte
-// count, 0 for would-block or a used share, -1 for a closed or failed stream.
+// the next pass. A read that got less than it asked for emptied the socket's receive queue, so the
+// event ends there instead of asking again only to meet EAGAIN: bytes that arrive later make the
+// descriptor readable for the next wait. Outside a read event there is no share. The byte count, 0
+// for would-block or a used share, -1 for a closed or failed stream.
 int share_recv(NetClientSlot *s, int fd, char *buf, uint32_t len) {
     int32_t left = s != nullptr ? s->read_left.load(std::memory_order_relaxed) : -1;
     if (left == 0) return 0;
@@ -223,6 +247,7 @@ int share_recv(NetClientSlot *s, int fd, char *buf, uint32_t len) {
         if (left > 0) {
             left -= (int32_t)n;
             if (left == 0) s->read_yielded = true;
+            else if ((size_t)n < want) left = 0;  // drained: no yield, nothing left to read now
             s->read_left.store(left, std::memory_order_relaxed);
         }
         return (int)n;
@@ -283,8 +308,9 @@ bool finish_connect(NetClientSlot *s, int fd, unsigned events) {
 }
 
 // Serves one client for the events of one pass, on the event thread with the main lock held: the
-// connect, then write, then read, then the socket error probe. 1 when the read share was used up
-// with data left.
+// connect, then write, then read, then the socket error probe. The probe runs on an error event only:
+// a pending socket error is what makes the descriptor report one, so a connected client pays no
+// getsockopt per event. 1 when the read share was used up with data left.
 int on_client_event(KxWatcher *w, unsigned events) {
     KX_ASSERT_MAIN_LOCK();
     NetClientSlot *s = static_cast<NetClientSlot *>(w->context);
@@ -319,7 +345,7 @@ int on_client_event(KxWatcher *w, unsigned events) {
             return 0;
         }
     }
-    if (same()) probe(client);
+    if ((events & KX_WATCH_ERROR) && same()) probe(client);
     return yielded;
 }
 
@@ -338,6 +364,35 @@ void net_tcp_client_want_write(_NetTcpClient *client, int want) {
     // write event that finds nothing to send (or here, on the first call): a queue that fills and
     // empties in quick turns costs no change of interest each time.
     if (s->watch.active.load() && (want || first)) kx_watch_set_interest(&s->watch, wanted_interest(s));
+    if (first) refresh_pump(s);
+}
+
+void net_tcp_client_set_nodelay(_NetTcpClient *client) {
+    NetClientSlot *s = client_slot(client);
+    if (s == nullptr) return;
+    s->nodelay = 1;
+    int fd = client_fd(client), one = 1;
+    if (fd != -1) setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+}
+
+void net_tcp_client_head_addrs(_NetTcpClient *client, uint32_t *remote, uint32_t *local) {
+    char texts[2 * kIpRoom];
+    memcpy(texts, client->remote_ip, kIpRoom);
+    memcpy(texts + kIpRoom, client->local_ip, kIpRoom);
+    texts[kIpRoom - 1] = texts[2 * kIpRoom - 1] = '\0';
+    NetClientSlot *s = client_slot(client);
+    if (s != nullptr && s->head_cached && memcmp(s->head_texts, texts, sizeof(texts)) == 0) {
+        *remote = s->head_remote;
+        *local = s->head_local;
+        return;
+    }
+    *remote = inet_addr(texts);
+    *local = inet_addr(texts + kIpRoom);
+    if (s == nullptr) return;
+    memcpy(s->head_texts, texts, sizeof(texts));
+    s->head_remote = *remote;
+    s->head_local = *local;
+    s->head_cached = true;
 }
 
 int net_tcp_client_break(_NetTcpClient *client) {
@@ -546,6 +601,28 @@ KX_API int net_tcp_client_send(_NetTcpClient *client, const char *data, uint32_t
     if (n >= 0) return (int)n;
     return would_block(errno) ? 0 : -1;
 }
+
+}  // extern "C"
+
+int net_tcp_client_sendv(_NetTcpClient *client, const struct iovec *iov, int n) {
+    if (client == nullptr) {
+        sdk_log_msg("client is null");
+        return -1;
+    }
+    if (iov == nullptr || n < 0 || n > KX_SEND_IOV_MAX) return -1;
+    IoLock io(client_slot(client));
+    int status = client_status(client);
+    if (status == 1) return 0;
+    if (status != 2) return -1;
+    msghdr msg = {};
+    msg.msg_iov = const_cast<struct iovec *>(iov);
+    msg.msg_iovlen = (decltype(msg.msg_iovlen))n;
+    ssize_t r = sendmsg(client_fd(client), &msg, kx_platform_send_flags());
+    if (r >= 0) return (int)r;
+    return would_block(errno) ? 0 : -1;
+}
+
+extern "C" {
 
 KX_API int net_tcp_client_read(_NetTcpClient *client, char *buf, uint32_t len) {
     if (client == nullptr) {

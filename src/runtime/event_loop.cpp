@@ -94,8 +94,10 @@ int on_post(KxWatcher *w, unsigned) {
 
 // One pass: wait until a watched descriptor is ready (the tick comes once a second), then serve
 // what the wait reported, one watcher at a time under the main lock. The cost of a pass follows the
-// ready descriptors, not the registered ones. A pass that served something ends with a rest of 1 ms,
-// unless a reader yielded with data left: its next share is read at once, after the others'.
+// ready descriptors, not the registered ones. Write interest follows demand, so a descriptor that is
+// only writable wakes nobody and the next wait follows at once. Only while an always-on write pump is
+// registered does a pass end with a rest of 1 ms (unless a reader yielded with data left: its next
+// share is read at once, after the others'): such a descriptor is ready in every wait.
 void *select_thread(void *) {
     KxPollEvent ev[kEventsPerPass];
     for (;;) {
@@ -123,7 +125,7 @@ void *select_thread(void *) {
             sdk_main_unlock();
         }
         s_rt.passes.fetch_add(1);
-        if (!more) sdk_os_sleep(1);
+        if (!more && s_rt.pumps.load(std::memory_order_relaxed) > 0) sdk_os_sleep(1);
     }
     return nullptr;
 }
@@ -189,6 +191,10 @@ void kx_loop_wake(void) {
     ssize_t r = write(s_rt.post_pipe[1], "w", 1);
     (void)r;
 }
+
+void kx_loop_pumps_add(int delta) { s_rt.pumps.fetch_add(delta, std::memory_order_relaxed); }
+
+int kx_loop_pumps(void) { return s_rt.pumps.load(std::memory_order_relaxed); }
 
 int runtime_engine_start(void) {
     if (!runtime_main_lock_init()) {

@@ -46,6 +46,11 @@ int kx_watch_set_interest(KxWatcher *w, unsigned interest);
 int kx_watch_stop(KxWatcher *w);
 // Number of active watchers (the two pipes included).
 int kx_watch_count(void);
+// Always-on write pumps registered (bare clients whose on_write runs whenever the socket has room):
+// while there is one, a pass that served something ends with a rest of 1 ms, so that the loop does not
+// spin on a descriptor that is always writable. Any thread; the caller keeps its own count straight.
+void kx_loop_pumps_add(int delta);
+int kx_loop_pumps(void);
 // Passes the event thread has completed (a pass: one wait and the service of what it reported).
 uint64_t kx_loop_passes(void);
 

@@ -27,6 +27,7 @@ struct RuntimeState {
     std::atomic<uint64_t> watch_epoch;
     int watch_count;                  // main lock
     std::atomic<uint64_t> passes;     // written by the event thread only
+    std::atomic<int> pumps;           // always-on write pumps registered (kx_loop_pumps_add)
     // The tick pipe and the post pipe (read end, write end) and their watchers: set by the engine
     // start, then read-only; the watchers as KxWatcher says.
     int tick_pipe[2];

@@ -165,6 +165,10 @@ TEST_F(Link, HeadThatCannotBePassedFillsTheBufferAndCloses) {
     EXPECT_EQ(net_tcp_client_get_status(client), 0);
     EXPECT_TRUE(dev.packets().empty());
     EXPECT_EQ(net_link_send_command(link, "x", 1), -1);  // detached: the socket is gone
+    // A message that fails at its first chunk takes that chunk's number and no more.
+    const uint32_t seq = link->seq;
+    EXPECT_EQ(net_link_send_data(link, std::string(3000, 'm').data(), 3000), -1);
+    EXPECT_EQ(link->seq, seq + 1);
 }
 
 class LinkSlowPeer : public Link {
@@ -199,6 +203,44 @@ TEST_F(LinkSlowPeer, QueuesWhatTheSocketRefusesAndFlushesInOrder) {
         sdk_mutex_unlock(link->mtx_send);
         return empty;
     }));
+}
+
+// Messages cut into chunks leave their heads and bodies together, many packets to a system call, and
+// what the socket refuses (in the middle of any packet) waits and follows: byte for byte the stream
+// that one head and one body at a time would give.
+TEST_F(LinkSlowPeer, DataMessagesByteForByteThroughTheQueue) {
+    int small = 4096;
+    setsockopt(client->connectfd, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+    std::string want;
+    uint32_t seq = 0;
+    bool queued = false;
+    const int edge[] = {1440, 2880, 1441, 1};
+    for (int m = 0; m < 60; m++) {
+        // Whole chunks only, a short last chunk, one byte, more chunks than one system call takes.
+        const int size = m < 4 ? edge[m] : 1 + (m * 7919) % 120000;
+        std::string msg(size, '\0');
+        for (int i = 0; i < size; i++) msg[i] = (char)(m + i * 31);
+        if (m % 5 == 0) {
+            ASSERT_GE(net_link_send_command(link, "cmd", 3), 0);
+            want += "\xF1\xF5\xEA\xF5" + le(seq++, 2) + le(23, 2) + le(0x7F000001, 4) + le(0xFFFFFFFF, 4) + le(0, 2) +
+                    le(3, 2) + "cmd";
+        }
+        ASSERT_GE(net_link_send_data(link, msg.data(), size), 0);
+        for (int off = 0; off < size; off += LINK_MAX_BODY) {
+            const int len = std::min(size - off, (int)LINK_MAX_BODY);
+            uint8_t head[LINK_HEAD_SIZE];
+            link_write_data_head(head, seq++, len, INADDR_NONE);
+            want += std::string(reinterpret_cast<char *>(head), LINK_HEAD_SIZE) + msg.substr((size_t)off, (size_t)len);
+        }
+        sdk_mutex_lock(link->mtx_send);
+        queued = queued || adt_dlist_size(link->send_buf_ls) > 0;
+        sdk_mutex_unlock(link->mtx_send);
+    }
+    EXPECT_TRUE(queued);
+    EXPECT_EQ(link->seq, seq);
+    std::string got = read_n(peer, want.size(), 20000);
+    ASSERT_EQ(got.size(), want.size());
+    EXPECT_TRUE(got == want);
 }
 
 // Bodies that prove themselves whole: a sequence number, filler, and a checksum over both.

@@ -1,6 +1,7 @@
 // The event core as a fleet of devices meets it: descriptors above 1024, write interest only while
 // bytes wait, and reads that share the event thread fairly.
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 #include <sys/resource.h>
 
 #include <atomic>
@@ -125,6 +126,12 @@ TEST(EventCore, WriteInterestOnlyWhileBytesWait) {
     uint64_t passes = kx_loop_passes();
     usleep(500 * 1000);
     EXPECT_LE(kx_loop_passes() - passes, 3u);  // today's always-on pump made about 500
+    // A link is no always-on pump (its passes need no rest), and its packets leave without Nagle's wait.
+    EXPECT_EQ(0, kx_loop_pumps());
+    int nodelay = 0;
+    socklen_t len = sizeof(nodelay);
+    ASSERT_EQ(0, getsockopt(client->connectfd, IPPROTO_TCP, TCP_NODELAY, &nodelay, &len));
+    EXPECT_NE(0, nodelay);
 
     // The peer reads nothing until the socket refuses: the rest waits in the queue.
     std::string body(1440, 'q');
@@ -162,10 +169,16 @@ TEST(EventCore, BareClientKeepsItsWritePump) {
     int peer = accept_within(lfd);
     EXPECT_TRUE(wait_for([] { return g_writes.load() >= 20; }));
     EXPECT_EQ(unsigned(KX_WATCH_READ | KX_WATCH_WRITE), net_tcp_client_interest(c));
+    EXPECT_EQ(1, kx_loop_pumps());  // its passes end with the rest, so the loop does not spin
     sdk_main_lock();  // keeps the event thread out of on_write while it is unbound
     net_tcp_client_bind_write(c, nullptr, nullptr);  // unbound: no write events any more
     sdk_main_unlock();
     EXPECT_EQ(unsigned(KX_WATCH_READ), net_tcp_client_interest(c));
+    EXPECT_EQ(0, kx_loop_pumps());
+    net_tcp_client_bind_write(c, count_write, nullptr);
+    EXPECT_EQ(1, kx_loop_pumps());
+    net_tcp_client_close(c);  // the pump ends with its connection
+    EXPECT_EQ(0, kx_loop_pumps());
     net_tcp_client_destroy(c);
     close(peer);
     close(lfd);
