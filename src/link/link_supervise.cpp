@@ -176,8 +176,10 @@ int64_t link_backoff_ms(int min_ms, int max_ms, int failed, uint64_t random) {
 }
 
 NetLinkSupervisor *link_sup_create(_NetLink *link) {
-    NetLinkSupervisor *sup = new (std::nothrow) NetLinkSupervisor();
-    if (sup == nullptr) return nullptr;
+    // malloc and placement new: the library links no C++ runtime beyond the headers.
+    void *mem = calloc(1, sizeof(NetLinkSupervisor));
+    if (mem == nullptr) return nullptr;
+    NetLinkSupervisor *sup = new (mem) NetLinkSupervisor();
     sup->link = link;
     sup->state = NET_LINK_DOWN;
     sup->last_rx = -1;
@@ -196,7 +198,8 @@ void link_sup_destroy(NetLinkSupervisor *sup) {
         disarm(sup);
         sup->on = false;
     }
-    delete sup;
+    sup->~NetLinkSupervisor();
+    free(sup);
 }
 
 bool link_sup_in_state_callback(_NetLink *link) { return s_link_in_state == link; }

@@ -231,6 +231,8 @@ int runtime_engine_start(void) {
         return 0;
     }
     cloexec(s_rt.post_pipe);
+    // A wake-up never blocks its writer (who may hold the main lock): a full pipe already wakes.
+    fcntl(s_rt.post_pipe[1], F_SETFL, fcntl(s_rt.post_pipe[1], F_GETFL) | O_NONBLOCK);
     if (!kx_watch_start(&s_rt.post_watch, s_rt.post_pipe[0], KX_WATCH_READ, on_post, nullptr)) {
         KX_LOG_ERR("select_add_clientfd(NULL,s_os_pipe_fd_post[0]) fail");
         return 0;
