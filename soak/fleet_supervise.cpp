@@ -303,8 +303,14 @@ void stop_child(PeerShared *sh, pid_t pid) {
 
 int shape_vanish() {
     const int n = env_int("FLEET_VANISH_LINKS", 1000), gone = n / 10;
-    const NetLinkSupervision sup = {3000, 2, 0, 0, 0};
-    const int bound_ms = sup.idle_ms;  // the idle time-out comes first: the devices send every 500 ms
+    // FLEET_VANISH_IDLE_MS=0 leaves keepalive and the send bound alone to find the vanished devices.
+    const char *idle_env = getenv("FLEET_VANISH_IDLE_MS");
+    const NetLinkSupervision sup = {idle_env != nullptr ? atoi(idle_env) : 3000, 2, 0, 0, 0};
+    // The idle time-out comes first (the devices send every 500 ms); without it the kernel's
+    // keepalive ends the connection 2 * keepalive_s after the last acknowledged byte, at the next
+    // probe (every keepalive_s / 3 s, at least 1).
+    const int probe_s = sup.keepalive_s / 3 > 0 ? sup.keepalive_s / 3 : 1;
+    const int bound_ms = sup.idle_ms > 0 ? sup.idle_ms : (2 * sup.keepalive_s + probe_s) * 1000;
     raise_nofile((rlim_t)(2 * n + 512));
     int ns_main = new_netns(), ns_gone = ns_main >= 0 ? new_netns() : -1;
     if (ns_main < 0 || ns_gone < 0) {
