@@ -118,7 +118,12 @@ void on_deadline(KxDeadline *d) {
     if (!sup->on || client == nullptr) return;
     switch (kind) {
     case kDeadlineConnect:
-        if (sup->state.load() == NET_LINK_CONNECTING && client_status(client) == 1)
+        if (sup->state.load() != NET_LINK_CONNECTING || client_status(client) != 1) break;
+        // A connect that has settled but waits for a busy event thread is not hanging: the event
+        // thread serves it in this pass.
+        if (net_tcp_client_connect_settled(client))
+            arm(sup, kDeadlineConnect, kx_now_ms() + connect_bound_ms(sup));
+        else
             net_tcp_client_end(client, NET_LINK_UNREACHABLE);
         break;
     case kDeadlineIdle: {

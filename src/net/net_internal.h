@@ -120,6 +120,9 @@ int net_tcp_client_break(_NetTcpClient *client);
 // Ends the client's connection for the reason given (a NET_LINK_ reason), as net_tcp_client_close
 // does; on_disconnect sees the reason through net_tcp_client_end_reason. Main lock held.
 void net_tcp_client_end(_NetTcpClient *client, int reason);
+// True when the client's connect has settled (connected or failed) and only waits for the event
+// thread to serve it.
+bool net_tcp_client_connect_settled(_NetTcpClient *client);
 // Why the connection that is ending ended: a NET_LINK_ reason, NET_LINK_RESET when not known.
 int net_tcp_client_end_reason(_NetTcpClient *client);
 // Sets the hook of the client (null clears it). Main lock held.

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -409,6 +410,14 @@ void net_tcp_client_end(_NetTcpClient *client, int reason) {
     NetClientSlot *s = client_slot(client);
     if (s != nullptr) s->end_reason = reason;
     close_connection(client);
+}
+
+bool net_tcp_client_connect_settled(_NetTcpClient *client) {
+    IoLock io(client_slot(client));
+    int fd = client_fd(client);
+    if (fd < 0) return false;
+    pollfd p = {fd, POLLOUT, 0};
+    return poll(&p, 1, 0) == 1;
 }
 
 int net_tcp_client_end_reason(_NetTcpClient *client) {
