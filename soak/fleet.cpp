@@ -13,6 +13,7 @@
 //              everything: every packet it receives is whole (sequence number and checksum in each
 //              body), 0 spliced, and the bytes received plus the bytes the log reports dropped are
 //              the bytes sent.
+// The video-server shapes (cameras, control, send) live in fleet_video.cpp: korvex_fleet SHAPE N [SECONDS].
 // Usage: korvex_fleet [scale|idle|fair|overflow]... (all four by default). One RESULT line per shape;
 // the exit code is 1 when a check of any shape failed.
 #include <errno.h>
