@@ -527,13 +527,17 @@ int shape_flap() {
         if (p99 < 0 && seen * 100 >= cycles * 99) p99 = (b + 1) * 25;
     }
     stop_child(sh, child);
+    rusage ru;
+    getrusage(RUSAGE_CHILDREN, &ru);  // the device process, reaped by stop_child
+    const double peer_cpu = (double)ru.ru_utime.tv_sec + ru.ru_utime.tv_usec / 1e6 + (double)ru.ru_stime.tv_sec +
+                            ru.ru_stime.tv_usec / 1e6;
     const long rss_growth = rss_late - rss_early;
     bool ok = made == n && all_up && all_back && cycles >= want_cycles && over == 0 && fds_back && th1 == th0 &&
               th_mid == th0 && rss_growth < 8192;
     printf("RESULT korvex flap %s | links %d (reconnect %d..%d ms), %.0f s | cycles %ld (%.0f/s, want %ld) | "
            "up again after a return: p50 <= %ld ms, p99 <= %ld ms, max %lld ms, %ld over %d ms | link "
            "connects %u, disconnects %u (reset %ld, peer closed %ld, refused %ld, connect timed out %ld, other %ld), attempts %u | all up at the end %s | descriptors %d -> %d, threads "
-           "%ld -> %ld -> %ld, RSS %ld -> %ld KB | process CPU %.1f s | device bind retries %ld | load %s\n",
+           "%ld -> %ld -> %ld, RSS %ld -> %ld KB | process CPU %.1f s, device process CPU %.1f s | device bind retries %ld | load %s\n",
            ok ? "PASS" : "FAIL", n, sup.reconnect_min_ms, sup.reconnect_max_ms, window_s, cycles,
            (double)cycles / window_s, want_cycles, p50, p99, (long long)sh->lag_max.load(), over, bound_ms,
            connects, disconnects, g_reasons[NET_LINK_RESET].load(), g_reasons[NET_LINK_PEER_CLOSED].load(),
@@ -541,7 +545,7 @@ int shape_flap() {
            (long)disconnects - g_reasons[NET_LINK_RESET].load() - g_reasons[NET_LINK_PEER_CLOSED].load() -
                g_reasons[NET_LINK_REFUSED].load() - g_reasons[NET_LINK_UNREACHABLE].load(),
            attempts, all_back ? "yes" : "no", fd0, fd1, th0, th_mid, th1, rss_early,
-           rss_late, cpu, sh->bind_fail.load(), loadavg().c_str());
+           rss_late, cpu, peer_cpu, sh->bind_fail.load(), loadavg().c_str());
     fflush(stdout);
     return ok ? 0 : 1;
 }
