@@ -122,6 +122,13 @@ fleet: build
 	done; \
 	echo "fleet: $$(( $$(date +%s) - t0 ))s, korvex checks $$( [ $$rc -eq 0 ] && echo passed || echo FAILED )"; exit $$rc
 
+# Supervised-session shapes of the fleet (about a minute and a half; each runs in network namespaces
+# of its own, so it needs root): vanish, flap, idle-supervised. Fails when a check fails.
+.PHONY: fleet-supervise
+fleet: fleet-supervise
+fleet-supervise: build
+	@rc=0; for s in vanish flap idle-supervised; do ./build/default/soak/korvex_fleet $$s || rc=1; done; exit $$rc
+
 # Video-server shapes of the fleet (cameras, control, send; about six minutes): korvex beside the libuv
 # anchor of the same shapes (UVVIDEO_SRC, built here with libuv1-dev), interleaved, 3 rounds, medians
 # and ratios. Without the anchor's source korvex runs alone. Fails when a korvex packet check fails.

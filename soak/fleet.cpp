@@ -45,6 +45,7 @@
 
 #include "korvex/korvex.h"
 
+#include "fleet_supervise.h"
 #include "fleet_video.h"
 
 namespace {
@@ -768,6 +769,8 @@ const Shape kShapes[] = {{"scale", shape_scale}, {"idle", shape_idle}, {"fair", 
 int main(int argc, char **argv) {
     signal(SIGPIPE, SIG_IGN);
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    // The supervised-session shapes run one at a time: korvex_fleet vanish|flap|idle-supervised.
+    if (argc > 1 && fleet_supervise_shape(argv[1])) return fleet_supervise_main(argc - 1, argv + 1);
     // The video-server shapes take arguments of their own: korvex_fleet cameras|control|send N [SECONDS].
     if (argc > 1 && fleet_video_shape(argv[1])) return fleet_video_main(argc - 1, argv + 1);
     std::vector<const Shape *> run;

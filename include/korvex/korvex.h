@@ -830,6 +830,7 @@ KX_API int net_udp_client_drop_multicase(_NetUdpClient *client, const char *ip);
 #define LINK_HEAD_MOBILE 3  /**< "MOBILEDEVICEIRRIHEAD": everything buffered behind it */
 
 struct _NetLink;
+struct NetLinkSupervisor;
 /** The link's parser, called for each packet on the event thread, under the main lock and the link's
  *  process lock.
  *  @param link the link.
@@ -862,6 +863,7 @@ typedef struct _NetLink {
     uint32_t seq;             /**< sequence of the heads this link writes */
     sdk_mutex_t *mtx_process; /**< recursive; held around every parser call */
     int32_t ip_ver;           /**< 1: heads carry the address 0.0.0.0 */
+    struct NetLinkSupervisor *sup; /**< the supervisor and the counters of net_link_get_stats() */
 } _NetLink;
 
 /** Creates a link with an empty queue. Order of use: create, bind the parser, net_link_set_core(),
@@ -983,6 +985,95 @@ KX_API extern int g_iMaxPackageBufNum;
  *  @return 1; anything else gives 0 and the limit stays (logs "sdk_os_set_max_package_buf Illegal
  *          num = %d"). */
 KX_API int sdk_os_set_max_package_buf(int count);
+
+/** @name Supervised sessions
+ *  An opt-in supervisor per link, run by the event thread: it notices a dead or silent device,
+ *  reports every change of the link's state, and opens the link's client again with a doubling
+ *  back-off. Without net_link_supervise() a link behaves as without it; the state callback and the
+ *  counters work on every link.
+ *  @{ */
+
+/** Link states, handed to the state callback and kept in NetLinkStats::state. */
+enum {
+    NET_LINK_CONNECTING = 1, /**< a connect is under way */
+    NET_LINK_UP = 2,         /**< connected */
+    NET_LINK_DOWN = 3,       /**< not connected (also before the first open) */
+    NET_LINK_GAVE_UP = 4     /**< the supervisor stopped reopening after max_attempts failures */
+};
+/** Why a link went down; handed with NET_LINK_DOWN and NET_LINK_GAVE_UP. */
+enum {
+    NET_LINK_REFUSED = 1,     /**< the peer refused the connect */
+    NET_LINK_RESET = 2,       /**< the peer reset the connection (or it failed otherwise) */
+    NET_LINK_PEER_CLOSED = 3, /**< the peer closed the connection */
+    NET_LINK_IDLE = 4,        /**< nothing was received for idle_ms */
+    NET_LINK_KEEPALIVE = 5,   /**< TCP keepalive or the bound on unacknowledged sends ended it */
+    NET_LINK_LOCAL = 6,       /**< the caller closed it (net_tcp_client_close()) */
+    NET_LINK_UNREACHABLE = 7  /**< the connect timed out, or no route to the peer */
+};
+
+/** What the supervisor of a link watches. Every field 0 switches supervision off. */
+typedef struct NetLinkSupervision {
+    int idle_ms;          /**< no byte received for this long: the connection is closed (reason
+                               NET_LINK_IDLE); 0 off */
+    int keepalive_s;      /**< TCP keepalive after this many idle seconds, and a bound of twice this
+                               on unacknowledged sends: a vanished device ends the connection after
+                               about 2 * keepalive_s seconds (reason NET_LINK_KEEPALIVE); 0 off */
+    int reconnect_min_ms; /**< first automatic reopen after a disconnect; 0: no automatic reopen */
+    int reconnect_max_ms; /**< ceiling of the doubling back-off: the n-th reopen in a row waits a
+                               random time from reconnect_min_ms to min(reconnect_max_ms,
+                               reconnect_min_ms * 2^(n-1)) (full jitter). A connect still under way
+                               after reconnect_max_ms (10 s when 0) ends as NET_LINK_UNREACHABLE */
+    int max_attempts;     /**< consecutive failed reopens before NET_LINK_GAVE_UP; 0: for ever */
+} NetLinkSupervision;
+
+/** State callback: once per change of state, in order. It runs with the main lock held, on the event
+ *  thread for everything the library sees or does itself, and on the caller's thread for a caller's
+ *  own net_tcp_client_open() or net_tcp_client_close() (as the link's disconnect callback does). With
+ *  NET_LINK_DOWN it runs before the link's disconnect callback. It must not destroy the link (that is
+ *  refused with a log line); the disconnect callback may.
+ *  @param link the link.
+ *  @param udata the link's value.
+ *  @param state NET_LINK_CONNECTING, NET_LINK_UP, NET_LINK_DOWN or NET_LINK_GAVE_UP.
+ *  @param reason with NET_LINK_DOWN and NET_LINK_GAVE_UP a NET_LINK_REFUSED ... NET_LINK_UNREACHABLE
+ *         reason; 0 otherwise.
+ *  @return ignored. */
+typedef int (*NetLinkStateCallback)(_NetLink *link, void *udata, int state, int reason);
+
+/** Counters of a link, from its creation on. */
+typedef struct NetLinkStats {
+    uint64_t bytes_in;         /**< bytes received */
+    uint64_t bytes_out;        /**< bytes the socket took */
+    uint64_t packets_in;       /**< packets handed to the parser (or dropped for want of one) */
+    uint64_t packets_out;      /**< packets the send calls accepted (sent or queued) */
+    uint32_t connects;         /**< connections made */
+    uint32_t disconnects;      /**< connections, or connects, that ended */
+    uint32_t attempts;         /**< connects begun, the caller's and the supervisor's */
+    uint32_t packets_dropped;  /**< accepted packets dropped from the queue (overflow, disconnect) */
+    uint32_t queue_blocks;     /**< blocks waiting in the send queue now */
+    int64_t last_rx_ms;        /**< milliseconds since the last byte was received; -1 before any */
+    int state;                 /**< the current NET_LINK_ state */
+} NetLinkStats;
+
+/** Supervises the link, or changes its supervision. Takes effect at once: on a connected link the
+ *  idle time-out and keepalive start now; reopening follows the next disconnect. A caller's own
+ *  net_tcp_client_close() or net_link_destroy() stops the supervisor (nothing fires after it); a
+ *  later net_link_supervise() starts it again. Any thread; takes the main lock.
+ *  @param link the link.
+ *  @param s what to watch; every field 0 switches supervision off.
+ *  @return 0, or -1 (logs "net_link_supervise: ...") for a null argument, a negative value or
+ *          reconnect_min_ms above a non-zero reconnect_max_ms; nothing changes then. */
+KX_API int net_link_supervise(_NetLink *link, const NetLinkSupervision *s);
+/** Binds the state callback. Any thread.
+ *  @param link the link.
+ *  @param cb the callback; null unbinds.
+ *  @return 0, -1 for a null link. */
+KX_API int net_link_bind_state(_NetLink *link, NetLinkStateCallback cb);
+/** Reads the link's counters and state. Any thread.
+ *  @param link the link.
+ *  @param out where they go.
+ *  @return 0, -1 for a null argument. */
+KX_API int net_link_get_stats(_NetLink *link, NetLinkStats *out);
+/** @} */
 /** @} */
 /* @section link */
 

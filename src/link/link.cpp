@@ -46,12 +46,14 @@ void detach_client(_NetLink *link, _NetTcpClient *client) {
     if (client->on_disconnect == net_client_server_disconnect) net_tcp_client_bind_disconnect(client, nullptr, nullptr);
     if (client->on_write == net_client_write) net_tcp_client_bind_write(client, nullptr, nullptr);
     net_tcp_client_want_write(client, 0);
+    link_sup_attach(link, client, false);
 }
 
 // Hands one packet to the parser under mtx_process. A parser that answers 999 passes the packet on
 // to whatever parser is bound by then (itself again, if it bound nothing else).
 void deliver(_NetLink *link, char *packet, int package_len) {
     int type = link_head_type(packet, package_len);
+    if (link->sup != nullptr) link_sup_packet_in(link->sup);
     sdk_mutex_lock(link->mtx_process);
     NetLinkParaseCallback parser = link->parase_protocol;
     if (parser != nullptr && parser(link, link->udata, type, packet, package_len) == LINK_PARSE_AGAIN) {
@@ -105,6 +107,7 @@ int net_client_read(_NetTcpClient *client, void *arg) {
         if (room <= 0) return -1;
         int n = net_tcp_client_read(client, link->buf + link->buf_len, (uint32_t)room);
         if (n <= 0) return n;
+        if (link->sup != nullptr) link_sup_received(link->sup, n);
         link->buf_len += n;
         int i = cut_packets(link);
         if (i == 0) continue;
@@ -136,6 +139,8 @@ int net_client_server_disconnect(_NetTcpClient *client, void *arg) {
         SendLock lock(link);
         link_drop_send_ls(link, false);
     }
+    // The state callback first: the disconnect callback may destroy the link.
+    link_sup_down(link, net_tcp_client_end_reason(client));
     if (link->disconnect_protocol != nullptr) link->disconnect_protocol(link, link->udata);
     return 0;
 }
@@ -166,6 +171,12 @@ KX_API _NetLink *net_link_create(void) {
         net_link_destroy(link);
         return nullptr;
     }
+    link->sup = link_sup_create(link);
+    if (link->sup == nullptr) {
+        KX_LOG_ERR("link->sup == NULL");
+        net_link_destroy(link);
+        return nullptr;
+    }
     return link;
 }
 
@@ -181,13 +192,23 @@ KX_API int net_link_destroy(_NetLink *link) {
                    (unsigned)(uintptr_t)link);
         return -1;
     }
+    if (link_sup_in_state_callback(link)) {
+        KX_LOG_ERR("net_link_destroy 0x%08x refused: called inside the link's own state callback",
+                   (unsigned)(uintptr_t)link);
+        return -1;
+    }
     if (link->client != nullptr) {
         MainLock main;
+        link_sup_attach(link, link->client, false);
         net_tcp_client_set_udata(link->client, nullptr);
         net_tcp_client_close(link->client);
         net_tcp_client_destroy(link->client);
         link->client = nullptr;
     }
+    // After the client: no event leads to the link any more, and the supervisor's deadline goes
+    // under the main lock, so nothing fires for the link from here on.
+    link_sup_destroy(link->sup);
+    link->sup = nullptr;
     if (link->send_buf_ls != nullptr) {
         link_clear_send_ls(link);
         adt_dlist_destroy(link->send_buf_ls);
@@ -239,6 +260,7 @@ KX_API int net_link_set_core(_NetLink *link, _NetTcpClient *client) {
         KX_LOG_ERR("net_tcp_client_bind_write faild");
         return -1;
     }
+    link_sup_attach(link, client, true);
     // A packet leaves when it is written: no wait for the acknowledgement of the one before it.
     net_tcp_client_set_nodelay(client);
     // The write pump runs on demand: write events only while the send queue holds bytes.

@@ -79,3 +79,24 @@ struct LinkDropCount {
 // whose first bytes left already (the overflow). Otherwise only that begun packet (a disconnect: the
 // rest of it could only reach a new connection spliced, whole packets may go there).
 LinkDropCount link_drop_send_ls(_NetLink *link, bool keep_started);
+
+// --- the supervisor and the counters of a link (link_supervise.cpp) ---
+// Made with the link, freed with it; null when there was no memory. Destroy cancels its deadline.
+NetLinkSupervisor *link_sup_create(_NetLink *link);
+void link_sup_destroy(NetLinkSupervisor *sup);
+// True while the link's state callback runs on this thread.
+bool link_sup_in_state_callback(_NetLink *link);
+// Hooks the supervisor into a client's connection starts, or unhooks it. Main lock held.
+void link_sup_attach(_NetLink *link, _NetTcpClient *client, bool attach);
+// The connection of the link ended (the link's disconnect path, main lock held): counts it, reports
+// NET_LINK_DOWN with the reason, and arms the next reopen or gives up.
+void link_sup_down(_NetLink *link, int reason);
+// Counters; any thread.
+void link_sup_received(NetLinkSupervisor *sup, int bytes);
+void link_sup_packet_in(NetLinkSupervisor *sup);
+void link_sup_sent(NetLinkSupervisor *sup, int bytes);
+void link_sup_packet_out(NetLinkSupervisor *sup, uint32_t packets);
+void link_sup_dropped(NetLinkSupervisor *sup, uint32_t packets);
+// Wait before a reopen after `failed` failed reopens in a row: uniform from min_ms to the ceiling
+// min(max_ms, min_ms * 2^failed), drawn from `random`; max_ms 0 keeps the wait at min_ms.
+int64_t link_backoff_ms(int min_ms, int max_ms, int failed, uint64_t random);

@@ -125,7 +125,7 @@ constexpr uint32_t kFlushBytes = 4u << 20;
 // per packet (the rest of a packet it took in part is marked as such). A packet whose first bytes
 // left but whose rest cannot be kept (no memory) would reach the peer spliced with the next one: the
 // connection is ended instead, and the peer finds its next head on a new connection.
-int link_send_packets(_NetLink *link, const LinkPacket *packets, int count, int *done) {
+static int send_packets(_NetLink *link, const LinkPacket *packets, int count, int *done) {
     struct iovec iov[KX_SEND_IOV_MAX];
     bool refused = false;  // the socket refused bytes in this call: the write event flushes
     int i = 0;
@@ -149,6 +149,7 @@ int link_send_packets(_NetLink *link, const LinkPacket *packets, int count, int 
                     cnt++;
                 }
         int r = cnt > 0 ? net_tcp_client_sendv(link->client, iov, cnt) : 0;
+        if (link->sup != nullptr) link_sup_sent(link->sup, r);
         if (r < 0) {
             *done = i;  // nothing of this call went out: every packet before it went whole
             return -1;
@@ -172,6 +173,13 @@ int link_send_packets(_NetLink *link, const LinkPacket *packets, int count, int 
     }
     *done = count;
     return refused ? 0 : net_link_send_buffer_data(link);
+}
+
+// Counts the packets that went out or wait in the queue.
+int link_send_packets(_NetLink *link, const LinkPacket *packets, int count, int *done) {
+    int r = send_packets(link, packets, count, done);
+    if (link->sup != nullptr && *done > 0) link_sup_packet_out(link->sup, (uint32_t)*done);
+    return r;
 }
 
 int link_send_parts(_NetLink *link, const LinkRun *parts, int n) {
@@ -220,6 +228,7 @@ LinkDropCount link_drop_send_ls(_NetLink *link, bool keep_started) {
         adt_dlist_delete(link->send_buf_ls, from);
         from = next;
     }
+    if (link->sup != nullptr) link_sup_dropped(link->sup, dropped.packets);
     return dropped;
 }
 
@@ -244,6 +253,7 @@ int net_link_send_buffer_data(_NetLink *link) {
             cnt++;
         }
         ret = net_tcp_client_sendv(link->client, iov, cnt);
+        if (link->sup != nullptr) link_sup_sent(link->sup, ret);
         if (ret < 1) return ret;
         uint32_t left = (uint32_t)ret;
         _OS_DListNode *node;

@@ -42,6 +42,13 @@ struct NetClientSlot {
     // used up its share with data left. Event thread only (atomic for readers on other threads).
     std::atomic<int32_t> read_left;
     bool read_yielded;  // event thread only
+    // Why the current connection ends (a NET_LINK_ reason; 0 not known yet): set where the end is
+    // seen (a failed connect or read, a close), read by the disconnect callback. Reset by open.
+    std::atomic<int> end_reason;
+    // The owner's hook for the starts of a connection (a link's supervisor): called with the main
+    // lock held, with KX_CLIENT_CONNECTING once a new socket has begun to connect and with
+    // KX_CLIENT_UP once it is connected, before on_connect. Main lock.
+    void (*hook)(_NetTcpClient *client, int event);
     // Link sockets: TCP_NODELAY set at every open, so that a packet leaves when it is written and never
     // waits for the acknowledgement of the one before it. Written by the link, read by open.
     std::atomic<int> nodelay;
@@ -55,6 +62,7 @@ struct NetClientSlot {
     uint32_t head_remote, head_local;
     bool head_cached;
 };
+enum { KX_CLIENT_CONNECTING = 1, KX_CLIENT_UP = 2 };
 
 // The slot of a pool client; null for a record that is not a slot of the pool (a caller's own
 // record), which then has no registration, no write interest of its own and no read share.
@@ -109,6 +117,21 @@ void net_tcp_client_head_addrs(_NetTcpClient *client, uint32_t *remote, uint32_t
 // no longer stay whole (a packet begun on the wire whose rest cannot be kept). 1 when shut down, 0
 // for a client without a connection.
 int net_tcp_client_break(_NetTcpClient *client);
+// Ends the client's connection for the reason given (a NET_LINK_ reason), as net_tcp_client_close
+// does; on_disconnect sees the reason through net_tcp_client_end_reason. Main lock held.
+void net_tcp_client_end(_NetTcpClient *client, int reason);
+// True when the client's connect has settled (connected or failed) and only waits for the event
+// thread to serve it.
+bool net_tcp_client_connect_settled(_NetTcpClient *client);
+// Why the connection that is ending ended: a NET_LINK_ reason, NET_LINK_RESET when not known.
+int net_tcp_client_end_reason(_NetTcpClient *client);
+// Sets the hook of the client (null clears it). Main lock held.
+void net_tcp_client_set_hook(_NetTcpClient *client, void (*hook)(_NetTcpClient *client, int event));
+// Keepalive after `seconds` idle seconds (probes every seconds/3, at least 1 s, three of them) and
+// a bound of 2 * seconds on unacknowledged sends, so that a peer that vanished ends the connection
+// after about 2 * seconds; 0 switches keepalive off and lifts the bound. 1, or 0 without a socket
+// or when the system refuses.
+int net_tcp_client_set_keepalive(_NetTcpClient *client, int seconds);
 // True while the event thread watches the client's descriptor; its current interest (KX_WATCH_*).
 bool net_tcp_client_watched(_NetTcpClient *client);
 unsigned net_tcp_client_interest(_NetTcpClient *client);

@@ -45,6 +45,8 @@ inline void reset_side(NetClientSlot &s) {
     s.want_write = 0;
     s.read_left = -1;
     s.read_yielded = false;
+    s.end_reason = 0;
+    s.hook = nullptr;
     s.nodelay = 0;
     s.pumping = false;
     s.head_cached = false;

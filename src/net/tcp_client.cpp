@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -19,6 +20,24 @@ namespace {
 constexpr size_t kIpRoom = 16;  // address texts: 15 characters and the terminator
 
 inline bool would_block(int err) { return err == EAGAIN || err == EWOULDBLOCK || err == EINTR; }
+
+// The reason a failed connect gives, and the reason a failed read of a connection gives.
+int connect_reason(int err) { return err == ECONNREFUSED ? NET_LINK_REFUSED : NET_LINK_UNREACHABLE; }
+int read_reason(int err) {
+    switch (err) {
+    case ETIMEDOUT:
+    case EHOSTUNREACH:
+    case ENETUNREACH:
+        return NET_LINK_KEEPALIVE;  // the kernel gave the peer up: keepalive or the send bound
+    default:
+        return NET_LINK_RESET;
+    }
+}
+// Keeps the first reason seen for the connection that is ending.
+inline void note_end(NetClientSlot *s, int reason) {
+    int none = 0;
+    if (s != nullptr) s->end_reason.compare_exchange_strong(none, reason);
+}
 
 inline void call(NetTcpClientCallback cb, _NetTcpClient *client, void *arg) {
     if (cb != nullptr) cb(client, arg);
@@ -189,9 +208,11 @@ int open_new(_NetTcpClient *client) {
     }
     socklen_t len = client_addr(v4, client->remote_ip, client->remote_port, &ss);
     client_set_status(client, 1);
+    if (s != nullptr) s->end_reason = 0;
     int rc = connect(fd, reinterpret_cast<sockaddr *>(&ss), len);
     int err = errno;
     if (rc == 0) client_set_status(client, 2);
+    if (rc != 0 && err != EINPROGRESS) note_end(s, connect_reason(err));
     bool entered = false;
     if (s != nullptr) {
         WatchLock lock(s);
@@ -199,8 +220,10 @@ int open_new(_NetTcpClient *client) {
         refresh_pump(s);
     }
     if (!entered) sdk_log_msg("select_add_clientfd(client,client->connectfd) repeat");
+    if (s != nullptr && s->hook != nullptr) s->hook(client, KX_CLIENT_CONNECTING);
     if (rc == 0) {
         // Still under the lock, so on_connect comes before the event thread's first on_write.
+        if (s != nullptr && s->hook != nullptr && client_fd(client) == fd) s->hook(client, KX_CLIENT_UP);
         call(client->on_connect, client, client->connect_arg);
     } else if (err != EINPROGRESS) {
         // The event thread reports the failure: the socket reads as hung up.
@@ -234,6 +257,7 @@ int share_recv(NetClientSlot *s, int fd, char *buf, uint32_t len) {
         if (left > 0) s->read_left.store(0, std::memory_order_relaxed);
         return 0;
     }
+    note_end(s, n == 0 ? NET_LINK_PEER_CLOSED : read_reason(errno));
     return -1;
 }
 
@@ -268,6 +292,7 @@ bool finish_connect(NetClientSlot *s, int fd, unsigned events) {
     socklen_t len = sizeof(err);
     if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) err = errno;
     if (err != 0 || (events & KX_WATCH_ERROR) != 0) {
+        note_end(s, err != 0 ? connect_reason(err) : NET_LINK_REFUSED);
         sdk_log_msg("connect fail %s %d", client->remote_ip, client->remote_port);
         close_connection(client);
         return false;
@@ -275,6 +300,10 @@ bool finish_connect(NetClientSlot *s, int fd, unsigned events) {
     if (!(events & KX_WATCH_WRITE)) return false;
     client_set_status(client, 2);
     update_interest(s);
+    if (s->hook != nullptr) {
+        s->hook(client, KX_CLIENT_UP);
+        if (client->index == -1 || client_fd(client) != fd) return false;
+    }
     call(client->on_connect, client, client->connect_arg);
     return true;
 }
@@ -375,6 +404,61 @@ int net_tcp_client_break(_NetTcpClient *client) {
     return shutdown(fd, SHUT_RDWR) == 0 ? 1 : 0;
 }
 
+void net_tcp_client_end(_NetTcpClient *client, int reason) {
+    KX_ASSERT_MAIN_LOCK();
+    if (client_status(client) == 0) return;
+    NetClientSlot *s = client_slot(client);
+    if (s != nullptr) s->end_reason = reason;
+    close_connection(client);
+}
+
+bool net_tcp_client_connect_settled(_NetTcpClient *client) {
+    IoLock io(client_slot(client));
+    int fd = client_fd(client);
+    if (fd < 0) return false;
+    pollfd p = {fd, POLLOUT, 0};
+    return poll(&p, 1, 0) == 1;
+}
+
+int net_tcp_client_end_reason(_NetTcpClient *client) {
+    NetClientSlot *s = client_slot(client);
+    int r = s != nullptr ? s->end_reason.load() : 0;
+    return r != 0 ? r : NET_LINK_RESET;
+}
+
+void net_tcp_client_set_hook(_NetTcpClient *client, void (*hook)(_NetTcpClient *client, int event)) {
+    KX_ASSERT_MAIN_LOCK();
+    NetClientSlot *s = client_slot(client);
+    if (s != nullptr) s->hook = hook;
+}
+
+int net_tcp_client_set_keepalive(_NetTcpClient *client, int seconds) {
+    IoLock io(client_slot(client));
+    int fd = client_fd(client);
+    if (fd < 0) return 0;
+    int on = seconds > 0 ? 1 : 0;
+    bool ok = setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on)) == 0;
+    if (seconds > 0) {
+        int idle = seconds, interval = seconds / 3 > 0 ? seconds / 3 : 1, count = 3;
+#if defined(TCP_KEEPIDLE)
+        ok = setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle)) == 0 && ok;
+#elif defined(TCP_KEEPALIVE)
+        ok = setsockopt(fd, IPPROTO_TCP, TCP_KEEPALIVE, &idle, sizeof(idle)) == 0 && ok;
+#endif
+#if defined(TCP_KEEPINTVL) && defined(TCP_KEEPCNT)
+        ok = setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof(interval)) == 0 && ok;
+        ok = setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof(count)) == 0 && ok;
+#endif
+        (void)interval, (void)count;
+    }
+#if defined(TCP_USER_TIMEOUT)
+    // Unacknowledged sends end the connection after this long; it also bounds the keepalive probes.
+    unsigned bound = seconds > 0 ? (unsigned)seconds * 2000u : 0u;
+    ok = setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &bound, sizeof(bound)) == 0 && ok;
+#endif
+    return ok ? 1 : 0;
+}
+
 bool net_tcp_client_watched(_NetTcpClient *client) {
     NetClientSlot *s = client_slot(client);
     return s != nullptr && s->watch.active.load();
@@ -407,7 +491,7 @@ KX_API int net_tcp_client_destroy(_NetTcpClient *client) {
         sdk_log_msg("client: %x destroy err", (unsigned)(uintptr_t)client);
         exit(0);
     }
-    close_connection(client);
+    if (client_status(client) != 0) net_tcp_client_end(client, NET_LINK_LOCAL);
     pool_give_client(client);
     return 1;
 }
@@ -418,7 +502,7 @@ KX_API int net_tcp_client_close(_NetTcpClient *client) {
         return 0;
     }
     MainLock lock;
-    if (client_status(client) != 0) close_connection(client);
+    net_tcp_client_end(client, NET_LINK_LOCAL);
     return 1;
 }
 

@@ -101,13 +101,16 @@ int on_post(KxWatcher *w, unsigned) {
 void *select_thread(void *) {
     KxPollEvent ev[kEventsPerPass];
     for (;;) {
+        kx_deadline_run();
         const uint64_t epoch = s_rt.watch_epoch.load();
-        int n = kx_poller_wait(s_rt.poller, ev, kEventsPerPass, kWaitMs);
+        int n = kx_poller_wait(s_rt.poller, ev, kEventsPerPass, kx_deadline_wait_ms(kWaitMs));
         if (n < 0) {
             if (errno != EINTR) KX_LOG_ERR("os_tcp_client_open :select errno=%d,", errno);
             continue;
         }
         if (n == 0) {
+            // A wait cut short for a deadline is no silent loop.
+            if (kx_deadline_wait_ms(kWaitMs) < kWaitMs) continue;
             sdk_log_msg(" select return 0 ");
             continue;
         }
@@ -183,6 +186,12 @@ int kx_watch_count(void) {
 
 uint64_t kx_loop_passes(void) { return s_rt.passes.load(); }
 
+void kx_loop_wake(void) {
+    if (s_rt.post_pipe[1] < 0) return;
+    ssize_t r = write(s_rt.post_pipe[1], "w", 1);
+    (void)r;
+}
+
 void kx_loop_pumps_add(int delta) { s_rt.pumps.fetch_add(delta, std::memory_order_relaxed); }
 
 int kx_loop_pumps(void) { return s_rt.pumps.load(std::memory_order_relaxed); }
@@ -222,6 +231,8 @@ int runtime_engine_start(void) {
         return 0;
     }
     cloexec(s_rt.post_pipe);
+    // A wake-up never blocks its writer (who may hold the main lock): a full pipe already wakes.
+    fcntl(s_rt.post_pipe[1], F_SETFL, fcntl(s_rt.post_pipe[1], F_GETFL) | O_NONBLOCK);
     if (!kx_watch_start(&s_rt.post_watch, s_rt.post_pipe[0], KX_WATCH_READ, on_post, nullptr)) {
         KX_LOG_ERR("select_add_clientfd(NULL,s_os_pipe_fd_post[0]) fail");
         return 0;

@@ -54,6 +54,33 @@ int kx_loop_pumps(void);
 // Passes the event thread has completed (a pass: one wait and the service of what it reported).
 uint64_t kx_loop_passes(void);
 
+// --- deadlines finer than the tick ---
+// A deadline of the event thread: once the monotonic clock reaches `at`, the event thread takes it
+// off and calls `callback` with the main lock held. The storage is the registrant's and must stay
+// valid while the deadline is armed.
+struct KxDeadline;
+typedef void (*KxDeadlineCallback)(KxDeadline *d);
+struct KxDeadline {
+    int64_t at;                   // monotonic milliseconds; main lock
+    int32_t heap_index;           // -1 while not armed; main lock. Set to -1 before first use
+    KxDeadlineCallback callback;  // main lock
+    void *context;                // the registrant's
+};
+// Milliseconds of the monotonic clock.
+int64_t kx_now_ms(void);
+// Arms d for `at`, or moves it there when it is armed already. Main lock held. 1, or 0 (logged)
+// when there is no memory for one more deadline.
+int kx_deadline_arm(KxDeadline *d, int64_t at);
+// Takes d off when it is armed. Main lock held. The callback is not called afterwards.
+void kx_deadline_cancel(KxDeadline *d);
+// Event thread: how long the next wait may last, at most max_ms, so that the earliest deadline is
+// not missed.
+int kx_deadline_wait_ms(int max_ms);
+// Event thread: calls every deadline that has fallen due. Takes the main lock only when one has.
+void kx_deadline_run(void);
+// Wakes the event thread from its wait (a byte on the post pipe). Any thread.
+void kx_loop_wake(void);
+
 // --- the engine ---
 // Creates the main lock (where it needs run-time initialisation), the timer and posted-function
 // lists, the readiness backend, the tick and post pipes with their watchers, and starts the event
