@@ -42,6 +42,12 @@ KxPoller *kx_poller_create(void) {
     return p;
 }
 
+void kx_poller_destroy(KxPoller *p) {
+    if (p == nullptr) return;
+    close(p->epfd);
+    free(p);
+}
+
 int kx_poller_add(KxPoller *p, int fd, unsigned interest, void *tag) { return ctl(p, EPOLL_CTL_ADD, fd, interest, tag); }
 
 int kx_poller_modify(KxPoller *p, int fd, unsigned interest, void *tag) {
@@ -133,6 +139,19 @@ KxPoller *kx_poller_create(void) {
     }
     pthread_mutex_init(&p->mutex, nullptr);
     return p;
+}
+
+void kx_poller_destroy(KxPoller *p) {
+    if (p == nullptr) return;
+    close(p->wake[0]);
+    close(p->wake[1]);
+    pthread_mutex_destroy(&p->mutex);
+    free(p->fds);
+    free(p->tags);
+    free(p->pos);
+    free(p->copy);
+    free(p->copy_tags);
+    free(p);
 }
 
 int kx_poller_add(KxPoller *p, int fd, unsigned interest, void *tag) {

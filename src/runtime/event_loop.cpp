@@ -68,6 +68,7 @@ void *select_thread(void *) {
     for (;;) {
         const uint64_t epoch = s_rt.watch_epoch.load();
         int n = kx_poller_wait(s_rt.poller, ev, kEventsPerPass, kWaitMs);
+        if (s_rt.quit.load()) return nullptr;  // a failed start takes the engine back
         if (n < 0) {
             if (errno != EINTR) KX_LOG_ERR("os_tcp_client_open :select errno=%d,", errno);
             continue;
@@ -148,7 +149,47 @@ int kx_watch_count(void) {
 
 uint64_t kx_loop_passes(void) { return s_rt.passes.load(); }
 
-int runtime_engine_start(void) {
+namespace {
+
+// What a failed engine start had made, undone in reverse order. Only the start calls this, from the
+// one thread that starts the library, before anything outside the engine could use what it made.
+struct EngineBuilt {
+    bool event_thread = false;
+};
+
+void close_pipe(int fds[2]) {
+    for (int i = 0; i < 2; i++) {
+        if (fds[i] >= 0) close(fds[i]);
+        fds[i] = -1;
+    }
+}
+
+void engine_undo(const EngineBuilt &built) {
+    if (built.event_thread) {
+        // The post pipe wakes the event thread at once; it sees the flag and ends.
+        s_rt.quit = true;
+        ssize_t r = write(s_rt.post_pipe[1], "q", 1);
+        (void)r;
+        sdk_thread_join(&s_rt.event_thread);
+        s_rt.quit = false;
+    }
+    {
+        MainLock lock;
+        kx_watch_stop(&s_rt.post_watch);
+        kx_watch_stop(&s_rt.tick_watch);
+    }
+    close_pipe(s_rt.post_pipe);
+    close_pipe(s_rt.tick_pipe);
+    kx_poller_destroy(s_rt.poller);
+    s_rt.poller = nullptr;
+    if (s_rt.posted_ls != nullptr) adt_dlist_destroy(s_rt.posted_ls);
+    s_rt.posted_ls = nullptr;
+    if (s_rt.timer_ls != nullptr) adt_dlist_destroy(s_rt.timer_ls);
+    s_rt.timer_ls = nullptr;
+}
+
+// The steps of the engine start; 0 at the first that fails, with its record logged.
+int engine_build(EngineBuilt *built) {
     if (!runtime_main_lock_init()) {
         sdk_log_msg("sdk_mutex_init s_os_main_mutex fail");
         return 0;
@@ -168,34 +209,48 @@ int runtime_engine_start(void) {
         KX_LOG_ERRNO("kx_poller_create fail");
         return 0;
     }
-    MainLock lock;
-    if (pipe(s_rt.tick_pipe) != 0) {
-        KX_LOG_ERR("pipe s_os_pipe_fd fail");
-        return 0;
-    }
-    cloexec(s_rt.tick_pipe);
-    if (!kx_watch_start(&s_rt.tick_watch, s_rt.tick_pipe[0], KX_WATCH_READ, on_tick, nullptr)) {
-        KX_LOG_ERR("select_add_clientfd(NULL,s_os_pipe_fd[0]) fail");
-        return 0;
-    }
-    if (pipe(s_rt.post_pipe) != 0) {
-        KX_LOG_ERR("pipe s_os_pipe_fd_post fail");
-        return 0;
-    }
-    cloexec(s_rt.post_pipe);
-    if (!kx_watch_start(&s_rt.post_watch, s_rt.post_pipe[0], KX_WATCH_READ, on_post, nullptr)) {
-        KX_LOG_ERR("select_add_clientfd(NULL,s_os_pipe_fd_post[0]) fail");
-        return 0;
+    {
+        MainLock lock;
+        if (pipe(s_rt.tick_pipe) != 0) {
+            s_rt.tick_pipe[0] = s_rt.tick_pipe[1] = -1;
+            KX_LOG_ERR("pipe s_os_pipe_fd fail");
+            return 0;
+        }
+        cloexec(s_rt.tick_pipe);
+        if (!kx_watch_start(&s_rt.tick_watch, s_rt.tick_pipe[0], KX_WATCH_READ, on_tick, nullptr)) {
+            KX_LOG_ERR("select_add_clientfd(NULL,s_os_pipe_fd[0]) fail");
+            return 0;
+        }
+        if (pipe(s_rt.post_pipe) != 0) {
+            s_rt.post_pipe[0] = s_rt.post_pipe[1] = -1;
+            KX_LOG_ERR("pipe s_os_pipe_fd_post fail");
+            return 0;
+        }
+        cloexec(s_rt.post_pipe);
+        if (!kx_watch_start(&s_rt.post_watch, s_rt.post_pipe[0], KX_WATCH_READ, on_post, nullptr)) {
+            KX_LOG_ERR("select_add_clientfd(NULL,s_os_pipe_fd_post[0]) fail");
+            return 0;
+        }
     }
     if (!sdk_thread_create(&s_rt.event_thread, KX_STACK_EVENT_THREAD, select_thread, nullptr)) {
         sdk_log_msg("sdk_thread_create s_os_main_thread fail");
         return 0;
     }
+    built->event_thread = true;
     if (!sdk_thread_create(&s_rt.timer_thread, 0, os_timer_thread, nullptr)) {
         sdk_log_msg("sdk_thread_create s_os_timer_thread fail");
         return 0;
     }
     return 1;
+}
+
+}  // namespace
+
+int runtime_engine_start(void) {
+    EngineBuilt built;
+    if (engine_build(&built)) return 1;
+    engine_undo(built);
+    return 0;
 }
 
 sdk_thread_t runtime_event_thread(void) { return s_rt.event_thread; }
