@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "korvex/korvex.h"
+#include "platform/alloc.h"
 
 namespace {
 
@@ -98,7 +99,7 @@ void write_through_copy(FILE *src, const char *path, const char *header, const c
     if (n < 0 || n >= (int)sizeof(tmp)) return;
     int fd = mkstemp(tmp);
     if (fd < 0) return;
-    FILE *out = fdopen(fd, "w");
+    FILE *out = kx_alloc_refused() ? nullptr : fdopen(fd, "w");
     if (out == nullptr) {
         close(fd);
         unlink(tmp);
@@ -145,7 +146,7 @@ extern "C" {
 
 KX_API void IniReadValue(const char *section, const char *key, char *val, const char *path) {
     if (section == nullptr || key == nullptr || val == nullptr || path == nullptr) return;
-    FILE *fp = fopen(path, "r");
+    FILE *fp = kx_alloc_refused() ? nullptr : fopen(path, "r");
     if (fp == nullptr) return;
     char line[kLineSize];
     if (find_section(fp, section, line)) {
@@ -190,7 +191,7 @@ KX_API void IniWriteValue(const char *section, const char *key, const char *val,
     char new_line[kLineSize];
     int len = snprintf(new_line, sizeof(new_line), "%s=%s\n", key, val);
     if (len < 0 || len >= (int)sizeof(new_line)) return;  // would be read back in parts
-    FILE *fp = fopen(path, "r+");
+    FILE *fp = kx_alloc_refused() ? nullptr : fopen(path, "r+");
     if (fp == nullptr) return;
     WritePlan plan = survey(fp, section, key, len);
     if (plan == kInPlace || plan == kRewrite) rewind(fp);

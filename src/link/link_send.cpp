@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "platform/alloc.h"
 #include "link/link_internal.h"
 #include "log/log_internal.h"
 #include "net/net_internal.h"
@@ -102,7 +103,7 @@ int net_link_put_in_send_ls(_NetLink *link, const char *data, int size, int sent
     // An empty block would stand at the head for good: a send of 0 bytes reads as a full socket.
     if (sent < 0 || size - sent <= 0) return 0;
     uint32_t n = (uint32_t)(size - sent);
-    SendBlock *b = static_cast<SendBlock *>(malloc(sizeof(SendBlock) + n));
+    SendBlock *b = static_cast<SendBlock *>(kx_malloc(sizeof(SendBlock) + n));
     if (b == nullptr) {
         KX_LOG_ERR("net_link_put_in_send_ls malloc %u fail", n);
         return -1;
@@ -201,22 +202,13 @@ int net_link_package_send_data(_NetLink *link, const char *data, int size) {
     }
     uint32_t remote, local;
     head_addresses(link, &remote, &local);
-    uint8_t head[LINK_HEAD_SIZE];
-    link_write_data_head(head, link->seq++, size, local);
-    // The body is marked as the rest of its packet: an overflow never separates it from its head.
-    int ret;
-    {
-        SendLock lock(link);
-        ret = send_run(link, reinterpret_cast<const char *>(head), LINK_HEAD_SIZE, false);
-    }
-    if (ret < 0) {
-        KX_LOG_ERR("net_link_send_package failed");
-        return ret;
-    }
-    {
-        SendLock lock(link);
-        ret = send_run(link, data, size, true);
-    }
+    // Head and body go as one run: one queued block at most, so a block that cannot be had never
+    // leaves a head waiting without its body.
+    char packet[LINK_HEAD_SIZE + LINK_MAX_BODY];
+    memcpy(packet + LINK_HEAD_SIZE, data, (size_t)size);
+    SendLock lock(link);
+    link_write_data_head(reinterpret_cast<uint8_t *>(packet), link->seq++, size, local);
+    int ret = send_run(link, packet, LINK_HEAD_SIZE + size, false);
     if (ret < 0) KX_LOG_ERR("net_link_send_package failed");
     return ret;
 }

@@ -8,6 +8,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "platform/alloc.h"
 #include "log/log_internal.h"
 #include "platform/platform.h"
 
@@ -66,7 +67,7 @@ void open_log_file(const struct tm *tm) {
                      tm->tm_mon + 1, tm->tm_mday, (int)getpid())) {
         s_log.file_name[0] = '\0';
     } else {
-        s_log.fp = fopen(s_log.file_name, "a");
+        s_log.fp = kx_alloc_refused() ? nullptr : fopen(s_log.file_name, "a");
         // Child processes the caller starts don't inherit the log file.
         if (s_log.fp != nullptr) fcntl(fileno(s_log.fp), F_SETFD, FD_CLOEXEC);
     }
@@ -168,7 +169,7 @@ void check_delete_log_file(void) {
     KX_ASSERT_HELD(s_log.file_owner);
     char dir[KX_LOG_PATH_MAX + 2];
     if (!format_path(dir, "%s./", log_path())) return;
-    DIR *d = opendir(dir);
+    DIR *d = kx_alloc_refused() ? nullptr : opendir(dir);
     if (d == nullptr) return;
     const int64_t now = (int64_t)file_now();
     const int64_t keep = s_log.savetime;

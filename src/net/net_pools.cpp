@@ -5,6 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "platform/alloc.h"
 #include "log/log_internal.h"
 #include "net/net_internal.h"
 
@@ -111,7 +112,7 @@ int pool_build(NetPool<Slot> &pool, uint32_t max, const char *mutex_msg, const c
     }
     // At least one record of storage, so that a pool of 0 slots still has a valid address. Zeroed,
     // which is the starting state of a watcher.
-    Slot *slots = static_cast<Slot *>(calloc(max ? max : 1, sizeof(Slot)));
+    Slot *slots = static_cast<Slot *>(kx_calloc(max ? max : 1, sizeof(Slot)));
     if (slots == nullptr) {
         KX_LOG_ERR("%s", malloc_msg);
         return 0;

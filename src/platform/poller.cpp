@@ -1,3 +1,4 @@
+#include "platform/alloc.h"
 #include "platform/poller.h"
 
 #include <errno.h>
@@ -33,7 +34,7 @@ int ctl(KxPoller *p, int op, int fd, unsigned interest, void *tag) {
 KxPoller *kx_poller_create(void) {
     int fd = epoll_create1(EPOLL_CLOEXEC);
     if (fd < 0) return nullptr;
-    KxPoller *p = static_cast<KxPoller *>(malloc(sizeof(KxPoller)));
+    KxPoller *p = static_cast<KxPoller *>(kx_malloc(sizeof(KxPoller)));
     if (p == nullptr) {
         close(fd);
         return nullptr;
@@ -116,7 +117,7 @@ bool grow(T **arr, int *room, int need, T fill) {
     if (need <= *room) return true;
     int n = *room ? *room : 64;
     while (n < need) n *= 2;
-    T *a = static_cast<T *>(realloc(*arr, sizeof(T) * (size_t)n));
+    T *a = static_cast<T *>(kx_realloc(*arr, sizeof(T) * (size_t)n));
     if (a == nullptr) return false;
     for (int i = *room; i < n; i++) a[i] = fill;
     *arr = a;
@@ -127,7 +128,7 @@ bool grow(T **arr, int *room, int need, T fill) {
 }  // namespace
 
 KxPoller *kx_poller_create(void) {
-    KxPoller *p = static_cast<KxPoller *>(calloc(1, sizeof(KxPoller)));
+    KxPoller *p = static_cast<KxPoller *>(kx_calloc(1, sizeof(KxPoller)));
     if (p == nullptr) return nullptr;
     if (pipe(p->wake) != 0) {
         free(p);
@@ -161,7 +162,7 @@ int kx_poller_add(KxPoller *p, int fd, unsigned interest, void *tag) {
     if (grow(&p->pos, &p->pos_room, fd + 1, -1) && p->pos[fd] == -1 &&
         grow(&p->fds, &p->room, p->count + 1, pollfd{-1, 0, 0})) {
         int room = p->room;  // tags follow fds in size
-        void **t = static_cast<void **>(realloc(p->tags, sizeof(void *) * (size_t)room));
+        void **t = static_cast<void **>(kx_realloc(p->tags, sizeof(void *) * (size_t)room));
         if (t != nullptr) {
             p->tags = t;
             p->fds[p->count] = pollfd{fd, poll_mask(interest), 0};
@@ -214,7 +215,7 @@ int kx_poller_wait(KxPoller *p, KxPollEvent *events, int max, int timeout_ms) {
         errno = ENOMEM;
         return -1;
     }
-    void **t = static_cast<void **>(realloc(p->copy_tags, sizeof(void *) * (size_t)p->copy_room));
+    void **t = static_cast<void **>(kx_realloc(p->copy_tags, sizeof(void *) * (size_t)p->copy_room));
     if (t == nullptr) {
         pthread_mutex_unlock(&p->mutex);
         errno = ENOMEM;

@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "platform/alloc.h"
 #include "log/log_internal.h"
 #include "runtime/runtime_internal.h"
 #include "runtime/runtime_state.h"
@@ -272,7 +273,7 @@ void os_timer_walk(void) {
 
 int os_post_main_thread_func(MainThreadFuncCallback func, void *arg) {
     if (func == nullptr || s_rt.posted_ls == nullptr) return 0;
-    _MainThreadFunc *f = static_cast<_MainThreadFunc *>(malloc(sizeof(_MainThreadFunc)));
+    _MainThreadFunc *f = static_cast<_MainThreadFunc *>(kx_malloc(sizeof(_MainThreadFunc)));
     if (f == nullptr) return 0;
     f->func = func;
     f->arg = arg;
@@ -308,7 +309,7 @@ void os_timer_pause_ticks(int paused) {
 extern "C" {
 
 KX_API _SdkTimer *sdk_timer_create(SdkTimerCallback callback, uint32_t period, void *udata) {
-    _SdkTimer *timer = static_cast<_SdkTimer *>(malloc(sizeof(_SdkTimer)));
+    _SdkTimer *timer = static_cast<_SdkTimer *>(kx_malloc(sizeof(_SdkTimer)));
     if (timer == nullptr) {
         sdk_log_msg("malloc fail");
         return nullptr;

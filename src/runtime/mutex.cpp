@@ -2,6 +2,7 @@
 #include <pthread.h>
 #include <stdlib.h>
 
+#include "platform/alloc.h"
 #include "log/log_internal.h"
 
 extern "C" {
@@ -20,7 +21,7 @@ KX_API int sdk_mutex_init(sdk_mutex_t *mutex, int recursive) {
 }
 
 KX_API sdk_mutex_t *sdk_mutex_create(int recursive) {
-    sdk_mutex_t *mutex = static_cast<sdk_mutex_t *>(malloc(sizeof(sdk_mutex_t)));
+    sdk_mutex_t *mutex = static_cast<sdk_mutex_t *>(kx_malloc(sizeof(sdk_mutex_t)));
     if (mutex == nullptr) {
         KX_LOG_ERR("mutex is null");
         return nullptr;
