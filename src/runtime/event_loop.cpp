@@ -256,6 +256,14 @@ int runtime_engine_start(void) {
 
 sdk_thread_t runtime_event_thread(void) { return s_rt.event_thread; }
 
+uint32_t os_timer_count(void) {
+    if (s_rt.timer_ls == nullptr) return 0;
+    adt_dlist_lock(s_rt.timer_ls);
+    uint32_t n = adt_dlist_size(s_rt.timer_ls);
+    adt_dlist_unlock(s_rt.timer_ls);
+    return n;
+}
+
 void os_timer_walk(void) {
     adt_dlist_lock(s_rt.timer_ls);
     _OS_DListNode *node = adt_dlist_head(s_rt.timer_ls);

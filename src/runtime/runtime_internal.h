@@ -99,5 +99,7 @@ int os_post_main_thread_func(MainThreadFuncCallback func, void *arg);
 void os_timer_pause_ticks(int paused);
 
 // --- current state, for inspection ---
+// Timers in the timer list (0 before the engine start).
+uint32_t os_timer_count(void);
 sdk_thread_t runtime_event_thread(void);
 
