@@ -84,7 +84,8 @@ KX_API int sdk_thread_create(sdk_thread_t *thr, uint32_t stack_size, sdk_thread_
     }
     int ok = pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_JOINABLE) == 0 &&
              pthread_attr_setstacksize(&attr, stack_size == 0 ? 1048576u : stack_size) == 0 &&
-             func != nullptr && pthread_create(thr, &attr, func, arg) == 0;
+             func != nullptr && !kx_alloc_refused() /* the stack is an allocation too */ &&
+             pthread_create(thr, &attr, func, arg) == 0;
     pthread_attr_destroy(&attr);
     if (!ok) {
         KX_LOG_ERR("pthread_create fail");

@@ -271,7 +271,10 @@ TEST(AllocSweep, LogLinesAndFiles) {
 }
 
 TEST(AllocSweep, StartTimersLinks) {
-    const int fds = count_fds();
+    pthread_t warm;  // lets a sanitizer runtime start its helper threads before counting
+    pthread_create(&warm, nullptr, [](void *) -> void * { return nullptr; }, nullptr);
+    pthread_join(warm, nullptr);
+    const int fds = count_fds(), threads = count_in_dir("/proc/self/task");
     sweep("start", [&](long n) {
         kx_alloc_fail_at(n);
         int r = sdk_os_startup(0, 0);
@@ -280,6 +283,7 @@ TEST(AllocSweep, StartTimersLinks) {
             EXPECT_EQ(0, kx_start_count());
             EXPECT_FALSE(sdk_is_startup());
             EXPECT_EQ(fds, count_fds());
+            EXPECT_EQ(threads, count_in_dir("/proc/self/task"));  // a started event thread was joined
         } else {
             EXPECT_TRUE(sdk_is_startup());
         }
