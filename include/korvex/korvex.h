@@ -453,7 +453,8 @@ typedef struct _NetUdpClient {
 typedef struct _SdkTimer _SdkTimer;
 /** @ingroup timers
  *  A timer callback. Runs on the event thread with the main lock and the timer list lock held; it may
- *  create timers and destroy its own timer, but no other.
+ *  create timers and destroy any timer, its own included. A timer destroyed during a tick is not
+ *  called again, also later in the same tick.
  *  @param udata the value given to sdk_timer_create().
  *  @return not read. */
 typedef int (*SdkTimerCallback)(void *udata);
@@ -511,9 +512,11 @@ KX_API void sdk_os_sleep(uint32_t ms);
 KX_API _SdkTimer *sdk_timer_create(SdkTimerCallback callback, uint32_t period, void *udata);
 /** @ingroup timers
  *  Removes and frees a timer. From another thread it waits for a running timer walk to end, so the
- *  callback has finished and will not run again. A callback may destroy its own timer.
+ *  callback has finished and will not run again. A callback may destroy any timer; one destroyed
+ *  during the walk is freed when the walk ends.
  *  @param timer the timer.
- *  @return 1, or 0 for a null timer (logs "timer is null") or a refused removal. */
+ *  @return 1, or 0 for a null timer (logs "timer is null"), a timer destroyed already (logs
+ *          "sdk_timer_destroy: ... is no timer (destroyed already?)") or a refused removal. */
 KX_API int sdk_timer_destroy(_SdkTimer *timer);
 /** @ingroup startup
  *  Accepted for compatibility; no effect.
@@ -586,7 +589,9 @@ KX_API int net_tcp_client_get_status(_NetTcpClient *client);
  *  @param fd -1, or a connected descriptor (e.g. from net_tcp_server_accept()).
  *  @return 1 or 0 (e.g. "socket fail"). */
 KX_API int net_tcp_client_open(_NetTcpClient *client, int fd);
-/** One non-blocking send.
+/** One non-blocking send. It may race a close on another thread: it either ends before the close
+ *  or finds the client closed and gives -1, so its bytes never reach a socket that took the
+ *  descriptor number after the close.
  *  @param client the client.
  *  @param data the bytes.
  *  @param len their number.
@@ -815,8 +820,9 @@ KX_API int net_udp_client_drop_multicase(_NetUdpClient *client, const char *ip);
  *
  *  Threads and locks: the parser runs on the event thread under the main lock and the link's process
  *  lock; a caller thread shuts it out with net_link_lock(). The send calls may come from any thread,
- *  the parser included; they take the link's send lock, and the event thread flushes the queue when
- *  the socket has room. Null arguments log "param NULL" or "NULL == link" (error group).
+ *  the parser included; they take the link's send lock, which covers a packet's sequence number, its
+ *  head and its body, so numbers go out in order and packets never interleave; the event thread
+ *  flushes the queue when the socket has room. Null arguments log "param NULL" or "NULL == link" (error group).
  *  @{ */
 #define LINK_BUF_SIZE 2048 /**< bytes of a link's receive buffer */
 /* Head types handed to the parser. */
@@ -864,16 +870,23 @@ typedef struct _NetLink {
  *  then net_tcp_client_open() on the client.
  *  @return the link, or null (logs "malloc faild" and the like). */
 KX_API _NetLink *net_link_create(void);
-/** Closes and gives back the client, drops the queue and frees the link. Not from the link's own
- *  callbacks.
+/** Closes and gives back the client, drops the queue and frees the link; no client leads to the link
+ *  afterwards. Takes the main lock, so it waits for an event of the link under way; do not call it
+ *  while holding net_link_lock(). From the link's disconnect callback it is safe; inside the link's
+ *  parser it is refused.
  *  @param link the link; null is no error.
- *  @return 0. */
+ *  @return 0; -1 when called inside the link's own parser (logs the error "net_link_destroy ...
+ *          refused: called inside the link's own read event"; the link stays). */
 KX_API int net_link_destroy(_NetLink *link);
 /** Hands the client to the link: the client's user data becomes the link and its read, write and
- *  disconnect callbacks are the link's.
+ *  disconnect callbacks are the link's. A client the link held before is detached and is the
+ *  caller's again, to close and destroy: its user data is cleared and the link's callbacks are
+ *  unbound; the rest of a packet begun on it is dropped from the queue, whole packets wait for the
+ *  new client. Takes the main lock; do not call it while holding net_link_lock().
  *  @param link the link.
  *  @param client a disconnected client; the link owns it from now on.
- *  @return 0, or -1 (logs "NULL == link || NULL == client", or which bind failed). */
+ *  @return 0, or -1 (logs "NULL == link || NULL == client", "net_link_set_core: client ... belongs to
+ *          link ..." for a client another link holds, or which bind failed). */
 KX_API int net_link_set_core(_NetLink *link, struct _NetTcpClient *client);
 /** Stores the owner's value, handed to the parser and the disconnect callback.
  *  @param link the link.
@@ -957,8 +970,9 @@ KX_API int net_link_send_package(_NetLink *link, const char *data, int size);
  *  @param size at most 1440 (else logs "net_link_send_command invalid size %d").
  *  @return as net_link_send_package(). */
 KX_API int net_link_send_command(_NetLink *link, const char *data, int size);
-/** Sends any length in chunks of 1440 bytes, each behind a data head. A chunk's head and body go as
- *  one run: no other packet falls between them. Another thread's packet may fall between two chunks.
+/** Sends any length in chunks of 1440 bytes, each behind a data head. The chunks of one call follow
+ *  each other on the wire, with nothing of another sender between them or between a head and its
+ *  body.
  *  @param link the link.
  *  @param data the bytes.
  *  @param size their number, above 0.

@@ -10,6 +10,45 @@
 
 namespace {
 
+// The link whose read event runs on this thread, if any: the link's parser runs inside it, and the
+// link must outlive it. Thread-local, so reading it costs other threads nothing.
+thread_local _NetLink *s_link_in_read = nullptr;
+
+struct InRead {
+    explicit InRead(_NetLink *link) : prev(s_link_in_read) { s_link_in_read = link; }
+    ~InRead() { s_link_in_read = prev; }
+    InRead(const InRead &) = delete;
+    InRead &operator=(const InRead &) = delete;
+    _NetLink *prev;
+};
+
+// Holds a link's mtx_send for one scope.
+struct SendLock {
+    explicit SendLock(_NetLink *l) : link(l) { sdk_mutex_lock(link->mtx_send); }
+    ~SendLock() { sdk_mutex_unlock(link->mtx_send); }
+    SendLock(const SendLock &) = delete;
+    SendLock &operator=(const SendLock &) = delete;
+    _NetLink *link;
+};
+
+// The link a client serves: its user data, while the link's read callback is bound to it.
+_NetLink *owning_link(_NetTcpClient *client) {
+    if (client->on_read != net_client_read) return nullptr;
+    return static_cast<_NetLink *>(client_udata(client));
+}
+
+// Gives a client back to its caller as a bare client: its user data no longer leads to the link,
+// the link's callbacks are unbound and its write events no longer follow the link's queue. Main
+// lock held, so no event of the client is under way.
+void detach_client(_NetLink *link, _NetTcpClient *client) {
+    KX_ASSERT_MAIN_LOCK();
+    if (client_udata(client) == link) net_tcp_client_set_udata(client, nullptr);
+    if (client->on_read == net_client_read) net_tcp_client_bind_read(client, nullptr, nullptr);
+    if (client->on_disconnect == net_client_server_disconnect) net_tcp_client_bind_disconnect(client, nullptr, nullptr);
+    if (client->on_write == net_client_write) net_tcp_client_bind_write(client, nullptr, nullptr);
+    net_tcp_client_want_write(client, 0);
+}
+
 // Hands one packet to the parser under mtx_process. A parser that answers 999 passes the packet on
 // to whatever parser is bound by then (itself again, if it bound nothing else).
 void deliver(_NetLink *link, char *packet, int package_len) {
@@ -58,6 +97,7 @@ int net_client_read(_NetTcpClient *client, void *arg) {
     }
     _NetLink *link = static_cast<_NetLink *>(client_udata(client));
     if (link == nullptr) return -1;
+    InRead in_read(link);
     if (link->type != 0) link->time_count = 0;
     for (;;) {
         // A full buffer without a whole packet in it cannot make progress: a head that the scan
@@ -93,9 +133,10 @@ int net_client_server_disconnect(_NetTcpClient *client, void *arg) {
     // buffer, and the rest of a packet begun on the wire, which a new peer could only read spliced.
     // Whole queued packets stay and go out on the next connection.
     link->buf_len = 0;
-    sdk_mutex_lock(link->mtx_send);
-    link_drop_send_ls(link, false);
-    sdk_mutex_unlock(link->mtx_send);
+    {
+        SendLock lock(link);
+        link_drop_send_ls(link, false);
+    }
     if (link->disconnect_protocol != nullptr) link->disconnect_protocol(link, link->udata);
     return 0;
 }
@@ -129,11 +170,20 @@ KX_API _NetLink *net_link_create(void) {
     return link;
 }
 
-// The client's user data is cleared first, so an event that starts later finds no link; the close
-// then waits on the main lock for a dispatch under way. Only then is the link freed.
+// The client goes under the main lock, which waits for a dispatch under way: its user data is
+// cleared before the close, so the close reports no disconnect to the link and no later event
+// finds it. Only then is the link freed. Clients the link held before were detached when it took
+// the next one, so no client leads to the freed link.
 KX_API int net_link_destroy(_NetLink *link) {
     if (link == nullptr) return 0;
+    if (s_link_in_read == link) {
+        // The read event goes on with the link's buffer once the parser returns.
+        KX_LOG_ERR("net_link_destroy 0x%08x refused: called inside the link's own read event",
+                   (unsigned)(uintptr_t)link);
+        return -1;
+    }
     if (link->client != nullptr) {
+        MainLock main;
         net_tcp_client_set_udata(link->client, nullptr);
         net_tcp_client_close(link->client);
         net_tcp_client_destroy(link->client);
@@ -154,7 +204,23 @@ KX_API int net_link_set_core(_NetLink *link, _NetTcpClient *client) {
         KX_LOG_ERR("NULL == link || NULL == client");
         return -1;
     }
-    link->client = client;
+    // Under the main lock no event of either client is under way while the callbacks change hands.
+    MainLock main;
+    _NetLink *owner = owning_link(client);
+    if (owner != nullptr && owner != link) {
+        KX_LOG_ERR("net_link_set_core: client 0x%08x belongs to link 0x%08x", (unsigned)(uintptr_t)client,
+                   (unsigned)(uintptr_t)owner);
+        return -1;
+    }
+    _NetTcpClient *old = link->client;
+    if (old != nullptr && old != client) detach_client(link, old);
+    {
+        SendLock lock(link);
+        // The rest of a packet begun on the earlier connection could only reach the new peer
+        // spliced; whole packets wait for the new connection.
+        if (old != nullptr && old != client) link_drop_send_ls(link, false);
+        link->client = client;
+    }
     if (!net_tcp_client_set_udata(client, link)) {
         KX_LOG_ERR("net_tcp_client_set_udata faild");
         return -1;
@@ -172,9 +238,8 @@ KX_API int net_link_set_core(_NetLink *link, _NetTcpClient *client) {
         return -1;
     }
     // The write pump runs on demand: write events only while the send queue holds bytes.
-    sdk_mutex_lock(link->mtx_send);
+    SendLock lock(link);
     net_tcp_client_want_write(client, !adt_dlist_empty(link->send_buf_ls));
-    sdk_mutex_unlock(link->mtx_send);
     return 0;
 }
 

@@ -41,8 +41,19 @@ int net_client_write(_NetTcpClient *client, void *arg);
 int net_client_server_disconnect(_NetTcpClient *client, void *arg);
 
 // Send queue steps, called with mtx_send held where noted.
-// Copies data[sent, size) into a new block at the tail of the queue. 0, or -1 when the block
-// cannot be had (logged); nothing to copy queues nothing.
+// One run of bytes of a packet.
+struct LinkRun {
+    const char *data;
+    int size;  // 0 or more
+};
+// Puts one packet, made of n runs, onto the stream; mtx_send held. The runs go out back to back:
+// at once while the queue is empty, and whatever the socket refuses is copied into one block
+// behind the queue. The result of the flush that follows (0 or more), or -1 when the send failed or
+// the rest could not be queued; a packet begun on the wire whose rest cannot be queued ends the
+// connection (net_tcp_client_break) rather than reaching the peer cut short.
+int link_send_parts(_NetLink *link, const LinkRun *parts, int n);
+// Copies data[sent, size) into a new block at the tail of the queue; mtx_send held. 0, or -1 when
+// the block cannot be had (logged); nothing to copy queues nothing.
 int net_link_put_in_send_ls(_NetLink *link, const char *data, int size, int sent);
 // Sends from the head of the queue until the socket takes no more; mtx_send held. The count of the
 // last send, 0 for an empty queue, -1 on failure.

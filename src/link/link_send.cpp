@@ -11,9 +11,9 @@
 
 namespace {
 
-// One queued block: the unsent bytes follow the fields in the same allocation. A block that
-// continues a packet whose first bytes already left (the rest of a partly sent run, or the body
-// behind its data head) is marked, so that overflow and disconnect never cut a packet in two.
+// One queued block: the unsent bytes follow the fields in the same allocation. A block holds whole
+// packets (a data head and its body go into one block), or the rest of a packet whose first bytes
+// already left; such a block is marked, so that overflow and disconnect never cut a packet in two.
 struct SendBlock {
     uint32_t remain_len;
     char *cursor;
@@ -52,22 +52,52 @@ void head_addresses(_NetLink *link, uint32_t *remote, uint32_t *local) {
 // A block of which some bytes went out already.
 inline bool block_started(SendBlock *b) { return b->continues != 0 || b->cursor != block_data(b); }
 
-// Queues data[sent, size); the block continues a packet when some of it went out or when the run is
-// the rest of a packet begun before it.
-int queue_run(_NetLink *link, const char *data, int size, int sent, bool continues) {
-    if (size - sent <= 0) return 0;
-    if (net_link_put_in_send_ls(link, data, size, sent) < 0) return -1;
-    _OS_DListNode *tail = adt_dlist_end(link->send_buf_ls);
-    if (tail != nullptr && (continues || sent > 0)) block_at(tail)->continues = 1;
+// Queues the bytes of parts[0, n) from offset `skip` of their concatenation on, as one block. Marked
+// as the rest of a begun packet when skip is above 0.
+int queue_parts(_NetLink *link, const LinkRun *parts, int n, uint32_t skip) {
+    uint32_t total = 0;
+    for (int i = 0; i < n; i++) total += (uint32_t)parts[i].size;
+    if (total <= skip) return 0;  // an empty block would stand at the head for good
+    uint32_t len = total - skip;
+    SendBlock *b = static_cast<SendBlock *>(kx_malloc(sizeof(SendBlock) + len));
+    if (b == nullptr) {
+        KX_LOG_ERR("net_link_put_in_send_ls malloc %u fail", len);
+        return -1;
+    }
+    char *to = block_data(b);
+    for (int i = 0; i < n; i++) {
+        uint32_t size = (uint32_t)parts[i].size;
+        if (skip >= size) {
+            skip -= size;
+            continue;
+        }
+        memcpy(to, parts[i].data + skip, size - skip);
+        to += size - skip;
+        skip = 0;
+    }
+    b->cursor = block_data(b);
+    b->remain_len = len;
+    b->continues = len < total ? 1 : 0;
+    if (adt_dlist_add(link->send_buf_ls, nullptr, &b) == nullptr) {
+        KX_LOG_ERR("net_link_put_in_send_ls queue fail");
+        free(b);
+        return -1;
+    }
+    net_tcp_client_want_write(link->client, 1);  // the pump has bytes to send
     return 0;
 }
 
-// One run of bytes onto the stream, mtx_send held. A run that continues a packet (the body behind
-// its data head) never triggers the overflow: the packet's head may be waiting in the queue.
-int send_run(_NetLink *link, const char *data, int size, bool continues) {
-    int ret = 0;
-    uint32_t n = adt_dlist_size(link->send_buf_ls);
-    if (!continues && n >= (uint32_t)(g_iMaxPackageBufNum > 0 ? g_iMaxPackageBufNum : 1)) {
+}  // namespace
+
+// One packet onto the stream, mtx_send held: its parts (a head and a body, or one run of bytes)
+// follow each other with nothing between them, since every sender of the link goes through here
+// under the same lock. While nothing waits they go to the socket at once; what the socket refuses
+// is copied into one block behind the queue. A packet whose first bytes left but whose rest cannot
+// be kept (no memory) would reach the peer spliced with the next one: the connection is ended
+// instead, and the peer finds its next head on a new connection.
+int link_send_parts(_NetLink *link, const LinkRun *parts, int n) {
+    uint32_t blocks = adt_dlist_size(link->send_buf_ls);
+    if (blocks >= (uint32_t)(g_iMaxPackageBufNum > 0 ? g_iMaxPackageBufNum : 1)) {
         // A peer that reads nothing costs at most this many blocks. A packet already begun on the
         // wire is kept to its end, so the peer never reads two packets spliced into one; every whole
         // packet behind it goes.
@@ -78,47 +108,40 @@ int send_run(_NetLink *link, const char *data, int size, bool continues) {
         ip[15] = '\0';
         KX_LOG_ERR("net_link_send_package buffer overflow %d, this 0x%08x, ip = %s, port = %d, dropped %u packets "
                    "%llu bytes",
-                   (int)n, (unsigned)(uintptr_t)link, ip, port, dropped.packets, (unsigned long long)dropped.bytes);
+                   (int)blocks, (unsigned)(uintptr_t)link, ip, port, dropped.packets, (unsigned long long)dropped.bytes);
     }
-    if (adt_dlist_empty(link->send_buf_ls)) {
-        int sent = net_tcp_client_send(link->client, data, (uint32_t)size);
-        if (sent < 0)
-            ret = -1;
-        else if (sent < size && queue_run(link, data, size, sent, continues) < 0)
-            ret = -1;
-    } else if (queue_run(link, data, size, 0, continues) < 0) {
-        ret = -1;
+    if (!adt_dlist_empty(link->send_buf_ls)) {
+        if (queue_parts(link, parts, n, 0) < 0) return -1;
+    } else {
+        uint32_t sent = 0;  // bytes of this packet on the wire
+        for (int i = 0; i < n; i++) {
+            if (parts[i].size == 0) continue;
+            int r = net_tcp_client_send(link->client, parts[i].data, (uint32_t)parts[i].size);
+            if (r < 0) {
+                if (sent > 0) net_tcp_client_break(link->client);
+                return -1;
+            }
+            sent += (uint32_t)r;
+            if (r < parts[i].size) {
+                if (queue_parts(link, parts, n, sent) == 0) break;
+                if (sent > 0 && net_tcp_client_break(link->client))
+                    KX_LOG_ERR("net_link_send_package: packet cut short, connection ended, this 0x%08x",
+                               (unsigned)(uintptr_t)link);
+                return -1;
+            }
+        }
     }
-    if (ret >= 0) ret = net_link_send_buffer_data(link);
-    return ret;
+    return net_link_send_buffer_data(link);
 }
-
-}  // namespace
 
 int net_link_put_in_send_ls(_NetLink *link, const char *data, int size, int sent) {
     if (link == nullptr || data == nullptr) {
         KX_LOG_ERR("param NULL");
         return -1;
     }
-    // An empty block would stand at the head for good: a send of 0 bytes reads as a full socket.
     if (sent < 0 || size - sent <= 0) return 0;
-    uint32_t n = (uint32_t)(size - sent);
-    SendBlock *b = static_cast<SendBlock *>(kx_malloc(sizeof(SendBlock) + n));
-    if (b == nullptr) {
-        KX_LOG_ERR("net_link_put_in_send_ls malloc %u fail", n);
-        return -1;
-    }
-    memcpy(block_data(b), data + sent, n);
-    b->cursor = block_data(b);
-    b->remain_len = n;
-    b->continues = 0;
-    if (adt_dlist_add(link->send_buf_ls, nullptr, &b) == nullptr) {
-        KX_LOG_ERR("net_link_put_in_send_ls queue fail");
-        free(b);
-        return -1;
-    }
-    net_tcp_client_want_write(link->client, 1);  // the pump has bytes to send
-    return 0;
+    LinkRun run = {data, size};
+    return queue_parts(link, &run, 1, (uint32_t)sent);
 }
 
 void link_clear_send_ls(_NetLink *link) {
@@ -200,15 +223,15 @@ int net_link_package_send_data(_NetLink *link, const char *data, int size) {
         KX_LOG_ERR("net_link_package_send_data invalid size %d", size);
         return -1;
     }
+    // One hold of the send lock from the number to the body: numbers go out in the order they are
+    // taken, and no other packet stands between this head and its body.
+    SendLock lock(link);
     uint32_t remote, local;
     head_addresses(link, &remote, &local);
-    // Head and body go as one run: one queued block at most, so a block that cannot be had never
-    // leaves a head waiting without its body.
-    char packet[LINK_HEAD_SIZE + LINK_MAX_BODY];
-    memcpy(packet + LINK_HEAD_SIZE, data, (size_t)size);
-    SendLock lock(link);
-    link_write_data_head(reinterpret_cast<uint8_t *>(packet), link->seq++, size, local);
-    int ret = send_run(link, packet, LINK_HEAD_SIZE + size, false);
+    uint8_t head[LINK_HEAD_SIZE];
+    link_write_data_head(head, link->seq++, size, local);
+    const LinkRun parts[2] = {{reinterpret_cast<const char *>(head), LINK_HEAD_SIZE}, {data, size}};
+    int ret = link_send_parts(link, parts, 2);
     if (ret < 0) KX_LOG_ERR("net_link_send_package failed");
     return ret;
 }
@@ -236,7 +259,8 @@ KX_API int net_link_send_package(_NetLink *link, const char *data, int size) {
         return -1;
     }
     SendLock lock(link);
-    return send_run(link, data, size, false);
+    const LinkRun run = {data, size};
+    return link_send_parts(link, &run, 1);
 }
 
 KX_API int net_link_send_command(_NetLink *link, const char *data, int size) {
@@ -248,6 +272,8 @@ KX_API int net_link_send_command(_NetLink *link, const char *data, int size) {
         KX_LOG_ERR("net_link_send_command invalid size %d", size);
         return -1;
     }
+    // The number is taken under the send lock that also covers the send: numbers in wire order.
+    SendLock lock(link);
     uint32_t remote, local;
     head_addresses(link, &remote, &local);
     char packet[LINK_MAX_PACKAGE_LEN];
@@ -263,6 +289,8 @@ KX_API int net_link_send_data(_NetLink *link, const char *data, int size) {
         KX_LOG_ERR("param NULL");
         return -1;
     }
+    // The chunks of one call follow each other on the wire, as one message.
+    SendLock lock(link);
     int ret = -1;
     int off = 0;
     for (; size - off >= LINK_MAX_BODY; off += LINK_MAX_BODY) {

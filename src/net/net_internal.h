@@ -27,6 +27,11 @@ struct NetClientSlot {
     // Leaf lock, taken under the main lock or under a link's mtx_send and nothing taken inside: it
     // orders the interest changes of any thread with the stop of the watcher.
     pthread_mutex_t watch_mtx;
+    // Leaf lock of the descriptor's I/O: every send and read of another thread, and the close, run
+    // under it, so no byte goes out through (or comes in from) a descriptor number after the close
+    // has begun, when the system may already have handed that number to another socket. Held only
+    // for one non-blocking system call; nothing is taken inside.
+    pthread_mutex_t io_mtx;
     // Write events: 0 for a bare client (on whenever on_write is bound), 1 on demand (on while
     // want_write is 1). watch_mtx for writes; read anywhere.
     std::atomic<int> on_demand;
@@ -78,6 +83,12 @@ _NetUdpClient *pool_udp_at(uint32_t i);
 // one, which finds nothing to send). Any thread, without the main lock (a link calls it with its
 // mtx_send held); cheap when nothing changes.
 void net_tcp_client_want_write(_NetTcpClient *client, int want);
+// Ends the client's connection from any thread, without the main lock (a link calls it with its
+// mtx_send held): shuts the socket down under io_mtx, so nothing more goes out on it; the event
+// thread then sees the end and closes the client as for a peer that closed. For a stream that can
+// no longer stay whole (a packet begun on the wire whose rest cannot be kept). 1 when shut down, 0
+// for a client without a connection.
+int net_tcp_client_break(_NetTcpClient *client);
 // True while the event thread watches the client's descriptor; its current interest (KX_WATCH_*).
 bool net_tcp_client_watched(_NetTcpClient *client);
 unsigned net_tcp_client_interest(_NetTcpClient *client);
@@ -94,7 +105,8 @@ int net_set_nonblocking(int fd);
 int net_make_addr(bool v4, const char *ip, uint16_t port, sockaddr_storage *ss, socklen_t *len);
 
 // status, connectfd and udata of a client are written under the main lock (udata also by its
-// owner) and read without it by the send, read and query calls and by the link: all accesses go
+// owner; the close writes status and connectfd under io_mtx as well) and read without it by the
+// query calls and by the link, and under io_mtx by the send and read calls: all accesses go
 // through these.
 inline int32_t client_status(const _NetTcpClient *c) { return __atomic_load_n(&c->status, __ATOMIC_ACQUIRE); }
 inline void client_set_status(_NetTcpClient *c, int32_t v) { __atomic_store_n(&c->status, v, __ATOMIC_RELEASE); }

@@ -150,6 +150,7 @@ int net_pools_build(uint32_t clientnum, uint32_t servernum) {
     for (uint32_t i = 0; i < clients; i++) {
         NetClientSlot &s = s_net.clients.slots[i];
         pthread_mutex_init(&s.watch_mtx, nullptr);
+        pthread_mutex_init(&s.io_mtx, nullptr);
         s.read_left = -1;
     }
     if (!pool_build(s_net.servers, servernum, "sdk_mutex_init s_net_servers_mutex fail", "malloc NetTcpServer fail") ||

@@ -32,6 +32,20 @@ struct WatchLock {
     NetClientSlot *slot;
 };
 
+// Holds a client's io_mtx for one scope. A record outside the pool has no lock: its owner
+// serialises its I/O with its close.
+struct IoLock {
+    explicit IoLock(NetClientSlot *s) : slot(s) {
+        if (slot != nullptr) pthread_mutex_lock(&slot->io_mtx);
+    }
+    ~IoLock() {
+        if (slot != nullptr) pthread_mutex_unlock(&slot->io_mtx);
+    }
+    IoLock(const IoLock &) = delete;
+    IoLock &operator=(const IoLock &) = delete;
+    NetClientSlot *slot;
+};
+
 // What the client's watcher asks for now: read always; write while connecting, and once connected
 // while a bare client has on_write bound or an on-demand client has bytes waiting. watch_mtx held.
 unsigned wanted_interest(NetClientSlot *s) {
@@ -50,21 +64,27 @@ int on_client_event(KxWatcher *w, unsigned events);
 
 // Closes the socket of a client and fires on_disconnect when it was connecting or connected. The
 // watcher stops before the descriptor is closed, so its number cannot come back through another
-// open while the old registration still stands. Main lock held.
+// open while the old registration still stands. The status drops and the descriptor closes under
+// io_mtx: a send or read of another thread either ends before the close or finds the client
+// disconnected, and never reaches whatever socket takes the number next. Main lock held.
 void close_connection(_NetTcpClient *client) {
     KX_ASSERT_MAIN_LOCK();
     NetClientSlot *s = client_slot(client);
     int fd = client_fd(client);
-    if (fd != -1) {
-        if (s != nullptr) {
-            WatchLock lock(s);
-            kx_watch_stop(&s->watch);
-        }
-        close(fd);
-        client_set_fd(client, -1);
+    if (fd != -1 && s != nullptr) {
+        WatchLock lock(s);
+        kx_watch_stop(&s->watch);
     }
-    int was = client_status(client);
-    client_set_status(client, 0);
+    int was;
+    {
+        IoLock io(s);
+        was = client_status(client);
+        client_set_status(client, 0);
+        if (fd != -1) {
+            close(fd);
+            client_set_fd(client, -1);
+        }
+    }
     if (was != 0) call(client->on_disconnect, client, client->disconnect_arg);
 }
 
@@ -291,6 +311,14 @@ void net_tcp_client_want_write(_NetTcpClient *client, int want) {
     if (s->watch.active.load() && (want || first)) kx_watch_set_interest(&s->watch, wanted_interest(s));
 }
 
+int net_tcp_client_break(_NetTcpClient *client) {
+    if (client == nullptr) return 0;
+    IoLock io(client_slot(client));
+    int fd = client_fd(client);
+    if (client_status(client) == 0 || fd == -1) return 0;
+    return shutdown(fd, SHUT_RDWR) == 0 ? 1 : 0;
+}
+
 bool net_tcp_client_watched(_NetTcpClient *client) {
     NetClientSlot *s = client_slot(client);
     return s != nullptr && s->watch.active.load();
@@ -433,6 +461,7 @@ KX_API int net_tcp_client_send(_NetTcpClient *client, const char *data, uint32_t
         sdk_log_msg("data is null");
         return -1;
     }
+    IoLock io(client_slot(client));
     int status = client_status(client);
     if (status == 1) return 0;
     if (status != 2) return -1;
@@ -451,8 +480,10 @@ KX_API int net_tcp_client_read(_NetTcpClient *client, char *buf, uint32_t len) {
         sdk_log_msg("data is null");
         return -1;
     }
+    NetClientSlot *s = client_slot(client);
+    IoLock io(s);
     if (client_status(client) != 2) return -1;
-    return share_recv(client_slot(client), client_fd(client), buf, len);
+    return share_recv(s, client_fd(client), buf, len);
 }
 
 KX_API int net_tcp_client_set_udata(_NetTcpClient *client, void *udata) {
@@ -498,6 +529,7 @@ KX_API int net_tcp_client_set_rcvbuf_len(_NetTcpClient *client, uint32_t len) {
         return 0;
     }
     int value = (int)len;
+    IoLock io(client_slot(client));
     if (setsockopt(client_fd(client), SOL_SOCKET, SO_RCVBUF, &value, sizeof(value)) != 0) {
         KX_LOG_ERR("%s", "");
         return 0;

@@ -27,6 +27,39 @@ const unsigned kPollBits[3] = {KX_POLL_IN, KX_POLL_OUT, KX_POLL_ERR};
 unsigned poll_interest(unsigned interest) { return map_bits(interest, kWatchBits, kPollBits); }
 unsigned watch_events(unsigned poll_events) { return map_bits(poll_events, kPollBits, kWatchBits); }
 
+// Timer walks under way and timers destroyed during them, under the timer list's lock. A timer
+// destroyed while a walk may still reach it stays in the list, marked dead and never called, until
+// the outermost walk ends and sweeps it out: no walk ever steps onto a freed node, whatever a
+// callback destroys.
+struct TimerWalks {
+    int depth;      // walks under way (a callback may walk again on the same thread)
+    uint32_t dead;  // dead timers still in the list
+};
+TimerWalks s_timer_walks = {0, 0};
+
+// The node of a timer, found by its pointer, so that a pointer that is no timer (one destroyed
+// before) is refused without reading what it points to. List lock held.
+_OS_DListNode *find_timer(const _SdkTimer *timer) {
+    for (_OS_DListNode *node = adt_dlist_head(s_rt.timer_ls); node != nullptr; node = adt_dlist_next(node))
+        if (*static_cast<_SdkTimer **>(adt_dlist_getdata(node)) == timer) return node;
+    return nullptr;
+}
+
+// Frees the dead timers; list lock held, no walk under way.
+void sweep_dead_timers(void) {
+    _OS_DListNode *node = adt_dlist_head(s_rt.timer_ls);
+    while (node != nullptr && s_timer_walks.dead > 0) {
+        _OS_DListNode *next = adt_dlist_next(node);
+        _SdkTimer *timer = *static_cast<_SdkTimer **>(adt_dlist_getdata(node));
+        if (timer->dead) {
+            adt_dlist_delete(s_rt.timer_ls, node);
+            free(timer);
+            s_timer_walks.dead--;
+        }
+        node = next;
+    }
+}
+
 // Serving a pipe: one read of at most 32 bytes, all of which count as one event.
 void drain_pipe(int fd) {
     char buf[32];
@@ -258,24 +291,30 @@ sdk_thread_t runtime_event_thread(void) { return s_rt.event_thread; }
 
 uint32_t os_timer_count(void) {
     if (s_rt.timer_ls == nullptr) return 0;
+    uint32_t n = 0;
     adt_dlist_lock(s_rt.timer_ls);
-    uint32_t n = adt_dlist_size(s_rt.timer_ls);
+    for (_OS_DListNode *node = adt_dlist_head(s_rt.timer_ls); node != nullptr; node = adt_dlist_next(node))
+        if (!(*static_cast<_SdkTimer **>(adt_dlist_getdata(node)))->dead) n++;
     adt_dlist_unlock(s_rt.timer_ls);
     return n;
 }
 
+// No node leaves the list while a walk is under way (sdk_timer_destroy only marks a timer dead
+// then), so the next node is read after the callback, whatever it destroyed. A timer a callback
+// creates goes to the head, behind the walk, and is first counted at the next tick.
 void os_timer_walk(void) {
     adt_dlist_lock(s_rt.timer_ls);
-    _OS_DListNode *node = adt_dlist_head(s_rt.timer_ls);
-    while (node != nullptr) {
+    s_timer_walks.depth++;
+    for (_OS_DListNode *node = adt_dlist_head(s_rt.timer_ls); node != nullptr; node = adt_dlist_next(node)) {
         _SdkTimer *timer = *static_cast<_SdkTimer **>(adt_dlist_getdata(node));
-        node = adt_dlist_next(node);  // taken first: the callback may destroy its own timer
+        if (timer->dead) continue;
         timer->elapsed += 1000;
         if (timer->elapsed >= timer->period) {
             timer->elapsed = 0;
             if (timer->callback != nullptr) timer->callback(timer->udata);
         }
     }
+    if (--s_timer_walks.depth == 0 && s_timer_walks.dead > 0) sweep_dead_timers();
     adt_dlist_unlock(s_rt.timer_ls);
 }
 
@@ -326,13 +365,15 @@ KX_API _SdkTimer *sdk_timer_create(SdkTimerCallback callback, uint32_t period, v
     timer->period = period;
     timer->udata = udata;
     timer->elapsed = 0;
-    timer->node = nullptr;
+    timer->dead = false;
+    // Once the lock is released the timer is the event thread's too: nothing of it is read after.
+    bool listed = false;
     if (s_rt.timer_ls != nullptr) {
         adt_dlist_lock(s_rt.timer_ls);
-        timer->node = adt_dlist_insert(s_rt.timer_ls, nullptr, &timer);
+        listed = adt_dlist_insert(s_rt.timer_ls, nullptr, &timer) != nullptr;
         adt_dlist_unlock(s_rt.timer_ls);
     }
-    if (timer->node == nullptr) {
+    if (!listed) {
         KX_LOG_ERR("%s", "");
         free(timer);
         return nullptr;
@@ -347,11 +388,22 @@ KX_API int sdk_timer_destroy(_SdkTimer *timer) {
     }
     if (s_rt.timer_ls == nullptr) return 0;
     adt_dlist_lock(s_rt.timer_ls);
-    int ok = adt_dlist_delete(s_rt.timer_ls, timer->node);
+    _OS_DListNode *node = find_timer(timer);
+    int ok = 0;
+    if (node == nullptr || timer->dead) {
+        sdk_log_msg("sdk_timer_destroy: 0x%08x is no timer (destroyed already?)", (unsigned)(uintptr_t)timer);
+    } else if (s_timer_walks.depth > 0) {
+        // A walk may still reach it (this is a callback, or a walk this one runs inside): the
+        // walk's end frees it.
+        timer->dead = true;
+        s_timer_walks.dead++;
+        ok = 1;
+    } else {
+        ok = adt_dlist_delete(s_rt.timer_ls, node);
+        if (ok) free(timer);
+    }
     adt_dlist_unlock(s_rt.timer_ls);
-    if (!ok) return 0;
-    free(timer);
-    return 1;
+    return ok;
 }
 
 }  // extern "C"

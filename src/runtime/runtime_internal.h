@@ -78,7 +78,7 @@ struct _SdkTimer {
     uint32_t period;            // milliseconds
     void *udata;
     uint32_t elapsed;  // grows by 1000 per tick
-    _OS_DListNode *node;
+    bool dead;         // destroyed during a walk; freed when the walk ends (timer list lock)
 };
 
 // A function posted to run on the event thread; freed there after the call.
@@ -99,7 +99,7 @@ int os_post_main_thread_func(MainThreadFuncCallback func, void *arg);
 void os_timer_pause_ticks(int paused);
 
 // --- current state, for inspection ---
-// Timers in the timer list (0 before the engine start).
+// Live timers in the timer list (0 before the engine start).
 uint32_t os_timer_count(void);
 sdk_thread_t runtime_event_thread(void);
 
