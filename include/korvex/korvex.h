@@ -471,6 +471,8 @@ typedef int (*SdkTimerCallback)(void *udata);
  *  The client pool has max(clientnum, 200) slots; servernum sizes the server pool and the UDP pool.
  *  @param clientnum slots of the client pool; below 200 (0 too) gives 200.
  *  @param servernum slots of the server pool and of the UDP pool.
+ *  A start that fails leaves the library as it was: the start count unchanged, and every descriptor,
+ *  thread and pool of the attempt released, so a later start (once the cause is gone) runs afresh.
  *  @return 1 started or already started, 0 the engine start failed (the failing step logs, e.g.
  *          "sdk_thread_create s_os_main_thread fail"). */
 KX_API int sdk_os_startup(uint32_t clientnum, uint32_t servernum);
@@ -481,7 +483,7 @@ KX_API int sdk_os_cleanup(void);
 /** The engine start alone (pools, table, threads), without the start count and the log.
  *  @param clientnum slots of the client pool, as for sdk_os_startup().
  *  @param servernum slots of the server pool and of the UDP pool.
- *  @return 1, also when the engine runs already; 0 when a step failed. */
+ *  @return 1, also when the engine runs already; 0 when a step failed, with all it made released. */
 KX_API int inner_sdk_os_startup(uint32_t clientnum, uint32_t servernum);
 /** Closes the sockets of the server and UDP pools.
  *  @return 1. */
@@ -955,8 +957,10 @@ KX_API int net_link_check_timeout(_NetLink *link);
  *  @return 1 or 0 as net_tcp_client_get_remote(), -1 for a null argument. */
 KX_API int net_link_get_remote(_NetLink *link, char *ip, uint16_t *port);
 /** Sends bytes as they are. What the socket cannot take at once is copied into the queue, so the
- *  bytes are the caller's again on return. A queue that holds g_iMaxPackageBufNum blocks is dropped
- *  whole (logs the error "net_link_send_package buffer overflow ...") and the call fails.
+ *  bytes are the caller's again on return. A queue that holds g_iMaxPackageBufNum blocks overflows:
+ *  a packet already begun on the wire stays to its end, every whole packet behind it is dropped (logs
+ *  the error "net_link_send_package buffer overflow ..." with the packets and bytes dropped), and
+ *  these bytes then go or are queued as usual. A block that cannot be allocated fails the call.
  *  @param link the link.
  *  @param data the bytes.
  *  @param size their number.

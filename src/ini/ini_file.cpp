@@ -6,8 +6,10 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <fcntl.h>
 
 #include "korvex/korvex.h"
+#include "platform/alloc.h"
 
 namespace {
 
@@ -70,35 +72,27 @@ WritePlan survey(FILE *fp, const char *header, const char *key, long new_len) {
     return ferror(fp) ? kRefuse : plan;
 }
 
-// Every key line of the section has the length of the new line: each is overwritten byte for byte.
-void write_in_place(FILE *fp, const char *header, const char *key, const char *new_line) {
-    char line[kLineSize];
-    if (!find_section(fp, header, line)) return;
-    size_t key_len = strlen(key);
-    long start, taken;
-    while (next_line(fp, line, &start, &taken)) {
-        if (begins_with(line, key, key_len)) {
-            if (fseek(fp, start, SEEK_SET) != 0 || fputs(new_line, fp) == EOF) return;
-            // Output followed by input needs a positioning call in between.
-            if (fseek(fp, 0, SEEK_CUR) != 0) return;
-        } else if (line[0] == '[') {
-            return;
-        }
-    }
+// The one temporary name of a file's writes: the target's name with ".kxtmp" behind it. A writer
+// killed half way leaves at most this file, which the next write of the same file takes over or
+// removes.
+bool temp_name(const char *path, char (&real)[PATH_MAX], char (&tmp)[PATH_MAX + 16], const char **target) {
+    *target = realpath(path, real) != nullptr ? real : path;  // keep a symbolic link a link
+    int n = snprintf(tmp, sizeof(tmp), "%s.kxtmp", *target);
+    return n > 0 && n < (int)sizeof(tmp);
 }
 
-// Copies the file into a temporary file beside it with every key line of the section replaced,
-// then renames the copy over the file. On any failure the file stays as it was.
+// Copies the file into the temporary file beside it with every key line of the section replaced,
+// flushes it to the disk and renames it over the file, so that a reader, and a writer killed at
+// any point, leave the file either old or new. On any failure the file stays as it was.
 void write_through_copy(FILE *src, const char *path, const char *header, const char *key,
                         const char *new_line) {
     char real[PATH_MAX];
-    const char *target = realpath(path, real) != nullptr ? real : path;  // keep a symbolic link a link
     char tmp[PATH_MAX + 16];
-    int n = snprintf(tmp, sizeof(tmp), "%s.XXXXXX", target);
-    if (n < 0 || n >= (int)sizeof(tmp)) return;
-    int fd = mkstemp(tmp);
+    const char *target;
+    if (!temp_name(path, real, tmp, &target)) return;
+    int fd = open(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0) return;
-    FILE *out = fdopen(fd, "w");
+    FILE *out = kx_alloc_refused() ? nullptr : fdopen(fd, "w");
     if (out == nullptr) {
         close(fd);
         unlink(tmp);
@@ -145,7 +139,7 @@ extern "C" {
 
 KX_API void IniReadValue(const char *section, const char *key, char *val, const char *path) {
     if (section == nullptr || key == nullptr || val == nullptr || path == nullptr) return;
-    FILE *fp = fopen(path, "r");
+    FILE *fp = kx_alloc_refused() ? nullptr : fopen(path, "r");
     if (fp == nullptr) return;
     char line[kLineSize];
     if (find_section(fp, section, line)) {
@@ -190,14 +184,20 @@ KX_API void IniWriteValue(const char *section, const char *key, const char *val,
     char new_line[kLineSize];
     int len = snprintf(new_line, sizeof(new_line), "%s=%s\n", key, val);
     if (len < 0 || len >= (int)sizeof(new_line)) return;  // would be read back in parts
-    FILE *fp = fopen(path, "r+");
+    // Opened for update, though only read: a file the caller may not write is not written.
+    FILE *fp = kx_alloc_refused() ? nullptr : fopen(path, "r+");
     if (fp == nullptr) return;
+    // Every change goes through the copy, also one that keeps the line's length: several key lines
+    // rewritten in place one after the other could be cut between two of them.
     WritePlan plan = survey(fp, section, key, len);
-    if (plan == kInPlace || plan == kRewrite) rewind(fp);
-    if (plan == kInPlace)
-        write_in_place(fp, section, key, new_line);
-    else if (plan == kRewrite)
+    if (plan == kInPlace || plan == kRewrite) {
         write_through_copy(fp, path, section, key, new_line);
+    } else {
+        char real[PATH_MAX];
+        char tmp[PATH_MAX + 16];
+        const char *target;
+        if (temp_name(path, real, tmp, &target)) unlink(tmp);  // what a killed writer left
+    }
     fclose(fp);
 }
 

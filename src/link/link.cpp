@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "platform/alloc.h"
 #include "link/link_internal.h"
 #include "log/log_internal.h"
 #include "net/net_internal.h"
@@ -148,7 +149,7 @@ int net_client_server_disconnect(_NetTcpClient *client, void *arg) {
 extern "C" {
 
 KX_API _NetLink *net_link_create(void) {
-    _NetLink *link = static_cast<_NetLink *>(calloc(1, sizeof(_NetLink)));
+    _NetLink *link = static_cast<_NetLink *>(kx_calloc(1, sizeof(_NetLink)));
     if (link == nullptr) {
         KX_LOG_ERR("malloc faild");
         return nullptr;

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "platform/alloc.h"
 #include "link/link_internal.h"
 #include "log/log_internal.h"
 #include "net/net_internal.h"
@@ -63,7 +64,7 @@ int queue_parts(_NetLink *link, const LinkRun *parts, int n, uint32_t skip) {
     for (int i = 0; i < n; i++) total += (uint32_t)parts[i].size;
     if (total <= skip) return 0;  // an empty block would stand at the head for good
     uint32_t len = total - skip;
-    SendBlock *b = static_cast<SendBlock *>(malloc(sizeof(SendBlock) + len));
+    SendBlock *b = static_cast<SendBlock *>(kx_malloc(sizeof(SendBlock) + len));
     if (b == nullptr) {
         KX_LOG_ERR("net_link_put_in_send_ls malloc %u fail", len);
         return -1;

@@ -11,9 +11,11 @@
 
 #include "log/log_internal.h"
 
-// The storage of the two log mutexes lives for the whole process: the event thread outlives the
-// last stop and may be inside a log call when the handles are dropped, so the mutex itself is never
-// destroyed. Both are non-recursive; where the platform has it they check errors, so a closing call
+namespace {
+
+// The storage of the log mutexes lives for the whole process: the event thread outlives the last
+// stop and may be inside a log call when the handles are dropped, so a mutex itself is never
+// destroyed. They are non-recursive; where the platform has it they check errors, so a closing call
 // without an open record cannot release a lock that another thread holds.
 #if defined(PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP)
 #define KX_LOG_MUTEX_INIT PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP
@@ -21,31 +23,37 @@
 #define KX_LOG_MUTEX_INIT PTHREAD_MUTEX_INITIALIZER
 #endif
 
-LogState s_log = {
+// The line composer's process-wide state: one record, one instance. Each field names what guards it.
+struct LogLineState {
+    // Levels and switches: single integers read without a lock by every logging thread while the
+    // log check on the event thread or a caller may change them; a reader sees the old or the new
+    // value. Atomic.
+    std::atomic<int> level;        // terminal threshold
+    std::atomic<int> file_level;   // file threshold
+    std::atomic<int> api_control;  // 1 once sdk_log_set_level has taken over from the file
+    std::atomic<int> write_file;   // the file switch given to sdk_log_set_level
+    // The error record mutex's storage, the handle of the current start, and its holder.
+    sdk_mutex_t buf_storage;
+    std::atomic<sdk_mutex_t *> buf_mtx;
+    KxLockOwner buf_owner;  // written by the holder of buf_storage
+    // The error record being composed. buf_storage.
+    char buf[4096];
+    int buf_idx;
+};
+
+LogLineState s_log = {
     /*level*/ {SDK_LOG_LEVEL_MSG},
     /*file_level*/ {SDK_LOG_LEVEL_MSG},
     /*api_control*/ {0},
     /*write_file*/ {0},
-    /*pause_write*/ {0},
-    /*file_size*/ {2048},
-    /*savetime*/ {2592000},
-    /*diskfree_percent*/ {0},
-    /*path_state*/ {0},
-    /*path*/ "",
     /*buf_storage*/ KX_LOG_MUTEX_INIT,
-    /*file_storage*/ KX_LOG_MUTEX_INIT,
     /*buf_mtx*/ {nullptr},
-    /*file_mtx*/ {nullptr},
     /*buf_owner*/ {},
-    /*file_owner*/ {},
     /*buf*/ "",
     /*buf_idx*/ 0,
-    /*fp*/ nullptr,
-    /*file_name*/ "",
-    /*last_file_name*/ "",
-    /*file_day*/ -1,
-    /*clock*/ {nullptr},
 };
+
+}  // namespace
 
 namespace {
 
@@ -89,10 +97,10 @@ void end_line(char *line, int *idx) {
     line[*idx] = '\0';
 }
 
-// Hands a finished line to the file step when the file sink takes it. Without a time of its own
+// Hands a finished line down to the file sink when that sink takes it. Without a time of its own
 // the clock is read again; that reading only selects the day of the file.
 void to_file(const char *line, int len, int level, const struct tm *when) {
-    if (!isOutputLogString(1, level) || s_log.pause_write || !isWriteLog()) return;
+    if (!isOutputLogString(1, level) || !isWriteLog()) return;
     struct tm tm;
     if (when == nullptr) {
         time_t t = time(nullptr);
@@ -156,24 +164,53 @@ void err_doit_unlock(int errflag, int error, const char *fmt, va_list ap) {
 
 }  // namespace
 
+namespace {
+
+// Sets the handle to the process-lifetime storage when it is null.
 sdk_mutex_t *log_buf_mutex(void) {
     if (s_log.buf_mtx == nullptr) s_log.buf_mtx = &s_log.buf_storage;
     return &s_log.buf_storage;
 }
 
-sdk_mutex_t *log_file_mutex(void) {
-    if (s_log.file_mtx == nullptr) s_log.file_mtx = &s_log.file_storage;
-    return &s_log.file_storage;
-}
+}  // namespace
 
 void log_create_mutexes(void) {
     log_buf_mutex();
-    log_file_mutex();
+    log_file_take_mutex();
 }
 
 void log_release_mutexes(void) {
     s_log.buf_mtx = nullptr;
-    s_log.file_mtx = nullptr;
+    log_file_drop_mutex();
+}
+
+int log_api_control(void) { return s_log.api_control; }
+void log_give_back_levels(void) { s_log.api_control = 0; }
+bool log_buf_mutex_taken(void) { return s_log.buf_mtx.load() != nullptr; }
+
+void update_log_config(void) {
+    char ini[KX_LOG_PATH_MAX];
+    // Never cut with an accepted directory; a path that could not be built reads as a missing file.
+    int n = snprintf(ini, sizeof(ini), "%ssdk_log_config.ini", log_path());
+    if (n < 0 || n >= (int)sizeof(ini)) ini[0] = '\0';
+    if (!s_log.api_control) {
+        s_log.level = readIntValue("Terminal", "Level", SDK_LOG_LEVEL_MSG, ini);
+        s_log.file_level = readIntValue("File", "Level", SDK_LOG_LEVEL_MSG, ini);
+    }
+    int size = readIntValue("File", "Size", 2048, ini);
+    // Days to seconds in 64 bits: every day count the file can hold keeps its meaning.
+    int64_t savetime = (int64_t)readIntValue("File", "SavaTime", 30, ini) * 86400;
+    log_file_configure(size, savetime, readIntValue("File", "FreePercent", 0, ini));
+}
+
+int on_check_log_timer(void *arg) {
+    (void)arg;
+    update_log_config();
+    if (isWriteLog()) {
+        check_oversize_log_file();
+        check_diskfreesize_writelog();
+    }
+    return 0;
 }
 
 int isOutputLogString(int sink, int level) {
@@ -233,26 +270,17 @@ KX_API int sdk_log_buf_msg(const char *fmt, ...) {
     return n;
 }
 
-KX_API void sdk_err_buf_msg_unlock(const char *fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    err_doit_unlock(0, 0, fmt, ap);
-    va_end(ap);
-}
-
-KX_API void sdk_log_buf_msg_unlock(const char *fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    err_doit_unlock(0, 0, fmt, ap);
-    va_end(ap);
-}
-
-KX_API void sdk_log_buf_quit_unlock(const char *fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    err_doit_unlock(0, 0, fmt, ap);
-    va_end(ap);
-}
+// Three names for one operation: they close the record with the message.
+#define KX_LOG_CLOSE_RECORD(name)              \
+    KX_API void name(const char *fmt, ...) {   \
+        va_list ap;                            \
+        va_start(ap, fmt);                     \
+        err_doit_unlock(0, 0, fmt, ap);        \
+        va_end(ap);                            \
+    }
+KX_LOG_CLOSE_RECORD(sdk_err_buf_msg_unlock)
+KX_LOG_CLOSE_RECORD(sdk_log_buf_msg_unlock)
+KX_LOG_CLOSE_RECORD(sdk_log_buf_quit_unlock)
 
 KX_API void sdk_err_buf_quit_unlock(const char *fmt, ...) {
     int error = errno;

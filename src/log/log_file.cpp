@@ -1,6 +1,6 @@
-// The file side of the log: where a finished line goes on disk. It owns the log directory, the
-// configuration file sdk_log_config.ini, the dated log file of the process with its daily change
-// of name, the rotation by size, the deletion of expired files and the free-disk guard.
+// The file sink of the log: where a finished line goes on disk. It owns the log directory, the
+// dated log file of the process with its daily change of name, the rotation by size, the deletion
+// of expired files, the free-disk guard and the file mutex. It calls nothing of the line composer.
 #include <dirent.h>
 #include <fcntl.h>
 #include <string.h>
@@ -8,10 +8,63 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <atomic>
+
+#include "platform/alloc.h"
 #include "log/log_internal.h"
 #include "platform/platform.h"
 
 namespace {
+
+// The storage of the file mutex lives for the whole process (see log.cpp for why); non-recursive,
+// error-checking where the platform has it.
+#if defined(PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP)
+#define KX_LOG_FILE_MUTEX_INIT PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP
+#else
+#define KX_LOG_FILE_MUTEX_INIT PTHREAD_MUTEX_INITIALIZER
+#endif
+
+// The file sink's process-wide state: one record, one instance. Each field names what guards it.
+struct LogFileState {
+    // Log directory with a trailing "/"; empty means the current directory. Set at most once:
+    // path_state (atomic) is 0 no directory, 1 being set, 2 set; path is written only in state 1
+    // and read only in state 2 (through log_path()).
+    std::atomic<int> path_state;
+    char path[KX_LOG_PATH_MAX];
+    // Limits of sdk_log_config.ini, set by each check, and the free-disk guard's hold. Atomic.
+    std::atomic<int> file_size;         // MiB for a file and its rotated copy together
+    std::atomic<int64_t> savetime;      // retention in seconds
+    std::atomic<int> diskfree_percent;  // lowest free disk share; 0 turns the guard off
+    std::atomic<int> pause_write;       // the guard holds the file back
+    // The file mutex's storage and the handle of the current start (dropped by the last stop).
+    sdk_mutex_t storage;
+    std::atomic<sdk_mutex_t *> mtx;
+    KxLockOwner owner;  // written by the holder of storage
+    // The open log file, its name, the name of its rotated copy and its day. storage.
+    FILE *fp;
+    char file_name[KX_LOG_PATH_MAX];
+    char last_file_name[KX_LOG_PATH_MAX];
+    int file_day;
+    // Test seam: "now" for the file's date and the retention (null: the real clock). Atomic.
+    std::atomic<time_t (*)(void)> clock;
+};
+
+LogFileState s_file = {
+    /*path_state*/ {0},
+    /*path*/ "",
+    /*file_size*/ {2048},
+    /*savetime*/ {2592000},
+    /*diskfree_percent*/ {0},
+    /*pause_write*/ {0},
+    /*storage*/ KX_LOG_FILE_MUTEX_INIT,
+    /*mtx*/ {nullptr},
+    /*owner*/ {},
+    /*fp*/ nullptr,
+    /*file_name*/ "",
+    /*last_file_name*/ "",
+    /*file_day*/ -1,
+    /*clock*/ {nullptr},
+};
 
 // The longest name a log file takes behind the directory: "log_sdk_YYYY-MM-DD_" (19), a process id
 // of up to 10 digits and "old" for the rotated copy. A directory is accepted only if that fits, so
@@ -22,20 +75,20 @@ constexpr char kLogPrefix[] = "log_sdk_";
 constexpr size_t kLogPrefixLen = sizeof(kLogPrefix) - 1;
 
 time_t file_now(void) {
-    time_t (*clock)(void) = s_log.clock.load();
+    time_t (*clock)(void) = s_file.clock.load();
     return clock != nullptr ? clock() : time(nullptr);
 }
 
 // Holds the log file mutex for one scope.
 struct FileLock {
-    sdk_mutex_t *mtx = log_file_mutex();
     FileLock() {
-        pthread_mutex_lock(mtx);
-        s_log.file_owner.acquired();
+        log_file_take_mutex();
+        pthread_mutex_lock(&s_file.storage);
+        s_file.owner.acquired();
     }
     ~FileLock() {
-        s_log.file_owner.releasing();
-        pthread_mutex_unlock(mtx);
+        s_file.owner.releasing();
+        pthread_mutex_unlock(&s_file.storage);
     }
     FileLock(const FileLock &) = delete;
     FileLock &operator=(const FileLock &) = delete;
@@ -53,25 +106,25 @@ inline bool exists(const char *path) {
 }
 
 void close_log_file(void) {
-    KX_ASSERT_HELD(s_log.file_owner);
-    if (s_log.fp != nullptr) fclose(s_log.fp);
-    s_log.fp = nullptr;
+    KX_ASSERT_HELD(s_file.owner);
+    if (s_file.fp != nullptr) fclose(s_file.fp);
+    s_file.fp = nullptr;
 }
 
-// Opens the file of the given date in append mode. A failed open leaves s_log.fp null, so the next
+// Opens the file of the given date in append mode. A failed open leaves s_file.fp null, so the next
 // line tries again; the directory walk of the retention runs only after a successful open.
 void open_log_file(const struct tm *tm) {
-    KX_ASSERT_HELD(s_log.file_owner);
-    if (!format_path(s_log.file_name, "%slog_sdk_%04d-%02d-%02d_%d", log_path(), tm->tm_year + 1900,
+    KX_ASSERT_HELD(s_file.owner);
+    if (!format_path(s_file.file_name, "%slog_sdk_%04d-%02d-%02d_%d", log_path(), tm->tm_year + 1900,
                      tm->tm_mon + 1, tm->tm_mday, (int)getpid())) {
-        s_log.file_name[0] = '\0';
+        s_file.file_name[0] = '\0';
     } else {
-        s_log.fp = fopen(s_log.file_name, "a");
+        s_file.fp = kx_alloc_refused() ? nullptr : fopen(s_file.file_name, "a");
         // Child processes the caller starts don't inherit the log file.
-        if (s_log.fp != nullptr) fcntl(fileno(s_log.fp), F_SETFD, FD_CLOEXEC);
+        if (s_file.fp != nullptr) fcntl(fileno(s_file.fp), F_SETFD, FD_CLOEXEC);
     }
-    s_log.file_day = tm->tm_mday;
-    if (s_log.fp != nullptr) check_delete_log_file();
+    s_file.file_day = tm->tm_mday;
+    if (s_file.fp != nullptr) check_delete_log_file();
 }
 
 // A regular file itself, not a link to one; the entry's type when the directory gives it.
@@ -88,7 +141,7 @@ bool is_regular_entry(const struct dirent *entry, const char *path) {
 }  // namespace
 
 const char *log_path(void) {
-    return s_log.path_state.load(std::memory_order_acquire) == 2 ? s_log.path : "";
+    return s_file.path_state.load(std::memory_order_acquire) == 2 ? s_file.path : "";
 }
 
 int log_set_path(const char *dir) {
@@ -97,18 +150,18 @@ int log_set_path(const char *dir) {
     bool slash = n > 0 && dir[n - 1] == '/';
     if (n == 0 || n + (slash ? 0 : 1) > (size_t)kLogDirMax) return 0;
     int expected = 0;
-    if (!s_log.path_state.compare_exchange_strong(expected, 1)) return 0;
-    memcpy(s_log.path, dir, n);
-    if (!slash) s_log.path[n++] = '/';
-    s_log.path[n] = '\0';
-    s_log.path_state.store(2, std::memory_order_release);
+    if (!s_file.path_state.compare_exchange_strong(expected, 1)) return 0;
+    memcpy(s_file.path, dir, n);
+    if (!slash) s_file.path[n++] = '/';
+    s_file.path[n] = '\0';
+    s_file.path_state.store(2, std::memory_order_release);
     return 1;
 }
 
 // The directory of the running executable. A path the platform can't give, or one too long for the
 // log's paths, leaves the log in the current directory.
 void update_log_path(void) {
-    if (s_log.path_state.load(std::memory_order_acquire) != 0) return;
+    if (s_file.path_state.load(std::memory_order_acquire) != 0) return;
     char exe[KX_LOG_PATH_MAX];
     if (!kx_platform_exe_path(exe, sizeof(exe))) return;
     char *slash = strrchr(exe, '/');
@@ -117,61 +170,51 @@ void update_log_path(void) {
     log_set_path(exe);
 }
 
-void update_log_config(void) {
-    char ini[KX_LOG_PATH_MAX];
-    // Never cut with an accepted directory; a path that could not be built reads as a missing file.
-    if (!format_path(ini, "%ssdk_log_config.ini", log_path())) ini[0] = '\0';
-    if (!s_log.api_control) {
-        s_log.level = readIntValue("Terminal", "Level", SDK_LOG_LEVEL_MSG, ini);
-        s_log.file_level = readIntValue("File", "Level", SDK_LOG_LEVEL_MSG, ini);
-    }
-    s_log.file_size = readIntValue("File", "Size", 2048, ini);
-    // Days to seconds in 64 bits: every day count the file can hold keeps its meaning.
-    s_log.savetime = (int64_t)readIntValue("File", "SavaTime", 30, ini) * 86400;
-    s_log.diskfree_percent = readIntValue("File", "FreePercent", 0, ini);
+void log_file_take_mutex(void) {
+    if (s_file.mtx == nullptr) s_file.mtx = &s_file.storage;
 }
 
-int on_check_log_timer(void *arg) {
-    (void)arg;
-    update_log_config();
-    check_oversize_log_file();
-    check_diskfreesize_writelog();
-    return 0;
+void log_file_drop_mutex(void) { s_file.mtx = nullptr; }
+
+void log_file_configure(int size_mib, int64_t savetime, int diskfree_percent) {
+    s_file.file_size = size_mib;
+    s_file.savetime = savetime;
+    s_file.diskfree_percent = diskfree_percent;
 }
 
 void log_file_write(const char *line, int len, const struct tm *tm) {
-    if (line == nullptr || len <= 0 || tm == nullptr) return;
+    if (line == nullptr || len <= 0 || tm == nullptr || s_file.pause_write) return;
     struct tm test_tm;
-    if (s_log.clock.load() != nullptr) {
+    if (s_file.clock.load() != nullptr) {
         time_t now = file_now();
         localtime_r(&now, &test_tm);
         tm = &test_tm;
     }
     FileLock lock;
-    if (s_log.fp == nullptr || !exists(s_log.file_name)) {
+    if (s_file.fp == nullptr || !exists(s_file.file_name)) {
         close_log_file();
         open_log_file(tm);
     }
-    if (s_log.file_day != tm->tm_mday) {
+    if (s_file.file_day != tm->tm_mday) {
         close_log_file();
         open_log_file(tm);
     }
-    if (s_log.fp != nullptr) {
-        fwrite(line, 1, (size_t)len, s_log.fp);
-        fflush(s_log.fp);
+    if (s_file.fp != nullptr) {
+        fwrite(line, 1, (size_t)len, s_file.fp);
+        fflush(s_file.fp);
     }
 }
 
 // Runs under the file mutex. The age of a file comes from the date in its name, counted from
 // midnight at the start of that date; rotated copies and files of other processes count alike.
 void check_delete_log_file(void) {
-    KX_ASSERT_HELD(s_log.file_owner);
+    KX_ASSERT_HELD(s_file.owner);
     char dir[KX_LOG_PATH_MAX + 2];
     if (!format_path(dir, "%s./", log_path())) return;
-    DIR *d = opendir(dir);
+    DIR *d = kx_alloc_refused() ? nullptr : opendir(dir);
     if (d == nullptr) return;
     const int64_t now = (int64_t)file_now();
-    const int64_t keep = s_log.savetime;
+    const int64_t keep = s_file.savetime;
     struct dirent *entry;
     while ((entry = readdir(d)) != nullptr) {
         if (strncmp(entry->d_name, kLogPrefix, kLogPrefixLen) != 0) continue;
@@ -203,49 +246,51 @@ int get_filesize(FILE *fp, int64_t *size) {
 
 // A file is rotated when it grows past half of the budget; the process keeps one rotated copy.
 void check_oversize_log_file(void) {
-    if (!isWriteLog()) return;
     FileLock lock;
     int64_t size = 0;
-    if (!get_filesize(s_log.fp, &size)) return;
-    const int64_t limit = (int64_t)s_log.file_size * 1048576 / 2;
+    if (!get_filesize(s_file.fp, &size)) return;
+    const int64_t limit = (int64_t)s_file.file_size * 1048576 / 2;
     if (size <= limit) return;
     char rotated[KX_LOG_PATH_MAX];
-    if (!format_path(rotated, "%sold", s_log.file_name)) return;
-    if (s_log.last_file_name[0] != '\0' && exists(s_log.last_file_name) && remove(s_log.last_file_name) != 0)
+    if (!format_path(rotated, "%sold", s_file.file_name)) return;
+    if (s_file.last_file_name[0] != '\0' && exists(s_file.last_file_name) && remove(s_file.last_file_name) != 0)
         return;  // nothing rotates; the next check tries again
     close_log_file();
-    if (rename(s_log.file_name, rotated) == 0) memcpy(s_log.last_file_name, rotated, sizeof(rotated));
+    if (rename(s_file.file_name, rotated) == 0) memcpy(s_file.last_file_name, rotated, sizeof(rotated));
 }
 
 // The guard looks at the file system of the current directory.
 void check_diskfreesize_writelog(void) {
-    if (!isWriteLog()) return;
     struct statvfs vfs;
     if (statvfs("./", &vfs) != 0) {
-        s_log.pause_write = 0;
+        s_file.pause_write = 0;
         return;
     }
     // free * 100 / total with the block size cancelled out, exact and without overflow.
     uint64_t avail = vfs.f_bavail, total = vfs.f_blocks;
     int64_t percent = total == 0 ? 0 : (int64_t)(avail / total * 100 + avail % total * 100 / total);
-    s_log.pause_write = percent < s_log.diskfree_percent ? 1 : 0;
+    s_file.pause_write = percent < s_file.diskfree_percent ? 1 : 0;
 }
 
 void log_file_set_clock(time_t (*clock)(void)) {
-    s_log.clock.store(clock);
+    s_file.clock.store(clock);
 }
 
 void log_file_forget(void) {
     FileLock lock;
     close_log_file();
-    s_log.file_name[0] = '\0';
-    s_log.last_file_name[0] = '\0';
-    s_log.file_day = -1;
+    s_file.file_name[0] = '\0';
+    s_file.last_file_name[0] = '\0';
+    s_file.file_day = -1;
 }
 
 void log_file_names(char *current, char *rotated, size_t size) {
     FileLock lock;
     if (current != nullptr && size > 0)
-        snprintf(current, size, "%s", s_log.fp != nullptr ? s_log.file_name : "");
-    if (rotated != nullptr && size > 0) snprintf(rotated, size, "%s", s_log.last_file_name);
+        snprintf(current, size, "%s", s_file.fp != nullptr ? s_file.file_name : "");
+    if (rotated != nullptr && size > 0) snprintf(rotated, size, "%s", s_file.last_file_name);
 }
+
+int log_file_size_mib(void) { return s_file.file_size; }
+int64_t log_file_savetime(void) { return s_file.savetime; }
+int log_file_paused(void) { return s_file.pause_write; }

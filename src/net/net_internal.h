@@ -72,6 +72,10 @@ NetClientSlot *client_slot(_NetTcpClient *c);
 // Builds the three pools at the engine start: max(clientnum, 200) client slots, servernum server
 // and UDP slots. Logs the failing step and gives 0.
 int net_pools_build(uint32_t clientnum, uint32_t servernum);
+// Frees the pools of a start that failed, so that the next start builds them afresh.
+void net_pools_release(void);
+// Closes the descriptors of the server and UDP slots in use; the records keep their fields.
+void net_pools_close_sockets(void);
 // Takes the lowest free slot, zeroed, with index, type and a fresh session set; null and the pool's
 // "... num out" line when the pool is full.
 _NetTcpClient *pool_take_client(void);

@@ -1,9 +1,11 @@
-// The three pools of network records and the engine start: pools first, then the event engine.
+// The three pools of network records: built by the library's start, never released once it has
+// succeeded.
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
+#include "platform/alloc.h"
 #include "log/log_internal.h"
 #include "net/net_internal.h"
 
@@ -115,7 +117,7 @@ int pool_build(NetPool<Slot> &pool, uint32_t max, const char *mutex_msg, const c
     }
     // At least one record of storage, so that a pool of 0 slots still has a valid address. Zeroed,
     // which is the starting state of a watcher.
-    Slot *slots = static_cast<Slot *>(calloc(max ? max : 1, sizeof(Slot)));
+    Slot *slots = static_cast<Slot *>(kx_calloc(max ? max : 1, sizeof(Slot)));
     if (slots == nullptr) {
         KX_LOG_ERR("%s", malloc_msg);
         return 0;
@@ -126,7 +128,25 @@ int pool_build(NetPool<Slot> &pool, uint32_t max, const char *mutex_msg, const c
     return 1;
 }
 
+// Takes back what pool_build made; the pool is as before the start.
+template <typename Slot>
+void pool_release(NetPool<Slot> &pool) {
+    if (pool.slots == nullptr) return;
+    free(pool.slots);
+    pool.slots = nullptr;
+    pool.max = 0;
+    pool.num = 0;
+}
+
 }  // namespace
+
+void net_pools_release(void) {
+    if (s_net.clients.slots != nullptr)
+        for (uint32_t i = 0; i < s_net.clients.max; i++) pthread_mutex_destroy(&s_net.clients.slots[i].watch_mtx);
+    pool_release(s_net.clients);
+    pool_release(s_net.servers);
+    pool_release(s_net.udps);
+}
 
 int net_pools_build(uint32_t clientnum, uint32_t servernum) {
     uint32_t clients = clientnum > (uint32_t)KX_CLIENT_POOL_MIN ? clientnum : (uint32_t)KX_CLIENT_POOL_MIN;
@@ -138,10 +158,11 @@ int net_pools_build(uint32_t clientnum, uint32_t servernum) {
         pthread_mutex_init(&s.io_mtx, nullptr);
         s.read_left = -1;
     }
-    if (!pool_build(s_net.servers, servernum, "sdk_mutex_init s_net_servers_mutex fail", "malloc NetTcpServer fail"))
+    if (!pool_build(s_net.servers, servernum, "sdk_mutex_init s_net_servers_mutex fail", "malloc NetTcpServer fail") ||
+        !pool_build(s_net.udps, servernum, "sdk_mutex_init s_net_udps_mutex fail", "malloc NetUdpClient fail")) {
+        net_pools_release();
         return 0;
-    if (!pool_build(s_net.udps, servernum, "sdk_mutex_init s_net_udps_mutex fail", "malloc NetUdpClient fail"))
-        return 0;
+    }
     return 1;
 }
 
@@ -179,23 +200,9 @@ _NetTcpClient *pool_client_at(uint32_t i) { return i < s_net.clients.max ? &s_ne
 _NetTcpServer *pool_server_at(uint32_t i) { return i < s_net.servers.max ? &s_net.servers.slots[i] : nullptr; }
 _NetUdpClient *pool_udp_at(uint32_t i) { return i < s_net.udps.max ? &s_net.udps.slots[i] : nullptr; }
 
-extern "C" {
-
-KX_API int inner_sdk_os_startup(uint32_t clientnum, uint32_t servernum) {
-    if (sdk_is_startup()) return 1;
-    if (!net_pools_build(clientnum, servernum)) return 0;
-    if (!runtime_engine_start()) return 0;
-    runtime_engine_started();
-    return 1;
-}
-
-// Closes the sockets of the server and UDP pools; the records keep their fields.
-KX_API int inner_sdk_os_cleanup(void) {
+void net_pools_close_sockets(void) {
     for (uint32_t i = 0; i < s_net.servers.max; i++)
         if (s_net.servers.slots[i].index != -1) close(s_net.servers.slots[i].socketfd);
     for (uint32_t i = 0; i < s_net.udps.max; i++)
         if (s_net.udps.slots[i].index != -1) close(s_net.udps.slots[i].socketfd);
-    return 1;
 }
-
-}  // extern "C"

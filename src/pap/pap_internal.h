@@ -14,8 +14,9 @@ enum { PAP_PATH_LIMIT = PAP_MAX_KEYS, PAP_TEXT_LIMIT = PAP_MAX_WORDS };
 // 0 if every character of path is A-Z, 0-9, "_", tab or newline (the empty path too), else -1.
 int CheckCmds(const char *path);
 // Splits text into tab-separated heap words (leading white space skipped), at most limit of them.
-// A non-null entry is freed before it is reused. A word longer than PAP_MAX_WORD_LEN or a failed
-// allocation stops the splitting. Gives the number of words stored.
+// A non-null entry is freed before it is reused. A word longer than PAP_MAX_WORD_LEN stops the
+// splitting. Gives the number of words stored, or -1 when a word's copy could not be allocated (the
+// words stored so far stay in words for the caller to free).
 int ParseKeyNum(const char *text, char **words, int limit);
 // Walks the tree from the level whose first node is level, matching words[depth..num-1] key by key.
 // Gives the deepest matching node (null when not even the first word matched) and stores the index

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "platform/alloc.h"
 #include "pap/pap_internal.h"
 
 const char *const const_end = "\n\n\n";
@@ -192,7 +193,7 @@ KX_API int Inner_RunCmd(_TProtFrame *frame, const char *text, int, void *user_da
     memset(&cmd, 0, sizeof(cmd));
     size_t len = strlen(text);
     cmd.len = len > INT_MAX ? INT_MAX : static_cast<int>(len);
-    cmd.text = static_cast<char *>(malloc(len + 1));
+    cmd.text = static_cast<char *>(kx_malloc(len + 1));
     int result = -1;
     if (cmd.text != nullptr) {
         memcpy(cmd.text, text, len + 1);

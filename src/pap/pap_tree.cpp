@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "platform/alloc.h"
 #include "pap/pap_internal.h"
 
 namespace {
@@ -18,7 +19,7 @@ bool is_space(char c) {
 }
 
 char *copy_word(const char *word, size_t len) {
-    char *copy = static_cast<char *>(malloc(len + 1));
+    char *copy = static_cast<char *>(kx_malloc(len + 1));
     if (copy == nullptr) return nullptr;
     memcpy(copy, word, len);
     copy[len] = '\0';
@@ -37,13 +38,31 @@ int register_path(_TProtFrame *frame, char **words, int num, pap_analyze_cbk ana
     // but cannot is refused before anything is built, so the caller never gets half of what it asked.
     if (spe && strlen(last) >= PAP_SLOT_LEN) return -1;
 
-    TProtNode *parent = node;
-    for (int i = index + 1; i < num - 1; i++) {
+    // Whatever this call builds hangs below `first`; a failure takes it all back, so a registration
+    // either stands whole or leaves the tree and the remain words as they were.
+    TProtNode *parent = node, *first = nullptr;
+    const uint64_t nodes_before = frame->node_num;
+    const int remain_before = frame->remain_num;
+    bool ok = true;
+    for (int i = index + 1; ok && i < num - 1; i++) {
         parent = RegisterCmdExact(frame, parent, words[i], analyze, deal);
-        if (parent == nullptr) return -1;
+        ok = parent != nullptr;
+        if (ok && first == nullptr) first = parent;
     }
-    if (spe && frame->remain_num < PAP_REMAIN_WORDS) reg_special_cmd_key(frame, last);
-    return RegisterCmdExact(frame, parent, last, analyze, deal) != nullptr ? 0 : -1;
+    if (ok) {
+        if (spe && frame->remain_num < PAP_REMAIN_WORDS) reg_special_cmd_key(frame, last);
+        TProtNode *made = RegisterCmdExact(frame, parent, last, analyze, deal);
+        if (made != nullptr) return 0;
+    }
+    if (first != nullptr) {
+        TProtNode **at = node != nullptr ? &node->child : &frame->root;
+        while (*at != first) at = &(*at)->next;
+        *at = nullptr;  // first went in last on its level
+        FreeAllNode(first, nullptr);
+    }
+    frame->node_num = nodes_before;
+    frame->remain_num = remain_before;
+    return -1;
 }
 
 }  // namespace
@@ -68,7 +87,7 @@ int ParseKeyNum(const char *text, char **words, int limit) {
         if (len > PAP_MAX_WORD_LEN) break;
         free(words[num]);
         words[num] = copy_word(p, len);
-        if (words[num] == nullptr) break;
+        if (words[num] == nullptr) return -1;  // never the words so far as if they were the whole text
         num++;
         if (p[len] == '\0') break;
         p += len + 1;
@@ -103,9 +122,9 @@ TProtNode *FindCmdNode(TProtNode *level, char **words, int num, int depth, int *
 }
 
 TProtLeaf *CreateLeafNode(TProtNode *node, pap_analyze_cbk analyze, pap_deal_cbk deal) {
-    TProtLeaf *leaf = static_cast<TProtLeaf *>(calloc(1, sizeof(TProtLeaf)));
+    TProtLeaf *leaf = static_cast<TProtLeaf *>(kx_calloc(1, sizeof(TProtLeaf)));
     if (leaf == nullptr) return nullptr;
-    leaf->params = static_cast<TParamDef *>(calloc(1, sizeof(TParamDef)));
+    leaf->params = static_cast<TParamDef *>(kx_calloc(1, sizeof(TParamDef)));
     if (leaf->params == nullptr) {
         free(leaf);
         return nullptr;
@@ -121,8 +140,8 @@ TProtLeaf *ReplaceLeafNode(TProtNode *node, pap_analyze_cbk analyze, pap_deal_cb
     if (node == nullptr || node->leaf_num < 0 || (node->leaf_num > 0 && node->leaves == nullptr))
         return nullptr;
     size_t old_num = static_cast<size_t>(node->leaf_num);
-    TProtLeaf *leaves = static_cast<TProtLeaf *>(calloc(old_num + 1, sizeof(TProtLeaf)));
-    TParamDef *def = static_cast<TParamDef *>(calloc(1, sizeof(TParamDef)));
+    TProtLeaf *leaves = static_cast<TProtLeaf *>(kx_calloc(old_num + 1, sizeof(TProtLeaf)));
+    TParamDef *def = static_cast<TParamDef *>(kx_calloc(1, sizeof(TParamDef)));
     if (leaves == nullptr || def == nullptr) {
         free(leaves);
         free(def);
@@ -149,7 +168,7 @@ void InsertNode(TProtNode **head, TProtNode *node) {
 TProtNode *RegisterCmdExact(_TProtFrame *frame, TProtNode *parent, const char *word, pap_analyze_cbk analyze,
                             pap_deal_cbk deal) {
     if (frame == nullptr || word == nullptr) return nullptr;
-    TProtNode *node = static_cast<TProtNode *>(calloc(1, sizeof(TProtNode)));
+    TProtNode *node = static_cast<TProtNode *>(kx_calloc(1, sizeof(TProtNode)));
     if (node == nullptr) return nullptr;
     node->parent = parent;
     node->key = copy_word(word, strlen(word));
@@ -206,7 +225,7 @@ void FreeAllNode(TProtNode *node, TProtNode *prev) {
 extern "C" {
 
 KX_API _TProtFrame *pap_init(void) {
-    return static_cast<_TProtFrame *>(calloc(1, sizeof(_TProtFrame)));
+    return static_cast<_TProtFrame *>(kx_calloc(1, sizeof(_TProtFrame)));
 }
 
 KX_API int pap_uninit(_TProtFrame *frame) {

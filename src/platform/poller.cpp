@@ -1,3 +1,4 @@
+#include "platform/alloc.h"
 #include "platform/poller.h"
 
 #include <errno.h>
@@ -33,13 +34,19 @@ int ctl(KxPoller *p, int op, int fd, unsigned interest, void *tag) {
 KxPoller *kx_poller_create(void) {
     int fd = epoll_create1(EPOLL_CLOEXEC);
     if (fd < 0) return nullptr;
-    KxPoller *p = static_cast<KxPoller *>(malloc(sizeof(KxPoller)));
+    KxPoller *p = static_cast<KxPoller *>(kx_malloc(sizeof(KxPoller)));
     if (p == nullptr) {
         close(fd);
         return nullptr;
     }
     p->epfd = fd;
     return p;
+}
+
+void kx_poller_destroy(KxPoller *p) {
+    if (p == nullptr) return;
+    close(p->epfd);
+    free(p);
 }
 
 int kx_poller_add(KxPoller *p, int fd, unsigned interest, void *tag) { return ctl(p, EPOLL_CTL_ADD, fd, interest, tag); }
@@ -110,7 +117,7 @@ bool grow(T **arr, int *room, int need, T fill) {
     if (need <= *room) return true;
     int n = *room ? *room : 64;
     while (n < need) n *= 2;
-    T *a = static_cast<T *>(realloc(*arr, sizeof(T) * (size_t)n));
+    T *a = static_cast<T *>(kx_realloc(*arr, sizeof(T) * (size_t)n));
     if (a == nullptr) return false;
     for (int i = *room; i < n; i++) a[i] = fill;
     *arr = a;
@@ -121,7 +128,7 @@ bool grow(T **arr, int *room, int need, T fill) {
 }  // namespace
 
 KxPoller *kx_poller_create(void) {
-    KxPoller *p = static_cast<KxPoller *>(calloc(1, sizeof(KxPoller)));
+    KxPoller *p = static_cast<KxPoller *>(kx_calloc(1, sizeof(KxPoller)));
     if (p == nullptr) return nullptr;
     if (pipe(p->wake) != 0) {
         free(p);
@@ -135,6 +142,19 @@ KxPoller *kx_poller_create(void) {
     return p;
 }
 
+void kx_poller_destroy(KxPoller *p) {
+    if (p == nullptr) return;
+    close(p->wake[0]);
+    close(p->wake[1]);
+    pthread_mutex_destroy(&p->mutex);
+    free(p->fds);
+    free(p->tags);
+    free(p->pos);
+    free(p->copy);
+    free(p->copy_tags);
+    free(p);
+}
+
 int kx_poller_add(KxPoller *p, int fd, unsigned interest, void *tag) {
     if (fd < 0) return 0;
     int ok = 0;
@@ -142,7 +162,7 @@ int kx_poller_add(KxPoller *p, int fd, unsigned interest, void *tag) {
     if (grow(&p->pos, &p->pos_room, fd + 1, -1) && p->pos[fd] == -1 &&
         grow(&p->fds, &p->room, p->count + 1, pollfd{-1, 0, 0})) {
         int room = p->room;  // tags follow fds in size
-        void **t = static_cast<void **>(realloc(p->tags, sizeof(void *) * (size_t)room));
+        void **t = static_cast<void **>(kx_realloc(p->tags, sizeof(void *) * (size_t)room));
         if (t != nullptr) {
             p->tags = t;
             p->fds[p->count] = pollfd{fd, poll_mask(interest), 0};
@@ -195,7 +215,7 @@ int kx_poller_wait(KxPoller *p, KxPollEvent *events, int max, int timeout_ms) {
         errno = ENOMEM;
         return -1;
     }
-    void **t = static_cast<void **>(realloc(p->copy_tags, sizeof(void *) * (size_t)p->copy_room));
+    void **t = static_cast<void **>(kx_realloc(p->copy_tags, sizeof(void *) * (size_t)p->copy_room));
     if (t == nullptr) {
         pthread_mutex_unlock(&p->mutex);
         errno = ENOMEM;

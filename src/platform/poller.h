@@ -20,6 +20,8 @@ typedef struct KxPollEvent {
 
 // Null when the system refuses (the reason is in errno).
 KxPoller *kx_poller_create(void);
+// Frees the backend and closes its descriptors; no thread may use it any more.
+void kx_poller_destroy(KxPoller *p);
 // Interest is a mask of KX_POLL_IN and KX_POLL_OUT. add, modify and remove may be called from any
 // thread, also during a wait (a wait in progress sees the change); calls for one descriptor are
 // serialised by the caller. 1 on success, 0 on failure.

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "platform/alloc.h"
 #include "log/log_internal.h"
 
 namespace {
@@ -11,7 +12,7 @@ namespace {
 constexpr size_t kDataOffset = sizeof(_OS_DListNode);
 
 _OS_DListNode *new_node(_OS_DList *dlist, const void *elem) {
-    _OS_DListNode *node = static_cast<_OS_DListNode *>(malloc(kDataOffset + dlist->elem_size));
+    _OS_DListNode *node = static_cast<_OS_DListNode *>(kx_malloc(kDataOffset + dlist->elem_size));
     if (node == nullptr) return nullptr;
     node->next = nullptr;
     node->prev = nullptr;
@@ -24,12 +25,30 @@ _OS_DListNode *new_node(_OS_DList *dlist, const void *elem) {
     return node;
 }
 
+// Puts a new node with a copy of elem between prev and next (either null at an end of the list).
+_OS_DListNode *put_between(_OS_DList *dlist, _OS_DListNode *prev, _OS_DListNode *next, const void *elem) {
+    _OS_DListNode *node = new_node(dlist, elem);
+    if (node == nullptr) return nullptr;
+    node->prev = prev;
+    node->next = next;
+    if (prev != nullptr)
+        prev->next = node;
+    else
+        dlist->head = node;
+    if (next != nullptr)
+        next->prev = node;
+    else
+        dlist->tail = node;
+    dlist->count++;
+    return node;
+}
+
 }  // namespace
 
 extern "C" {
 
 KX_API _OS_DList *adt_os_dlist_create(uint32_t elem_size) {
-    _OS_DList *dlist = static_cast<_OS_DList *>(calloc(1, sizeof(_OS_DList)));
+    _OS_DList *dlist = static_cast<_OS_DList *>(kx_calloc(1, sizeof(_OS_DList)));
     if (dlist == nullptr) {
         KX_LOG_ERR("%s", "");
         return nullptr;
@@ -60,22 +79,10 @@ KX_API _OS_DListNode *adt_os_dlist_insert(_OS_DList *dlist, _OS_DListNode *ref, 
         KX_LOG_ERR("%s", "");
         return nullptr;
     }
-    _OS_DListNode *node = new_node(dlist, elem);
-    if (node == nullptr) return nullptr;
-    if (dlist->head == nullptr) {
-        dlist->head = dlist->tail = node;
-    } else {
-        if (ref == nullptr) ref = dlist->head;
-        node->next = ref;
-        node->prev = ref->prev;
-        if (ref->prev != nullptr)
-            ref->prev->next = node;
-        else
-            dlist->head = node;
-        ref->prev = node;
-    }
-    dlist->count++;
-    return node;
+    // Before ref, or at the head without one.
+    if (dlist->head == nullptr) return put_between(dlist, nullptr, nullptr, elem);
+    if (ref == nullptr) ref = dlist->head;
+    return put_between(dlist, ref->prev, ref, elem);
 }
 
 KX_API _OS_DListNode *adt_os_dlist_add(_OS_DList *dlist, _OS_DListNode *ref, const void *elem) {
@@ -83,22 +90,10 @@ KX_API _OS_DListNode *adt_os_dlist_add(_OS_DList *dlist, _OS_DListNode *ref, con
         KX_LOG_ERR("%s", "");
         return nullptr;
     }
-    _OS_DListNode *node = new_node(dlist, elem);
-    if (node == nullptr) return nullptr;
-    if (dlist->head == nullptr) {
-        dlist->head = dlist->tail = node;
-    } else {
-        if (ref == nullptr) ref = dlist->tail;
-        node->prev = ref;
-        node->next = ref->next;
-        if (ref->next != nullptr)
-            ref->next->prev = node;
-        else
-            dlist->tail = node;
-        ref->next = node;
-    }
-    dlist->count++;
-    return node;
+    // Behind ref, or at the tail without one.
+    if (dlist->head == nullptr) return put_between(dlist, nullptr, nullptr, elem);
+    if (ref == nullptr) ref = dlist->tail;
+    return put_between(dlist, ref, ref->next, elem);
 }
 
 KX_API _OS_DListNode *adt_os_dlist_next(_OS_DListNode *node) { return node ? node->next : nullptr; }

@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "platform/alloc.h"
 #include "log/log_internal.h"
 #include "runtime/runtime_internal.h"
 #include "runtime/runtime_state.h"
@@ -104,6 +105,7 @@ void *select_thread(void *) {
         kx_deadline_run();
         const uint64_t epoch = s_rt.watch_epoch.load();
         int n = kx_poller_wait(s_rt.poller, ev, kEventsPerPass, kx_deadline_wait_ms(kWaitMs));
+        if (s_rt.quit.load()) return nullptr;  // a failed start takes the engine back
         if (n < 0) {
             if (errno != EINTR) KX_LOG_ERR("os_tcp_client_open :select errno=%d,", errno);
             continue;
@@ -196,7 +198,47 @@ void kx_loop_pumps_add(int delta) { s_rt.pumps.fetch_add(delta, std::memory_orde
 
 int kx_loop_pumps(void) { return s_rt.pumps.load(std::memory_order_relaxed); }
 
-int runtime_engine_start(void) {
+namespace {
+
+// What a failed engine start had made, undone in reverse order. Only the start calls this, from the
+// one thread that starts the library, before anything outside the engine could use what it made.
+struct EngineBuilt {
+    bool event_thread = false;
+};
+
+void close_pipe(int fds[2]) {
+    for (int i = 0; i < 2; i++) {
+        if (fds[i] >= 0) close(fds[i]);
+        fds[i] = -1;
+    }
+}
+
+void engine_undo(const EngineBuilt &built) {
+    if (built.event_thread) {
+        // The post pipe wakes the event thread at once; it sees the flag and ends.
+        s_rt.quit = true;
+        ssize_t r = write(s_rt.post_pipe[1], "q", 1);
+        (void)r;
+        sdk_thread_join(&s_rt.event_thread);
+        s_rt.quit = false;
+    }
+    {
+        MainLock lock;
+        kx_watch_stop(&s_rt.post_watch);
+        kx_watch_stop(&s_rt.tick_watch);
+    }
+    close_pipe(s_rt.post_pipe);
+    close_pipe(s_rt.tick_pipe);
+    kx_poller_destroy(s_rt.poller);
+    s_rt.poller = nullptr;
+    if (s_rt.posted_ls != nullptr) adt_dlist_destroy(s_rt.posted_ls);
+    s_rt.posted_ls = nullptr;
+    if (s_rt.timer_ls != nullptr) adt_dlist_destroy(s_rt.timer_ls);
+    s_rt.timer_ls = nullptr;
+}
+
+// The steps of the engine start; 0 at the first that fails, with its record logged.
+int engine_build(EngineBuilt *built) {
     if (!runtime_main_lock_init()) {
         sdk_log_msg("sdk_mutex_init s_os_main_mutex fail");
         return 0;
@@ -216,31 +258,36 @@ int runtime_engine_start(void) {
         KX_LOG_ERRNO("kx_poller_create fail");
         return 0;
     }
-    MainLock lock;
-    if (pipe(s_rt.tick_pipe) != 0) {
-        KX_LOG_ERR("pipe s_os_pipe_fd fail");
-        return 0;
-    }
-    cloexec(s_rt.tick_pipe);
-    if (!kx_watch_start(&s_rt.tick_watch, s_rt.tick_pipe[0], KX_WATCH_READ, on_tick, nullptr)) {
-        KX_LOG_ERR("select_add_clientfd(NULL,s_os_pipe_fd[0]) fail");
-        return 0;
-    }
-    if (pipe(s_rt.post_pipe) != 0) {
-        KX_LOG_ERR("pipe s_os_pipe_fd_post fail");
-        return 0;
-    }
-    cloexec(s_rt.post_pipe);
-    // A wake-up never blocks its writer (who may hold the main lock): a full pipe already wakes.
-    fcntl(s_rt.post_pipe[1], F_SETFL, fcntl(s_rt.post_pipe[1], F_GETFL) | O_NONBLOCK);
-    if (!kx_watch_start(&s_rt.post_watch, s_rt.post_pipe[0], KX_WATCH_READ, on_post, nullptr)) {
-        KX_LOG_ERR("select_add_clientfd(NULL,s_os_pipe_fd_post[0]) fail");
-        return 0;
+    {
+        MainLock lock;
+        if (pipe(s_rt.tick_pipe) != 0) {
+            s_rt.tick_pipe[0] = s_rt.tick_pipe[1] = -1;
+            KX_LOG_ERR("pipe s_os_pipe_fd fail");
+            return 0;
+        }
+        cloexec(s_rt.tick_pipe);
+        if (!kx_watch_start(&s_rt.tick_watch, s_rt.tick_pipe[0], KX_WATCH_READ, on_tick, nullptr)) {
+            KX_LOG_ERR("select_add_clientfd(NULL,s_os_pipe_fd[0]) fail");
+            return 0;
+        }
+        if (pipe(s_rt.post_pipe) != 0) {
+            s_rt.post_pipe[0] = s_rt.post_pipe[1] = -1;
+            KX_LOG_ERR("pipe s_os_pipe_fd_post fail");
+            return 0;
+        }
+        cloexec(s_rt.post_pipe);
+        // A wake-up never blocks its writer (who may hold the main lock): a full pipe already wakes.
+        fcntl(s_rt.post_pipe[1], F_SETFL, fcntl(s_rt.post_pipe[1], F_GETFL) | O_NONBLOCK);
+        if (!kx_watch_start(&s_rt.post_watch, s_rt.post_pipe[0], KX_WATCH_READ, on_post, nullptr)) {
+            KX_LOG_ERR("select_add_clientfd(NULL,s_os_pipe_fd_post[0]) fail");
+            return 0;
+        }
     }
     if (!sdk_thread_create(&s_rt.event_thread, KX_STACK_EVENT_THREAD, select_thread, nullptr)) {
         sdk_log_msg("sdk_thread_create s_os_main_thread fail");
         return 0;
     }
+    built->event_thread = true;
     if (!sdk_thread_create(&s_rt.timer_thread, 0, os_timer_thread, nullptr)) {
         sdk_log_msg("sdk_thread_create s_os_timer_thread fail");
         return 0;
@@ -248,7 +295,26 @@ int runtime_engine_start(void) {
     return 1;
 }
 
+}  // namespace
+
+int runtime_engine_start(void) {
+    EngineBuilt built;
+    if (engine_build(&built)) return 1;
+    engine_undo(built);
+    return 0;
+}
+
 sdk_thread_t runtime_event_thread(void) { return s_rt.event_thread; }
+
+uint32_t os_timer_count(void) {
+    if (s_rt.timer_ls == nullptr) return 0;
+    uint32_t n = 0;
+    adt_dlist_lock(s_rt.timer_ls);
+    for (_OS_DListNode *node = adt_dlist_head(s_rt.timer_ls); node != nullptr; node = adt_dlist_next(node))
+        if (!(*static_cast<_SdkTimer **>(adt_dlist_getdata(node)))->dead) n++;
+    adt_dlist_unlock(s_rt.timer_ls);
+    return n;
+}
 
 // No node leaves the list while a walk is under way (sdk_timer_destroy only marks a timer dead
 // then), so the next node is read after the callback, whatever it destroyed. A timer a callback
@@ -271,7 +337,7 @@ void os_timer_walk(void) {
 
 int os_post_main_thread_func(MainThreadFuncCallback func, void *arg) {
     if (func == nullptr || s_rt.posted_ls == nullptr) return 0;
-    _MainThreadFunc *f = static_cast<_MainThreadFunc *>(malloc(sizeof(_MainThreadFunc)));
+    _MainThreadFunc *f = static_cast<_MainThreadFunc *>(kx_malloc(sizeof(_MainThreadFunc)));
     if (f == nullptr) return 0;
     f->func = func;
     f->arg = arg;
@@ -307,7 +373,7 @@ void os_timer_pause_ticks(int paused) {
 extern "C" {
 
 KX_API _SdkTimer *sdk_timer_create(SdkTimerCallback callback, uint32_t period, void *udata) {
-    _SdkTimer *timer = static_cast<_SdkTimer *>(malloc(sizeof(_SdkTimer)));
+    _SdkTimer *timer = static_cast<_SdkTimer *>(kx_malloc(sizeof(_SdkTimer)));
     if (timer == nullptr) {
         sdk_log_msg("malloc fail");
         return nullptr;

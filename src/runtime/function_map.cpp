@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "platform/alloc.h"
 #include "log/log_internal.h"
 
 namespace {
@@ -38,7 +39,7 @@ KX_API int strcpy_safe(char *_cDest, const char *_cSrc, int size) {
 }
 
 KX_API FunctionMap *function_map_create(int type) {
-    FunctionMap *map = static_cast<FunctionMap *>(calloc(1, sizeof(FunctionMap)));
+    FunctionMap *map = static_cast<FunctionMap *>(kx_calloc(1, sizeof(FunctionMap)));
     if (map == nullptr) {
         KX_LOG_ERR("%s", "map == NULL");
         return nullptr;
@@ -69,12 +70,12 @@ KX_API FunctionMap *function_map_create_index(int max_index) {
         KX_LOG_ERR("%s", "illegal max_index <= 0");
         return nullptr;
     }
-    FunctionMap *map = static_cast<FunctionMap *>(calloc(1, sizeof(FunctionMap)));
+    FunctionMap *map = static_cast<FunctionMap *>(kx_calloc(1, sizeof(FunctionMap)));
     if (map == nullptr) {
         KX_LOG_ERR("%s", "map == NULL");
         return nullptr;
     }
-    map->index_map = static_cast<FunctionMapFunc *>(calloc((size_t)max_index, sizeof(FunctionMapFunc)));
+    map->index_map = static_cast<FunctionMapFunc *>(kx_calloc((size_t)max_index, sizeof(FunctionMapFunc)));
     if (map->index_map == nullptr) {
         KX_LOG_ERR("%s", "map->index_map == NULL");
         free(map);
@@ -115,7 +116,7 @@ KX_API int function_map_bind_key(FunctionMap *map, const char *key, FunctionMapF
         KX_LOG_ERR("%s", "map->key_map == NULL");
         return -1;
     }
-    FunctionMapItem *item = static_cast<FunctionMapItem *>(calloc(1, sizeof(FunctionMapItem)));
+    FunctionMapItem *item = static_cast<FunctionMapItem *>(kx_calloc(1, sizeof(FunctionMapItem)));
     if (item == nullptr) {
         KX_LOG_ERR("%s", "item == NULL");
         return -1;

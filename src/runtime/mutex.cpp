@@ -2,6 +2,7 @@
 #include <pthread.h>
 #include <stdlib.h>
 
+#include "platform/alloc.h"
 #include "log/log_internal.h"
 
 extern "C" {
@@ -20,7 +21,7 @@ KX_API int sdk_mutex_init(sdk_mutex_t *mutex, int recursive) {
 }
 
 KX_API sdk_mutex_t *sdk_mutex_create(int recursive) {
-    sdk_mutex_t *mutex = static_cast<sdk_mutex_t *>(malloc(sizeof(sdk_mutex_t)));
+    sdk_mutex_t *mutex = static_cast<sdk_mutex_t *>(kx_malloc(sizeof(sdk_mutex_t)));
     if (mutex == nullptr) {
         KX_LOG_ERR("mutex is null");
         return nullptr;
@@ -83,7 +84,8 @@ KX_API int sdk_thread_create(sdk_thread_t *thr, uint32_t stack_size, sdk_thread_
     }
     int ok = pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_JOINABLE) == 0 &&
              pthread_attr_setstacksize(&attr, stack_size == 0 ? 1048576u : stack_size) == 0 &&
-             func != nullptr && pthread_create(thr, &attr, func, arg) == 0;
+             func != nullptr && !kx_alloc_refused() /* the stack is an allocation too */ &&
+             pthread_create(thr, &attr, func, arg) == 0;
     pthread_attr_destroy(&attr);
     if (!ok) {
         KX_LOG_ERR("pthread_create fail");

@@ -84,7 +84,9 @@ void kx_loop_wake(void);
 // --- the engine ---
 // Creates the main lock (where it needs run-time initialisation), the timer and posted-function
 // lists, the readiness backend, the tick and post pipes with their watchers, and starts the event
-// thread and the timer thread. Logs the failing step and gives 0; nothing made so far is undone.
+// thread and the timer thread. Logs the failing step and gives 0 after undoing what it made: the
+// descriptors closed, the event thread ended and joined, the lists and the backend freed, so that a
+// later start begins afresh.
 int runtime_engine_start(void);
 // Marks the engine started: sdk_is_startup() is true from here on.
 void runtime_engine_started(void);
@@ -129,6 +131,7 @@ int os_post_main_thread_func(MainThreadFuncCallback func, void *arg);
 void os_timer_pause_ticks(int paused);
 
 // --- current state, for inspection ---
-int runtime_start_count(void);
+// Live timers in the timer list (0 before the engine start).
+uint32_t os_timer_count(void);
 sdk_thread_t runtime_event_thread(void);
-_SdkTimer *runtime_log_check_timer(void);
+

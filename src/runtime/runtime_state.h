@@ -11,9 +11,6 @@
 #include "runtime/runtime_internal.h"
 
 struct RuntimeState {
-    // Start count of sdk_os_startup / sdk_os_cleanup. No lock: those calls come from one thread at
-    // a time.
-    int start_count;
     // -1 until the engine has started, then 1 for the rest of the process. Atomic: read anywhere.
     std::atomic<int> engine;
     // The main lock (recursive) and, in debug builds, its holder.
@@ -41,8 +38,8 @@ struct RuntimeState {
     // The two threads: set by the engine start, then read-only.
     sdk_thread_t event_thread;
     sdk_thread_t timer_thread;
-    // The log check timer. No lock: start and stop come from one thread at a time.
-    _SdkTimer *log_checktimer;
+    // Set only by the undo of a failed engine start: the event thread ends at its next wake.
+    std::atomic<bool> quit;
     // Test seam of the tick: while paused the timer thread writes nothing. tick_mutex.
     pthread_mutex_t tick_mutex;
     bool tick_paused;  // tick_mutex

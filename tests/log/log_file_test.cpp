@@ -13,6 +13,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
+int level_of(int sink) {
+    int level = 0, file_level = 0;
+    sdk_log_get_level(&level, &file_level);
+    return sink ? file_level : level;
+}
+
 constexpr time_t kDay = 86400;
 std::atomic<time_t> s_now{0};
 std::string s_dir;  // one per process: the log directory is set only once
@@ -44,7 +50,7 @@ struct LogFiles : ::testing::Test {
         s_tm.tm_year = 125, s_tm.tm_mon = 2, s_tm.tm_mday = 10, s_tm.tm_hour = 12, s_tm.tm_isdst = -1;
         s_now = mktime(&s_tm);  // 2025-03-10 12:00
         log_file_set_clock(test_clock);
-        s_log.api_control = 0;
+        log_give_back_levels();
         put("sdk", "");
         config("");
     }
@@ -87,7 +93,7 @@ TEST_F(LogFiles, RotatesPastHalfTheSizeKeepingOneOldFile) {
 }
 
 TEST_F(LogFiles, RetentionCountsFromTheDateInTheName) {
-    EXPECT_EQ(2592000, s_log.savetime.load());
+    EXPECT_EQ(2592000, log_file_savetime());
     put("log_sdk_notes", "");
     fs::create_directory(file(s_now - 30 * kDay));
     for (const std::string &f :
@@ -112,17 +118,17 @@ TEST_F(LogFiles, FreeDiskGuardAndTheLevelsOfTheCaller) {
     struct statvfs vfs;
     ASSERT_EQ(0, statvfs("./", &vfs));
     config("[Terminal]\nLevel=100\n[File]\nLevel=300\nFreePercent=100\n");
-    EXPECT_EQ(100, s_log.level.load());
-    EXPECT_EQ(300, s_log.file_level.load());
+    EXPECT_EQ(100, level_of(0));
+    EXPECT_EQ(300, level_of(1));
     check_diskfreesize_writelog();
-    EXPECT_EQ(vfs.f_bavail < vfs.f_blocks ? 1 : 0, s_log.pause_write.load());
+    EXPECT_EQ(vfs.f_bavail < vfs.f_blocks ? 1 : 0, log_file_paused());
     sdk_log_msg("held back");
-    EXPECT_EQ(!s_log.pause_write, fs::exists(file(s_now)));
+    EXPECT_EQ(!log_file_paused(), fs::exists(file(s_now)));
     sdk_log_set_level(200, 200, 1);
     config("[Terminal]\nLevel=300\n[File]\nFreePercent=0\n");
     check_diskfreesize_writelog();
-    EXPECT_EQ(0, s_log.pause_write.load());
-    EXPECT_EQ(200, s_log.level.load());  // the caller's levels hold for good
+    EXPECT_EQ(0, log_file_paused());
+    EXPECT_EQ(200, level_of(0));  // the caller's levels hold for good
     sdk_log_msg("written");
     EXPECT_GT(size(file(s_now)), 0);
 }
@@ -140,11 +146,11 @@ TEST(LogPath, LongDirectoryRefusedThenTheExecutablesDirectory) {
 TEST_F(LogFiles, ConfigurationIsReadAgainWhileRunning) {
     ASSERT_EQ(1, sdk_os_startup(0, 1));
     put("sdk_log_config.ini", "[File]\nSize=7\nLevel=100\n");
-    for (int i = 0; i < 2000 && (s_log.file_size != 7 || s_log.file_level != 100); i++) usleep(5000);
-    EXPECT_TRUE(s_log.file_size == 7 && s_log.file_level == 100);
+    for (int i = 0; i < 2000 && (log_file_size_mib() != 7 || level_of(1) != 100); i++) usleep(5000);
+    EXPECT_TRUE(log_file_size_mib() == 7 && level_of(1) == 100);
     fs::remove(s_dir + "sdk_log_config.ini");  // a vanished file gives the defaults back
-    for (int i = 0; i < 2000 && s_log.file_size != 2048; i++) usleep(5000);
-    EXPECT_TRUE(s_log.file_size == 2048 && s_log.file_level == 200);
+    for (int i = 0; i < 2000 && log_file_size_mib() != 2048; i++) usleep(5000);
+    EXPECT_TRUE(log_file_size_mib() == 2048 && level_of(1) == 200);
     sdk_os_cleanup();
 }
 

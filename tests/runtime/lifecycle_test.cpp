@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "net/tcp_peer.h"
+#include "core/startup_internal.h"
 #include "runtime/runtime_internal.h"
 #include <sys/resource.h>
 #include "support/stderr_capture.h"
@@ -64,25 +65,25 @@ TEST(Lifecycle, StartCountThreadsAndLastStop) {
     StderrCapture cap;
     cap.start();
     EXPECT_EQ(1, sdk_os_cleanup());  // a stop without a start
-    EXPECT_EQ(0, runtime_start_count());
+    EXPECT_EQ(0, kx_start_count());
     ASSERT_EQ(1, sdk_os_startup(5, 3));
     EXPECT_TRUE(sdk_is_startup());
     EXPECT_EQ(before + 2, thread_count());
-    EXPECT_NE(nullptr, runtime_log_check_timer());
+    EXPECT_NE(nullptr, kx_log_check_timer());
     EXPECT_EQ(1, sdk_os_startup(5, 3));  // nested: nothing else happens
-    EXPECT_EQ(2, runtime_start_count());
+    EXPECT_EQ(2, kx_start_count());
     EXPECT_EQ(before + 2, thread_count());
     EXPECT_EQ(1, sdk_os_cleanup());  // not the last
-    EXPECT_EQ(1, runtime_start_count());
-    EXPECT_NE(nullptr, runtime_log_check_timer());
+    EXPECT_EQ(1, kx_start_count());
+    EXPECT_NE(nullptr, kx_log_check_timer());
     EXPECT_EQ(1, sdk_os_cleanup());  // the last
-    EXPECT_EQ(0, runtime_start_count());
-    EXPECT_EQ(nullptr, runtime_log_check_timer());
+    EXPECT_EQ(0, kx_start_count());
+    EXPECT_EQ(nullptr, kx_log_check_timer());
     EXPECT_TRUE(sdk_is_startup());        // the engine stays
     EXPECT_EQ(before + 2, thread_count());  // and its threads run on
     ASSERT_EQ(1, sdk_os_startup(0, 0));   // no second engine, the log check comes back
     EXPECT_EQ(before + 2, thread_count());
-    EXPECT_NE(nullptr, runtime_log_check_timer());
+    EXPECT_NE(nullptr, kx_log_check_timer());
     std::string out = cap.stop();
     EXPECT_NE(out.find("[Cleanup]KORVEX Cleanup!\n"), std::string::npos);
     EXPECT_NE(out.find("]out s_ilInitialOsCore 1 clientnum 5 servernum 3\n"), std::string::npos) << out;
