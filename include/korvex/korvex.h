@@ -1563,8 +1563,9 @@ KX_API int video_AES_CTR(unsigned char *_pucBuf, int _iBufLen, uint32_t _uiCount
  *  @param _pucBuf the bytes, in place.
  *  @param _iBufLen their number.
  *  @param _uiCounter the frame number.
- *  @param _pucKey exactly 16 bytes are read, whatever _iKeyLen says.
- *  @param _iKeyLen not read.
+ *  @param _pucKey the key; only its first _iKeyLen bytes (at most 16) are read, the rest of the 16-byte
+ *         AES key is zero, so a key followed by zeros gives the same result as the key alone.
+ *  @param _iKeyLen its length, at least 1.
  *  @return 0, or -1 with the buffer unchanged. */
 KX_API int video_AES_CTR_EX(unsigned char *_pucBuf, int _iBufLen, uint32_t _uiCounter,
                             const unsigned char *_pucKey, int _iKeyLen);
@@ -1661,13 +1662,13 @@ KX_API int H265_Probe(const unsigned char *_pucBuf, int _iLen);
 /** Deciphers a frame that its flags mark as encrypted, in either mode, in place, and marks it clear.
  *  @param _pucFrameBuf the frame, at its header.
  *  @param _iFrameLen bytes held.
- *  @param _pucDecryptKey zero-terminated key of at least one character; 16 bytes readable for enhanced
- *         frames.
+ *  @param _pucDecryptKey key of at least one character; only _iDecryptKeyLen bytes are read.
  *  @param _iDecryptKeyLen its length.
  *  @return 0; -101 null frame ("_pucFrameBuf == NULL"); -104 a length below 1 ("_iFrameLen <= 0"), or
  *          a plain frame below 96 bytes; -102 an invalid header or a buffer shorter than a header
  *          ("!IsValidFrameHeader"); -3 a clear frame; -2 a null ("_pucDecryptKey == NULL") or empty
- *          key; -4 a wrong key or no frame, frame unchanged ("video_AES_CTR fail! ..."). */
+ *          key; -4 a wrong key or no frame, frame unchanged ("video_AES_CTR fail! IsEncryptEnhanced = 1
+ *          key = (9 bytes)": the key's length, never the key). */
 KX_API int SA_DecryptOneFrame(unsigned char *_pucFrameBuf, int _iFrameLen, const unsigned char *_pucDecryptKey,
                               int _iDecryptKeyLen);
 /** Runs AES_CTR() over a bare buffer.
@@ -1693,7 +1694,7 @@ KX_API int SA_EncryptOneFrame(unsigned char *_pucFrameBuf, int _iFrameLen, const
  *  what follows the header.
  *  @param _pucFrameBuf the frame, at its header.
  *  @param _iFrameLen bytes held.
- *  @param _pucDecryptKey zero-terminated key; 16 bytes readable.
+ *  @param _pucDecryptKey key of at least one character; only _iDecryptKeyLen bytes are read.
  *  @param _iDecryptKeyLen its length.
  *  @return 0; -101, -104, -102, -2 as SA_EncryptOneFrame(); -3 when the cipher refuses
  *          ("video_AES_CTR_EX fail!"). */
