@@ -1723,7 +1723,10 @@ typedef struct TIFrameInfoQuery {
     int32_t iMatchCount;    /**< out, count mode: number of matching items */
     int32_t iWantedOrdinal; /**< in, find mode: the wanted match, from 1; -1 selects count mode */
     int32_t iRestartCount;  /**< out, find mode: restarts up to and including the found item */
-    TIFrameIndexItem tItem; /**< out, find mode: the first 12 bytes of the found item */
+    /** out, find mode: the first 12 bytes of the found item, copied as the block holds them. The
+     *  block is little-endian, so a big-endian host reads these three words byte-swapped (read them
+     *  byte by byte, least significant first); the other fields of this record are in host order. */
+    TIFrameIndexItem tItem;
 } TIFrameInfoQuery;
 
 /** Counts or finds items of an I-frame index block.
@@ -2028,7 +2031,10 @@ KX_API void GetZFMarkInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int
  *  @param _pucData the payload.
  *  @param _iLen its bytes; nothing is copied unless 4.
  *  @param _ulReserved not read.
- *  @param _puiOut where the value goes.
+ *  @param _puiOut where the value goes: the block's four bytes as they stand. The block is
+ *         little-endian, so on a little-endian host this is the time in seconds; a big-endian host
+ *         sees those seconds byte-swapped (GetFrameAbsoluteTime() gives the converted time on every
+ *         host).
  *  @return -1 for a null payload or output, else 0 (also when the length isn't 4). */
 KX_API int GetFrameTimeInfo(const unsigned char *_pucData, int _iLen, unsigned long _ulReserved,
                             unsigned int *_puiOut);
