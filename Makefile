@@ -141,6 +141,7 @@ clean:
 # target libcrypto), the install test (host compilers).
 CROSS_TRIPLE_aarch64 := aarch64-linux-gnu
 CROSS_TRIPLE_armhf := arm-linux-gnueabihf
+# i386 builds, but Debian 12's qemu-i386 hangs in any program that starts a thread (README, Platforms).
 CROSS_TRIPLE_i386 := i686-linux-gnu
 CROSS_TRIPLE_s390x := s390x-linux-gnu
 CROSS_JOBS ?= $(JOBS)
