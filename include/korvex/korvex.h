@@ -1672,8 +1672,9 @@ KX_API int video_AES_CTR(unsigned char *_pucBuf, int _iBufLen, uint32_t _uiCount
  *  @param _pucBuf the bytes, in place.
  *  @param _iBufLen their number.
  *  @param _uiCounter the frame number.
- *  @param _pucKey exactly 16 bytes are read, whatever _iKeyLen says.
- *  @param _iKeyLen not read.
+ *  @param _pucKey the key; only its first _iKeyLen bytes (at most 16) are read, the rest of the 16-byte
+ *         AES key is zero, so a key followed by zeros gives the same result as the key alone.
+ *  @param _iKeyLen its length, at least 1.
  *  @return 0, or -1 with the buffer unchanged. */
 KX_API int video_AES_CTR_EX(unsigned char *_pucBuf, int _iBufLen, uint32_t _uiCounter,
                             const unsigned char *_pucKey, int _iKeyLen);
@@ -1770,13 +1771,13 @@ KX_API int H265_Probe(const unsigned char *_pucBuf, int _iLen);
 /** Deciphers a frame that its flags mark as encrypted, in either mode, in place, and marks it clear.
  *  @param _pucFrameBuf the frame, at its header.
  *  @param _iFrameLen bytes held.
- *  @param _pucDecryptKey zero-terminated key of at least one character; 16 bytes readable for enhanced
- *         frames.
+ *  @param _pucDecryptKey key of at least one character; only _iDecryptKeyLen bytes are read.
  *  @param _iDecryptKeyLen its length.
  *  @return 0; -101 null frame ("_pucFrameBuf == NULL"); -104 a length below 1 ("_iFrameLen <= 0"), or
  *          a plain frame below 96 bytes; -102 an invalid header or a buffer shorter than a header
  *          ("!IsValidFrameHeader"); -3 a clear frame; -2 a null ("_pucDecryptKey == NULL") or empty
- *          key; -4 a wrong key or no frame, frame unchanged ("video_AES_CTR fail! ..."). */
+ *          key; -4 a wrong key or no frame, frame unchanged ("video_AES_CTR fail! IsEncryptEnhanced = 1
+ *          key = (9 bytes)": the key's length, never the key). */
 KX_API int SA_DecryptOneFrame(unsigned char *_pucFrameBuf, int _iFrameLen, const unsigned char *_pucDecryptKey,
                               int _iDecryptKeyLen);
 /** Runs AES_CTR() over a bare buffer.
@@ -1802,7 +1803,7 @@ KX_API int SA_EncryptOneFrame(unsigned char *_pucFrameBuf, int _iFrameLen, const
  *  what follows the header.
  *  @param _pucFrameBuf the frame, at its header.
  *  @param _iFrameLen bytes held.
- *  @param _pucDecryptKey zero-terminated key; 16 bytes readable.
+ *  @param _pucDecryptKey key of at least one character; only _iDecryptKeyLen bytes are read.
  *  @param _iDecryptKeyLen its length.
  *  @return 0; -101, -104, -102, -2 as SA_EncryptOneFrame(); -3 when the cipher refuses
  *          ("video_AES_CTR_EX fail!"). */
@@ -1831,7 +1832,10 @@ typedef struct TIFrameInfoQuery {
     int32_t iMatchCount;    /**< out, count mode: number of matching items */
     int32_t iWantedOrdinal; /**< in, find mode: the wanted match, from 1; -1 selects count mode */
     int32_t iRestartCount;  /**< out, find mode: restarts up to and including the found item */
-    TIFrameIndexItem tItem; /**< out, find mode: the first 12 bytes of the found item */
+    /** out, find mode: the first 12 bytes of the found item, copied as the block holds them. The
+     *  block is little-endian, so a big-endian host reads these three words byte-swapped (read them
+     *  byte by byte, least significant first); the other fields of this record are in host order. */
+    TIFrameIndexItem tItem;
 } TIFrameInfoQuery;
 
 /** Counts or finds items of an I-frame index block.
@@ -2136,7 +2140,10 @@ KX_API void GetZFMarkInfo(bool _bAll, const void *_pvInBuf, void *_pvOutBuf, int
  *  @param _pucData the payload.
  *  @param _iLen its bytes; nothing is copied unless 4.
  *  @param _ulReserved not read.
- *  @param _puiOut where the value goes.
+ *  @param _puiOut where the value goes: the block's four bytes as they stand. The block is
+ *         little-endian, so on a little-endian host this is the time in seconds; a big-endian host
+ *         sees those seconds byte-swapped (GetFrameAbsoluteTime() gives the converted time on every
+ *         host).
  *  @return -1 for a null payload or output, else 0 (also when the length isn't 4). */
 KX_API int GetFrameTimeInfo(const unsigned char *_pucData, int _iLen, unsigned long _ulReserved,
                             unsigned int *_puiOut);

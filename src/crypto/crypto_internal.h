@@ -36,8 +36,10 @@ extern const unsigned char cValidFrameFlag[4];
 void frame_key_stream_block(uint32_t counter, const unsigned char *key, int key_len, unsigned char s[16]);
 
 // The 64-byte key stream K of the enhanced frame cipher: the MD5 of the counter's four bytes
-// enciphered under the 16 key bytes at `key` and three further rotations of them. -1 when a step fails.
-int frame_key_stream_ex(uint32_t counter, const unsigned char *key, unsigned char k[64]);
+// enciphered under a 16-byte key area and three further rotations of it. The area holds the first
+// key_len bytes at `key` (at most 16), the rest zero: nothing past the caller's key is read, and a key
+// followed by zeros in memory gives the same stream as before. -1 when a step fails.
+int frame_key_stream_ex(uint32_t counter, const unsigned char *key, int key_len, unsigned char k[64]);
 
 // The enhanced cipher with the start-code test as a switch. With check_start_code 0 it still refuses
 // buffers below four bytes (they could never pass the test when deciphered) and bad arguments.

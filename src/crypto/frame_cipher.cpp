@@ -65,7 +65,7 @@ void frame_key_stream_block(uint32_t counter, const unsigned char *key, int key_
     aes128_encrypt_block(key_area, block, s);
 }
 
-int frame_key_stream_ex(uint32_t counter, const unsigned char *key, unsigned char k[64]) {
+int frame_key_stream_ex(uint32_t counter, const unsigned char *key, int key_len, unsigned char k[64]) {
     unsigned char counter_bytes[4];
     kx_wr32le(counter_bytes, counter);
     char digest[16];
@@ -75,7 +75,9 @@ int frame_key_stream_ex(uint32_t counter, const unsigned char *key, unsigned cha
 
     unsigned char key_area[KX_AES128_KEY + 1];
     memset(key_area, 0, sizeof(key_area));
-    memcpy(key_area, key, KX_AES128_KEY);
+    // Only the bytes the caller gave: a key from argv or a config string has no 16 readable bytes
+    // behind it, and whatever follows it in memory must not change the key stream.
+    if (key_len > 0) memcpy(key_area, key, key_len < KX_AES128_KEY ? (size_t)key_len : (size_t)KX_AES128_KEY);
     int text_len = (int)strnlen(reinterpret_cast<const char *>(key_area), KX_AES128_KEY);
     for (int i = 0; i < 4; ++i) {
         // One block under the 16-byte area: what AES_ENC_STR gives for a whole block (CBC from a zero
@@ -91,7 +93,7 @@ int video_aes_ctr_ex_apply(unsigned char *buf, int buf_len, uint32_t counter, co
                            int check_start_code) {
     if (buf == nullptr || key == nullptr || buf_len < 1 || key_len < 1) return -1;
     unsigned char k[kExStreamLen];
-    int rc = frame_key_stream_ex(counter, key, k);
+    int rc = frame_key_stream_ex(counter, key, key_len, k);
     if (rc != 0) return rc;
     if (check_start_code) {
         if (CheckDecrypt(buf, buf_len, k, kExStreamLen) != 0) return -1;

@@ -51,8 +51,9 @@ int count_keys(const _TProtFrame *frame, char **words, int num) {
 bool check_int(const char *word, const TParamDef &def) {
     errno = 0;
     char *end = nullptr;
-    long value = strtol(word, &end, 10);
-    if (errno == ERANGE && (value == LONG_MAX || value == LONG_MIN)) return false;
+    // 64 bits on every processor, as the bounds are: a 32-bit long would refuse what fits elsewhere.
+    long long value = strtoll(word, &end, 10);
+    if (errno == ERANGE && (value == LLONG_MAX || value == LLONG_MIN)) return false;
     if (errno != 0 && value == 0) return false;
     if (end == word || *end != '\0') return false;
     return value >= def.min && value <= def.max;

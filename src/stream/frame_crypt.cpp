@@ -88,9 +88,9 @@ KX_API int SA_DecryptOneFrame(unsigned char *_pucFrameBuf, int _iFrameLen, const
         rc = video_AES_CTR(payload, kPlainSpan, frame_no, _pucDecryptKey, _iDecryptKeyLen);
     }
     if (rc != 0) {
-        // The key is printed within its stated length, terminated or not.
-        KX_LOG_ERR("video_AES_CTR fail! IsEncryptEnhanced = %d key = %.*s", enhanced ? 1 : 0, _iDecryptKeyLen,
-                   reinterpret_cast<const char *>(_pucDecryptKey));
+        // A key never reaches the log: only its length does.
+        KX_LOG_ERR("video_AES_CTR fail! IsEncryptEnhanced = %d key = (%d bytes)", enhanced ? 1 : 0,
+                   _iDecryptKeyLen);
         return -4;
     }
     ResetEncryptFrmHeader(header);

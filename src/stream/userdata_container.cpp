@@ -145,7 +145,10 @@ int revert_bytewise(const uint8_t *src, int src_len, uint8_t *dst, int *size, in
     return 0;
 }
 
-#if (defined(__x86_64__) || defined(__i386__)) && (defined(__GNUC__) || defined(__clang__))
+// KX_UD_REVERT_BYTEWISE (CMake: -DKORVEX_USERDATA_SIMD=OFF) builds the byte loop alone, as on
+// processors without SSSE3, so that it is tested on any build machine.
+#if (defined(__x86_64__) || defined(__i386__)) && (defined(__GNUC__) || defined(__clang__)) && \
+    !defined(KX_UD_REVERT_BYTEWISE)
 #define KX_UD_REVERT_SSSE3 1
 // Compaction of 8 bytes: for each mask of bytes to drop, the positions of the bytes that stay, in order,
 // then 0x80 (a zero byte); and how many stay.

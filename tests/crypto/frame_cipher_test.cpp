@@ -1,6 +1,8 @@
 // The frame cipher modes: self-inverse XOR, key fitting, the start-code checks and the small helpers.
 #include <gtest/gtest.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "crypto/crypto_internal.h"
 #include "crypto/hex.h"
@@ -72,4 +74,36 @@ TEST(FrameCipher, EnhancedRefusalsAndHelpers) {
     memcpy(ecb, "0123456789abcdef", 16);
     AES_ECB_encrypt(&ctx, ecb);
     EXPECT_EQ(0, memcmp(out, ecb, 16));
+}
+
+// The enhanced key is the caller's key_len bytes, the rest of the 16-byte area zero: a key that ends
+// where readable memory ends (a guard page behind it) is read no further, and whatever follows a key
+// in memory does not change the result.
+TEST(FrameCipher, EnhancedKeyReadsOnlyTheGivenBytes) {
+    const long page = sysconf(_SC_PAGESIZE);
+    unsigned char *map = (unsigned char *)mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE,
+                                               MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(map, MAP_FAILED);
+    ASSERT_EQ(mprotect(map + page, page, PROT_NONE), 0);
+    unsigned char *edge_key = map + page - 9;
+    memcpy(edge_key, "secret123", 9);
+    const unsigned char zero_padded[16] = "secret123";
+    unsigned char k_edge[64], k_zero[64], k_garbage[64];
+    ASSERT_EQ(frame_key_stream_ex(7, edge_key, 9, k_edge), 0);
+    ASSERT_EQ(frame_key_stream_ex(7, zero_padded, 16, k_zero), 0);
+    EXPECT_EQ(0, memcmp(k_edge, k_zero, 64));
+    const unsigned char garbage[17] = "secret123XYZW!!!";
+    ASSERT_EQ(frame_key_stream_ex(7, garbage, 9, k_garbage), 0);
+    EXPECT_EQ(0, memcmp(k_garbage, k_zero, 64));
+    ASSERT_EQ(frame_key_stream_ex(7, garbage, 16, k_garbage), 0);
+    EXPECT_NE(0, memcmp(k_garbage, k_zero, 64));
+
+    // Through the exported call: enciphered with the zero-padded key, deciphered with the edge key.
+    Bytes buf(300, 0x5A), clear;
+    memcpy(buf.data(), "\x00\x00\x00\x01", 4);
+    clear = buf;
+    ASSERT_EQ(video_aes_ctr_ex_apply(buf.data(), 300, 7, zero_padded, 16, 0), 0);
+    EXPECT_EQ(video_AES_CTR_EX(buf.data(), 300, 7, edge_key, 9), 0);
+    EXPECT_EQ(buf, clear);
+    munmap(map, 2 * page);
 }

@@ -194,6 +194,10 @@ TEST_F(Pap, LeafChoiceAndParameterChecks) {
     EXPECT_EQ(CheckParams(p, &t1, 1) + CheckParams(p + 1, &t1, 1) + CheckParams(p + 2, &t3, 1), -3);
     EXPECT_EQ(CheckParams(p + 2, &t1, 1) + CheckParams(p + 3, &t3, 1) + CheckParams(p, &bad, 0), 0);
     EXPECT_EQ(CheckParams(p, &bad, 1), -1);
+    // Whole numbers are taken in 64 bits on every processor, like their bounds.
+    char *wide[] = {const_cast<char *>("4000000000"), const_cast<char *>("-3000000000")};
+    TParamDef big{1, -4000000000LL, 5000000000LL, nullptr};
+    EXPECT_EQ(CheckParams(wide, &big, 1) + CheckParams(wide + 1, &big, 1), 0);
 }
 
 TEST_F(Pap, Packages) {

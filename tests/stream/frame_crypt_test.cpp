@@ -53,7 +53,7 @@ TEST(FrameCrypt, RoundTripsInBothModes) {
     round_trip(4, true);
 }
 
-TEST(FrameCrypt, WrongKeyLeavesFrameUnchangedAndLogsKey) {
+TEST(FrameCrypt, WrongKeyLeavesFrameUnchangedAndLogsOnlyKeyLength) {
     for (bool enhanced : {false, true}) {
         Frame f = make_frame(500);
         ASSERT_EQ(enhanced ? SA_EncryptOneFrameEx(f.data(), len(f), kKey, 15) : SA_EncryptOneFrame(f.data(), len(f), kKey, 15), 0);
@@ -62,7 +62,8 @@ TEST(FrameCrypt, WrongKeyLeavesFrameUnchangedAndLogsKey) {
         EXPECT_EQ(SA_DecryptOneFrame(f.data(), len(f), (const unsigned char *)"camera-key-0043", 15), -4);
         std::string log = testing::internal::GetCapturedStderr();
         std::string want = std::string("video_AES_CTR fail! IsEncryptEnhanced = ") + (enhanced ? "1" : "0");
-        EXPECT_NE(log.find(want + " key = camera-key-0043"), std::string::npos) << log;
+        EXPECT_NE(log.find(want + " key = (15 bytes)"), std::string::npos) << log;
+        EXPECT_EQ(log.find("camera-key"), std::string::npos) << log;
         EXPECT_EQ(f, enc);
     }
 }

@@ -14,14 +14,26 @@ struct Item {
     uint32_t signs;
 };
 
-// The head, then item i of item_size bytes with the words 0xA0 + i, stamp, signs (cut to the size).
+void put_le(uint8_t *p, uint32_t v) {
+    for (int i = 0; i < 4; i++) p[i] = (uint8_t)(v >> (8 * i));
+}
+
+// A word of the item copy as the block holds it: little-endian, whatever the host.
+uint32_t le(const void *field) {
+    const uint8_t *p = static_cast<const uint8_t *>(field);
+    return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 | (uint32_t)p[3] << 24;
+}
+
+// The head, then item i of item_size bytes with the words 0xA0 + i, stamp, signs (cut to the size),
+// little-endian as the format is.
 std::vector<uint8_t> block(uint32_t item_size, const std::vector<Item> &items, uint32_t count = 0) {
     std::vector<uint8_t> b(45 + item_size * items.size(), 0);
     if (count == 0) count = (uint32_t)items.size();
-    memcpy(&b[32], &count, 4);
-    memcpy(&b[36], &item_size, 4);
+    put_le(&b[32], count);
+    put_le(&b[36], item_size);
     for (size_t i = 0; i < items.size(); i++) {
-        uint32_t word[3] = {0xA0u + (uint32_t)i, (uint32_t)items[i].stamp, items[i].signs};
+        uint8_t word[12];
+        put_le(word, 0xA0u + (uint32_t)i), put_le(word + 4, (uint32_t)items[i].stamp), put_le(word + 8, items[i].signs);
         memcpy(&b[44 + i * item_size], word, item_size < 12 ? item_size : 12);
     }
     return b;
@@ -74,16 +86,18 @@ TEST(IFrameIndex, FindModeRestartsAndRoom) {
     TIFrameInfoQuery q = run(0, b, 4, &rc);  // stamps 5, 9, 9, 3: restarts at the second 9 and at 3
     EXPECT_EQ(rc, 0);
     EXPECT_TRUE(q.iRestartCount == 2 && q.iMatchCount == 77);
-    EXPECT_TRUE(q.tItem.uiItemWord == 0xA3u && q.tItem.iItemStamp == 3 && q.tItem.uiSignMask == 0x10u);
+    // tItem is the item's bytes as the block holds them: on a big-endian host its words read swapped.
+    EXPECT_EQ(0, memcmp(&q.tItem, &b[44 + 3 * 12], 12));
+    EXPECT_TRUE(le(&q.tItem.uiItemWord) == 0xA3u && le(&q.tItem.iItemStamp) == 3 && le(&q.tItem.uiSignMask) == 0x10u);
 
     EXPECT_EQ(SA_GetIFrameInfo(2, b.data(), (int)b.size(), &q, &room), 0);  // ordinal 4 of bit 1: none
     EXPECT_EQ(room, 100);
     q.iWantedOrdinal = 2;
     EXPECT_EQ(SA_GetIFrameInfo(2, b.data(), (int)b.size(), &q, &room), 0);
-    EXPECT_TRUE(room == 24 && q.iRestartCount == 1 && q.tItem.uiItemWord == 0xA2u);
+    EXPECT_TRUE(room == 24 && q.iRestartCount == 1 && le(&q.tItem.uiItemWord) == 0xA2u);
 
     q = run(0, b, 1, &rc, 16);  // room for the item's first word only
-    EXPECT_TRUE(q.iRestartCount == 0 && q.tItem.uiItemWord == 0xA0u && q.tItem.iItemStamp == 77);
+    EXPECT_TRUE(q.iRestartCount == 0 && le(&q.tItem.uiItemWord) == 0xA0u && q.tItem.iItemStamp == 77);
     for (int ordinal : {0, 6}) EXPECT_EQ(run(0, b, ordinal, &rc).iRestartCount, 77);
     EXPECT_EQ(run(0, b, 1, &rc, 12).tItem.uiItemWord, 77u);  // no room for any of the item
 }
@@ -99,6 +113,6 @@ TEST(IFrameIndex, ShortAndLongItems) {
     memset(&b200[44 + 12], 0xFF, 188);  // the rest of a long item is never read
     EXPECT_EQ(run(103, b200, -1, &rc).iMatchCount, 2);
     TIFrameInfoQuery q = run(3, b200, 2, &rc);
-    EXPECT_EQ(q.tItem.uiItemWord, 0xA2u);
+    EXPECT_EQ(le(&q.tItem.uiItemWord), 0xA2u);
     EXPECT_EQ(q.iRestartCount, 1);
 }

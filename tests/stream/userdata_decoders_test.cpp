@@ -58,20 +58,51 @@ TEST_F(Decoders, AbsoluteTimeInUtcBehind2038) {
     unsigned int raw = 5;
     EXPECT_EQ(0, GetFrameTimeInfo(fb::le32(77).data(), 3, 0, &raw));  // only exactly 4 bytes are copied
     EXPECT_EQ(5u, raw);
+    // The frame-time record is the block's bytes unconverted: 77 on a little-endian host, 77 << 24 on
+    // a big-endian one.
+    EXPECT_EQ(0, GetFrameTimeInfo(fb::le32(77).data(), 4, 0, &raw));
+    EXPECT_EQ(0, memcmp(&raw, fb::le32(77).data(), 4));
+    const uint32_t one = 1;
+    const bool big_endian = *reinterpret_cast<const uint8_t *>(&one) == 0;
+    EXPECT_EQ(big_endian ? 77u << 24 : 77u, raw);
+}
+
+// Days from 1970-01-01 to a proleptic Gregorian date (H. Hinnant's days_from_civil): the inverse of
+// the conversion under test, a check that needs no time_t.
+static int64_t days_from_civil(int64_t y, int m, int d) {
+    y -= m <= 2;
+    const int64_t era = (y >= 0 ? y : y - 399) / 400;
+    const int64_t yoe = y - era * 400;
+    const int64_t doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
+    return era * 146097 + yoe * 365 + yoe / 4 - yoe / 100 + doy - 719468;
 }
 
 TEST(AbsoluteTime, EveryDayOfTheUnsignedRangeAgreesWithGmtime) {
     // One second of every day from 1970 to 2106, each at another time of day, and the ends of the range.
+    // gmtime is the reference wherever the host's time_t holds the value (with a 32-bit time_t, up to
+    // 2038); every value also converts back to its seconds through the inverse calendar.
+    static const int kMonthDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    auto month_days = [](int y, int m) {
+        return kMonthDays[m - 1] + (m == 2 && y % 4 == 0 && (y % 100 != 0 || y % 400 == 0));
+    };
     for (uint64_t s = 0; s <= 0xFFFFFFFFu; s += 86400 - 7) {
         for (uint64_t at : {s, 0xFFFFFFFFu - s}) {
             __S_AbsoluteTime t;
             MakeAbsoluteTime(&t, uint32_t(at));
+            const std::vector<int> got{t.usYear, t.usMonth, t.usDay, t.usHour, t.usMinute, t.usSecond};
+            ASSERT_TRUE(t.usMonth >= 1 && t.usMonth <= 12 && t.usDay >= 1 && t.usDay <= month_days(t.usYear, t.usMonth))
+                << at;
+            ASSERT_TRUE(t.usHour < 24 && t.usMinute < 60 && t.usSecond < 60) << at;
+            ASSERT_EQ(int64_t(at), days_from_civil(t.usYear, t.usMonth, t.usDay) * 86400 + t.usHour * 3600 +
+                                       t.usMinute * 60 + t.usSecond)
+                << at;
+            if (sizeof(time_t) < 8 && at > 0x7FFFFFFFu) continue;
             const time_t tt = time_t(at);
             struct tm want;
             ASSERT_NE(nullptr, gmtime_r(&tt, &want));
             ASSERT_EQ((std::vector<int>{want.tm_year + 1900, want.tm_mon + 1, want.tm_mday, want.tm_hour,
                                         want.tm_min, want.tm_sec}),
-                      (std::vector<int>{t.usYear, t.usMonth, t.usDay, t.usHour, t.usMinute, t.usSecond}))
+                      got)
                 << at;
         }
     }
