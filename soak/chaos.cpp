@@ -64,6 +64,7 @@
 #include <vector>
 
 #include "korvex/korvex.h"
+#include "soak_util.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define CHAOS_SANITIZED 1
@@ -124,31 +125,10 @@ int posix_memalign(void **out, size_t a, size_t n) {
 
 namespace {
 
+using namespace soak_util;
+
 // ---------------------------------------------------------------- helpers
 
-uint64_t now_ms() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (uint64_t)ts.tv_sec * 1000u + (uint64_t)ts.tv_nsec / 1000000u;
-}
-void sleep_us(uint64_t us) {
-    timespec ts = {(time_t)(us / 1000000u), (long)(us % 1000000u) * 1000L};
-    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
-    }
-}
-int env_int(const char *name, int def) {
-    const char *v = getenv(name);
-    return (v != nullptr && atoi(v) > 0) ? atoi(v) : def;
-}
-int count_entries(const char *dir) {
-    DIR *d = opendir(dir);
-    if (d == nullptr) return -1;
-    int n = 0;
-    while (dirent *e = readdir(d))
-        if (e->d_name[0] != '.') n++;
-    closedir(d);
-    return n - (strcmp(dir, "/proc/self/fd") == 0 ? 1 : 0);  // the directory's own descriptor
-}
 // Heap bytes in use: the sanitizer's allocator's count, or this program's own.
 size_t heap_in_use() {
 #ifdef CHAOS_SANITIZED
@@ -170,20 +150,7 @@ struct Rng {
 };
 
 void put_u16(char *p, uint32_t v) { p[0] = (char)v, p[1] = (char)(v >> 8); }
-void put_u32(char *p, uint32_t v) {
-    for (int i = 0; i < 4; i++) p[i] = (char)(v >> (8 * i));
-}
 uint32_t get_u16(const char *p) { return (uint32_t)(uint8_t)p[0] | (uint32_t)(uint8_t)p[1] << 8; }
-uint32_t get_u32(const char *p) {
-    uint32_t v = 0;
-    for (int i = 3; i >= 0; i--) v = v << 8 | (uint8_t)p[i];
-    return v;
-}
-uint32_t fnv(const char *p, size_t n) {
-    uint32_t h = 2166136261u;
-    for (size_t i = 0; i < n; i++) h = (h ^ (uint8_t)p[i]) * 16777619u;
-    return h;
-}
 
 const char kCmdMagic[4] = {(char)0xF1, (char)0xF5, (char)0xEA, (char)0xF5};
 const char kDataMagic[4] = {(char)0xF1, (char)0xF5, (char)0xEA, (char)0xF9};
