@@ -998,33 +998,13 @@ uint64_t checkpoint(int workers, bool final_round) {
 
 // ---------------------------------------------------------------- main
 
-struct LogCapture {  // the library's log lines go to a file; counted, and shown when a check fails
-    FILE *file = nullptr;
-    int saved = -1;
-    void start() {
-        fflush(stderr);
-        file = tmpfile();
-        saved = dup(2);
-        dup2(fileno(file), 2);
+// A sanitizer's reports go to the terminal's standard error while the log is captured.
+void sanitizer_reports_to(int fd) {
 #ifdef CHAOS_SANITIZED
-        __sanitizer_set_report_fd(reinterpret_cast<void *>((intptr_t)saved));
+    __sanitizer_set_report_fd(reinterpret_cast<void *>((intptr_t)fd));
+#else
+    (void)fd;
 #endif
-    }
-    std::string stop() {
-        fflush(stderr);
-        dup2(saved, 2);
-        std::string text;
-        rewind(file);
-        char buf[65536];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof(buf), file)) > 0) text.append(buf, n);
-        return text;
-    }
-};
-int count_of(const std::string &text, const char *what) {
-    int n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
-    return n;
 }
 
 }  // namespace
@@ -1090,11 +1070,13 @@ int main() {
         return 1;
     }
 
-    LogCapture log;
+    LogCapture log;  // the library's log lines go to a file; counted, and shown when a check fails
     log.start();
+    sanitizer_reports_to(log.saved);
     sdk_log_set_level(SDK_LOG_LEVEL_ERR, SDK_LOG_LEVEL_ERR, 0);  // errors only: churn makes many messages
     if (!sdk_os_startup((uint32_t)(2 * links + 16), 1)) {
         log.stop();
+        sanitizer_reports_to(2);
         printf("RESULT chaos FAIL | sdk_os_startup failed\n");
         if (child > 0) kill(child, SIGKILL);
         return 1;
@@ -1195,6 +1177,7 @@ int main() {
     if (peers_in_thread) pthread_join(peer_th, nullptr);
     else waitpid(child, &status, 0);
     std::string text = log.stop();
+    sanitizer_reports_to(2);
     for (int i = 0; i < links; i++) pthread_rwlock_destroy(&slots[i].rw);
 
     const int overflows = count_of(text, "buffer overflow");

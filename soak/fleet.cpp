@@ -88,35 +88,6 @@ std::string command_packet(const std::string &body, uint16_t seq) {
     return h + body;
 }
 
-// What the library logs during a shape goes to a file and is counted, so the RESULT lines stay
-// readable; the last lines are shown when a shape fails.
-struct LogCapture {
-    FILE *file = nullptr;
-    int saved = -1;
-    void start() {
-        fflush(stderr);
-        file = tmpfile();
-        saved = dup(2);
-        dup2(fileno(file), 2);
-    }
-    std::string stop() {
-        fflush(stderr);
-        dup2(saved, 2);
-        close(saved);
-        std::string text;
-        rewind(file);
-        char buf[65536];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof(buf), file)) > 0) text.append(buf, n);
-        fclose(file);
-        return text;
-    }
-};
-int count_of(const std::string &text, const char *what) {
-    int n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
-    return n;
-}
 int count_lines(const std::string &text) { return (int)std::count(text.begin(), text.end(), '\n'); }
 void show_tail(const std::string &text, int lines) {
     size_t at = text.size();

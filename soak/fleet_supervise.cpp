@@ -165,21 +165,6 @@ bool make_link(LinkRec &r, int index, uint16_t port, const NetLinkSupervision &s
     return net_link_supervise(r.link, &sup) == 0 && net_tcp_client_open(r.client, -1) == 1;
 }
 
-// What the library logged goes to a file, so the RESULT lines stay readable.
-struct LogToFile {
-    int saved = -1;
-    void start() {
-        fflush(stderr);
-        FILE *f = tmpfile();
-        saved = dup(2);
-        if (f != nullptr) dup2(fileno(f), 2);
-    }
-    void stop() {
-        fflush(stderr);
-        if (saved >= 0) dup2(saved, 2), close(saved);
-    }
-};
-
 // ---------------------------------------------------------------- device peers (child processes)
 
 struct PeerShared {
@@ -281,7 +266,7 @@ int shape_vanish() {
     PeerShared *sh = shared_block();
     pid_t child = start_child(sh, {ls_main, ls_gone}, 500);
     close(ls_main), close(ls_gone);
-    LogToFile log;
+    LogCapture log;
     log.start();
     sdk_os_startup((uint32_t)n, 1);
     std::vector<LinkRec> links((size_t)n);
@@ -443,7 +428,7 @@ int shape_flap() {
     pid_t child = fork();
     if (child == 0) flap_child(sh, n, port0, seconds, bound_ms);
     wait_until([&] { return sh->ready.load() >= 1; }, 10000);
-    LogToFile log;
+    LogCapture log;
     log.start();
     sdk_os_startup((uint32_t)n, 1);
     const int fd0 = count_fds();
@@ -523,7 +508,7 @@ int shape_idle_supervised() {
     PeerShared *sh = shared_block();
     pid_t child = start_child(sh, {ls}, 0);
     close(ls);
-    LogToFile log;
+    LogCapture log;
     log.start();
     sdk_os_startup((uint32_t)n, 1);
     std::vector<LinkRec> links((size_t)n);

@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -16,6 +17,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <string>
 
 namespace soak_util {
 
@@ -135,6 +137,38 @@ inline uint32_t fnv(const char *p, size_t n) {
     uint32_t h = 2166136261u;
     for (size_t i = 0; i < n; i++) h = (h ^ (uint8_t)p[i]) * 16777619u;
     return h;
+}
+
+// What the library logs (standard error) goes to a file between start() and stop(), which gives it
+// back, so that result lines stay readable and the log can be counted and shown when a check fails.
+struct LogCapture {
+    FILE *file = nullptr;
+    int saved = -1;
+    void start() {
+        fflush(stderr);
+        file = tmpfile();
+        saved = dup(2);
+        if (file != nullptr) dup2(fileno(file), 2);
+    }
+    std::string stop() {
+        fflush(stderr);
+        std::string text;
+        if (saved >= 0) dup2(saved, 2), close(saved);
+        saved = -1;
+        if (file == nullptr) return text;
+        rewind(file);
+        char buf[65536];
+        size_t n;
+        while ((n = fread(buf, 1, sizeof(buf), file)) > 0) text.append(buf, n);
+        fclose(file);
+        file = nullptr;
+        return text;
+    }
+};
+inline int count_of(const std::string &text, const char *what) {
+    int n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
+    return n;
 }
 
 }  // namespace soak_util
