@@ -64,6 +64,7 @@
 #include <vector>
 
 #include "korvex/korvex.h"
+#include "soak_util.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define CHAOS_SANITIZED 1
@@ -124,31 +125,10 @@ int posix_memalign(void **out, size_t a, size_t n) {
 
 namespace {
 
+using namespace soak_util;
+
 // ---------------------------------------------------------------- helpers
 
-uint64_t now_ms() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (uint64_t)ts.tv_sec * 1000u + (uint64_t)ts.tv_nsec / 1000000u;
-}
-void sleep_us(uint64_t us) {
-    timespec ts = {(time_t)(us / 1000000u), (long)(us % 1000000u) * 1000L};
-    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
-    }
-}
-int env_int(const char *name, int def) {
-    const char *v = getenv(name);
-    return (v != nullptr && atoi(v) > 0) ? atoi(v) : def;
-}
-int count_entries(const char *dir) {
-    DIR *d = opendir(dir);
-    if (d == nullptr) return -1;
-    int n = 0;
-    while (dirent *e = readdir(d))
-        if (e->d_name[0] != '.') n++;
-    closedir(d);
-    return n - (strcmp(dir, "/proc/self/fd") == 0 ? 1 : 0);  // the directory's own descriptor
-}
 // Heap bytes in use: the sanitizer's allocator's count, or this program's own.
 size_t heap_in_use() {
 #ifdef CHAOS_SANITIZED
@@ -170,20 +150,7 @@ struct Rng {
 };
 
 void put_u16(char *p, uint32_t v) { p[0] = (char)v, p[1] = (char)(v >> 8); }
-void put_u32(char *p, uint32_t v) {
-    for (int i = 0; i < 4; i++) p[i] = (char)(v >> (8 * i));
-}
 uint32_t get_u16(const char *p) { return (uint32_t)(uint8_t)p[0] | (uint32_t)(uint8_t)p[1] << 8; }
-uint32_t get_u32(const char *p) {
-    uint32_t v = 0;
-    for (int i = 3; i >= 0; i--) v = v << 8 | (uint8_t)p[i];
-    return v;
-}
-uint32_t fnv(const char *p, size_t n) {
-    uint32_t h = 2166136261u;
-    for (size_t i = 0; i < n; i++) h = (h ^ (uint8_t)p[i]) * 16777619u;
-    return h;
-}
 
 const char kCmdMagic[4] = {(char)0xF1, (char)0xF5, (char)0xEA, (char)0xF5};
 const char kDataMagic[4] = {(char)0xF1, (char)0xF5, (char)0xEA, (char)0xF9};
@@ -1031,33 +998,13 @@ uint64_t checkpoint(int workers, bool final_round) {
 
 // ---------------------------------------------------------------- main
 
-struct LogCapture {  // the library's log lines go to a file; counted, and shown when a check fails
-    FILE *file = nullptr;
-    int saved = -1;
-    void start() {
-        fflush(stderr);
-        file = tmpfile();
-        saved = dup(2);
-        dup2(fileno(file), 2);
+// A sanitizer's reports go to the terminal's standard error while the log is captured.
+void sanitizer_reports_to(int fd) {
 #ifdef CHAOS_SANITIZED
-        __sanitizer_set_report_fd(reinterpret_cast<void *>((intptr_t)saved));
+    __sanitizer_set_report_fd(reinterpret_cast<void *>((intptr_t)fd));
+#else
+    (void)fd;
 #endif
-    }
-    std::string stop() {
-        fflush(stderr);
-        dup2(saved, 2);
-        std::string text;
-        rewind(file);
-        char buf[65536];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof(buf), file)) > 0) text.append(buf, n);
-        return text;
-    }
-};
-int count_of(const std::string &text, const char *what) {
-    int n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
-    return n;
 }
 
 }  // namespace
@@ -1123,11 +1070,13 @@ int main() {
         return 1;
     }
 
-    LogCapture log;
+    LogCapture log;  // the library's log lines go to a file; counted, and shown when a check fails
     log.start();
+    sanitizer_reports_to(log.saved);
     sdk_log_set_level(SDK_LOG_LEVEL_ERR, SDK_LOG_LEVEL_ERR, 0);  // errors only: churn makes many messages
     if (!sdk_os_startup((uint32_t)(2 * links + 16), 1)) {
         log.stop();
+        sanitizer_reports_to(2);
         printf("RESULT chaos FAIL | sdk_os_startup failed\n");
         if (child > 0) kill(child, SIGKILL);
         return 1;
@@ -1228,6 +1177,7 @@ int main() {
     if (peers_in_thread) pthread_join(peer_th, nullptr);
     else waitpid(child, &status, 0);
     std::string text = log.stop();
+    sanitizer_reports_to(2);
     for (int i = 0; i < links; i++) pthread_rwlock_destroy(&slots[i].rw);
 
     const int overflows = count_of(text, "buffer overflow");

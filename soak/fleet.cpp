@@ -47,92 +47,15 @@
 
 #include "fleet_supervise.h"
 #include "fleet_video.h"
+#include "soak_util.h"
 
 namespace {
 
+using namespace soak_util;
+
 // ---------------------------------------------------------------- helpers
 
-uint64_t now_ns() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (uint64_t)ts.tv_sec * 1000000000ull + (uint64_t)ts.tv_nsec;
-}
 double secs_since(uint64_t t0) { return (double)(now_ns() - t0) / 1e9; }
-void sleep_ms(uint64_t ms) {
-    timespec ts = {(time_t)(ms / 1000), (long)(ms % 1000) * 1000000L};
-    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
-    }
-}
-void sleep_until(uint64_t t) {
-    uint64_t n = now_ns();
-    if (t > n) {
-        uint64_t d = t - n;
-        timespec ts = {(time_t)(d / 1000000000ull), (long)(d % 1000000000ull)};
-        while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
-        }
-    }
-}
-// Polls cond every step_ms until it holds or ms have passed.
-template <typename F>
-bool wait_until(F cond, uint64_t ms, uint64_t step_ms = 5) {
-    uint64_t end = now_ns() + ms * 1000000ull;
-    while (!cond()) {
-        if (now_ns() >= end) return cond();
-        sleep_ms(step_ms);
-    }
-    return true;
-}
-double cpu_s() {
-    rusage ru;
-    getrusage(RUSAGE_SELF, &ru);
-    return (double)ru.ru_utime.tv_sec + ru.ru_utime.tv_usec / 1e6 + (double)ru.ru_stime.tv_sec + ru.ru_stime.tv_usec / 1e6;
-}
-int count_fds() {
-    DIR *d = opendir("/proc/self/fd");
-    if (d == nullptr) return -1;
-    int n = 0;
-    while (dirent *e = readdir(d))
-        if (e->d_name[0] != '.') n++;
-    closedir(d);
-    return n - 1;  // the directory's own descriptor
-}
-// Raises the soft descriptor limit to n (the hard one too where allowed); gives the soft limit.
-long raise_nofile(rlim_t n) {
-    rlimit rl;
-    getrlimit(RLIMIT_NOFILE, &rl);
-    if (rl.rlim_cur < n) {
-        if (rl.rlim_max < n) {
-            rlimit r2 = {n, n};
-            if (setrlimit(RLIMIT_NOFILE, &r2) == 0) return (long)n;
-        }
-        rl.rlim_cur = std::min(rl.rlim_max, n);
-        setrlimit(RLIMIT_NOFILE, &rl);
-        getrlimit(RLIMIT_NOFILE, &rl);
-    }
-    return (long)rl.rlim_cur;
-}
-int env_int(const char *name, int def) {
-    const char *v = getenv(name);
-    return (v != nullptr && atoi(v) > 0) ? atoi(v) : def;
-}
-int raw_listen(uint16_t *port, int rcvbuf = 0) {
-    int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (s < 0) return -1;
-    int on = 1;
-    setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    if (rcvbuf > 0) setsockopt(s, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
-    sockaddr_in a = {};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(s, reinterpret_cast<sockaddr *>(&a), sizeof(a)) != 0 || listen(s, 4096) != 0) {
-        close(s);
-        return -1;
-    }
-    socklen_t l = sizeof(a);
-    getsockname(s, reinterpret_cast<sockaddr *>(&a), &l);
-    *port = ntohs(a.sin_port);
-    return s;
-}
 int accept_within(int ls, int ms) {
     pollfd p = {ls, POLLIN, 0};
     if (poll(&p, 1, ms) <= 0) return -1;
@@ -141,23 +64,6 @@ int accept_within(int ls, int ms) {
     if (c >= 0) setsockopt(c, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
     return c;
 }
-bool write_all(int fd, const char *p, size_t n) {
-    while (n > 0) {
-        ssize_t w = send(fd, p, n, MSG_NOSIGNAL);
-        if (w < 0) {
-            if (errno == EINTR) continue;
-            if (errno == EAGAIN) {
-                pollfd pf = {fd, POLLOUT, 0};
-                poll(&pf, 1, 100);
-                continue;
-            }
-            return false;
-        }
-        p += w;
-        n -= (size_t)w;
-    }
-    return true;
-}
 double pctl(const std::vector<uint64_t> &v, int p) {
     if (v.empty()) return 0;
     size_t i = std::min(v.size() - 1, v.size() * (size_t)p / 100);
@@ -165,19 +71,6 @@ double pctl(const std::vector<uint64_t> &v, int p) {
 }
 
 // Little-endian fields and self-proving bodies: a sequence number, filler, and an FNV-1a checksum.
-void put_u32(char *p, uint32_t v) {
-    for (int i = 0; i < 4; i++) p[i] = (char)(v >> (8 * i));
-}
-uint32_t get_u32(const char *p) {
-    uint32_t v = 0;
-    for (int i = 3; i >= 0; i--) v = v << 8 | (uint8_t)p[i];
-    return v;
-}
-uint32_t fnv(const char *p, size_t n) {
-    uint32_t h = 2166136261u;
-    for (size_t i = 0; i < n; i++) h = (h ^ (uint8_t)p[i]) * 16777619u;
-    return h;
-}
 std::string numbered_body(uint32_t seq, size_t size) {
     std::string b(std::max<size_t>(size, 8), '\0');
     put_u32(&b[0], seq);
@@ -195,35 +88,6 @@ std::string command_packet(const std::string &body, uint16_t seq) {
     return h + body;
 }
 
-// What the library logs during a shape goes to a file and is counted, so the RESULT lines stay
-// readable; the last lines are shown when a shape fails.
-struct LogCapture {
-    FILE *file = nullptr;
-    int saved = -1;
-    void start() {
-        fflush(stderr);
-        file = tmpfile();
-        saved = dup(2);
-        dup2(fileno(file), 2);
-    }
-    std::string stop() {
-        fflush(stderr);
-        dup2(saved, 2);
-        close(saved);
-        std::string text;
-        rewind(file);
-        char buf[65536];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof(buf), file)) > 0) text.append(buf, n);
-        fclose(file);
-        return text;
-    }
-};
-int count_of(const std::string &text, const char *what) {
-    int n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
-    return n;
-}
 int count_lines(const std::string &text) { return (int)std::count(text.begin(), text.end(), '\n'); }
 void show_tail(const std::string &text, int lines) {
     size_t at = text.size();

@@ -42,42 +42,12 @@
 
 #include "fleet_supervise.h"
 #include "korvex/korvex.h"
+#include "soak_util.h"
 
 namespace {
 
-int64_t now_ms() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
-void sleep_ms(int64_t ms) {
-    timespec ts = {(time_t)(ms / 1000), (long)(ms % 1000) * 1000000L};
-    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
-    }
-}
-template <typename F>
-bool wait_until(F cond, int64_t ms) {
-    int64_t end = now_ms() + ms;
-    while (!cond()) {
-        if (now_ms() >= end) return cond();
-        sleep_ms(10);
-    }
-    return true;
-}
-double cpu_s() {
-    rusage ru;
-    getrusage(RUSAGE_SELF, &ru);
-    return (double)ru.ru_utime.tv_sec + ru.ru_utime.tv_usec / 1e6 + (double)ru.ru_stime.tv_sec + ru.ru_stime.tv_usec / 1e6;
-}
-int count_fds() {
-    DIR *d = opendir("/proc/self/fd");
-    if (d == nullptr) return -1;
-    int n = 0;
-    while (dirent *e = readdir(d))
-        if (e->d_name[0] != '.') n++;
-    closedir(d);
-    return n - 1;
-}
+using namespace soak_util;
+
 // A field of /proc/self/status ("Threads:", "VmRSS:").
 long status_field(const char *name) {
     FILE *f = fopen("/proc/self/status", "r");
@@ -103,19 +73,6 @@ std::string loadavg() {
     sp = sp == std::string::npos ? sp : s.find(' ', sp + 1);
     return s.substr(0, sp);
 }
-int env_int(const char *name, int def) {
-    const char *v = getenv(name);
-    return (v != nullptr && atoi(v) > 0) ? atoi(v) : def;
-}
-void raise_nofile(rlim_t n) {
-    rlimit rl = {n, n};
-    if (setrlimit(RLIMIT_NOFILE, &rl) != 0) {
-        getrlimit(RLIMIT_NOFILE, &rl);
-        rl.rlim_cur = rl.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &rl);
-    }
-}
-
 // ---------------------------------------------------------------- namespaces
 
 // Sets the loopback of the calling thread's network namespace up or down.
@@ -208,21 +165,6 @@ bool make_link(LinkRec &r, int index, uint16_t port, const NetLinkSupervision &s
     return net_link_supervise(r.link, &sup) == 0 && net_tcp_client_open(r.client, -1) == 1;
 }
 
-// What the library logged goes to a file, so the RESULT lines stay readable.
-struct LogToFile {
-    int saved = -1;
-    void start() {
-        fflush(stderr);
-        FILE *f = tmpfile();
-        saved = dup(2);
-        if (f != nullptr) dup2(fileno(f), 2);
-    }
-    void stop() {
-        fflush(stderr);
-        if (saved >= 0) dup2(saved, 2), close(saved);
-    }
-};
-
 // ---------------------------------------------------------------- device peers (child processes)
 
 struct PeerShared {
@@ -274,7 +216,7 @@ PeerShared *shared_block() {
             ssize_t r = recv(fd, buf, sizeof(buf), 0);
             if (r == 0 || (r < 0 && errno != EAGAIN && errno != EINTR)) epoll_ctl(ep, EPOLL_CTL_DEL, fd, nullptr);
         }
-        if (heartbeat_ms > 0 && now_ms() >= next_beat) {
+        if (heartbeat_ms > 0 && (int64_t)now_ms() >= next_beat) {
             next_beat += heartbeat_ms;
             for (int c : conns) {
                 ssize_t r = send(c, kHeartbeat, sizeof(kHeartbeat), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -324,7 +266,7 @@ int shape_vanish() {
     PeerShared *sh = shared_block();
     pid_t child = start_child(sh, {ls_main, ls_gone}, 500);
     close(ls_main), close(ls_gone);
-    LogToFile log;
+    LogCapture log;
     log.start();
     sdk_os_startup((uint32_t)n, 1);
     std::vector<LinkRec> links((size_t)n);
@@ -486,7 +428,7 @@ int shape_flap() {
     pid_t child = fork();
     if (child == 0) flap_child(sh, n, port0, seconds, bound_ms);
     wait_until([&] { return sh->ready.load() >= 1; }, 10000);
-    LogToFile log;
+    LogCapture log;
     log.start();
     sdk_os_startup((uint32_t)n, 1);
     const int fd0 = count_fds();
@@ -499,9 +441,9 @@ int shape_flap() {
     const double c0 = cpu_s();
     const int64_t t0 = now_ms();
     long rss_early = -1, th_mid = -1;
-    while (sh->ready.load() != 3 && now_ms() - t0 < (int64_t)seconds * 1000 + 30000) {
+    while (sh->ready.load() != 3 && (int64_t)now_ms() - t0 < (int64_t)seconds * 1000 + 30000) {
         sleep_ms(200);
-        if (rss_early < 0 && now_ms() - t0 >= std::min(10, seconds / 2) * 1000) rss_early = status_field("VmRSS:");
+        if (rss_early < 0 && (int64_t)now_ms() - t0 >= std::min(10, seconds / 2) * 1000) rss_early = status_field("VmRSS:");
     }
     const double window_s = (double)(now_ms() - t0) / 1000.0, cpu = cpu_s() - c0;
     const long rss_late = status_field("VmRSS:");
@@ -566,7 +508,7 @@ int shape_idle_supervised() {
     PeerShared *sh = shared_block();
     pid_t child = start_child(sh, {ls}, 0);
     close(ls);
-    LogToFile log;
+    LogCapture log;
     log.start();
     sdk_os_startup((uint32_t)n, 1);
     std::vector<LinkRec> links((size_t)n);

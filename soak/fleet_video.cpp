@@ -45,32 +45,14 @@
 #include "korvex/korvex.h"
 
 #include "fleet_video.h"
+#include "soak_util.h"
 
 namespace {
 
+using namespace soak_util;
+
 // ---------------------------------------------------------------- helpers
 
-uint64_t now_ns() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (uint64_t)ts.tv_sec * 1000000000ull + (uint64_t)ts.tv_nsec;
-}
-double cpu_s() {
-    rusage ru;
-    getrusage(RUSAGE_SELF, &ru);
-    return (double)ru.ru_utime.tv_sec + ru.ru_utime.tv_usec / 1e6 + (double)ru.ru_stime.tv_sec + ru.ru_stime.tv_usec / 1e6;
-}
-void sleep_until(uint64_t t) {
-    timespec ts = {(time_t)(t / 1000000000ull), (long)(t % 1000000000ull)};
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR) {
-    }
-}
-void sleep_ms(uint64_t ms) { sleep_until(now_ns() + ms * 1000000ull); }
-template <typename F>
-void wait_until(F cond, uint64_t ms) {
-    uint64_t end = now_ns() + ms * 1000000ull;
-    while (!cond() && now_ns() < end) sleep_ms(2);
-}
 void loadavg(char *out, size_t n) {
     out[0] = 0;
     FILE *f = fopen("/proc/loadavg", "r");
@@ -99,51 +81,6 @@ CpuStat machine_stat() {
 double machine_cores(CpuStat a, CpuStat b) {
     long ncpu = sysconf(_SC_NPROCESSORS_ONLN);
     return b.total > a.total ? (double)(b.busy - a.busy) / (double)(b.total - a.total) * (double)ncpu : 0;
-}
-long raise_nofile(rlim_t n) {
-    rlimit rl;
-    getrlimit(RLIMIT_NOFILE, &rl);
-    if (rl.rlim_cur < n) {
-        rl.rlim_cur = rl.rlim_max < n ? rl.rlim_max : n;
-        setrlimit(RLIMIT_NOFILE, &rl);
-        getrlimit(RLIMIT_NOFILE, &rl);
-    }
-    return (long)rl.rlim_cur;
-}
-int raw_listen(uint16_t *port) {
-    int s = socket(AF_INET, SOCK_STREAM, 0);
-    if (s < 0) return -1;
-    int on = 1;
-    setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    sockaddr_in a = {};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(s, reinterpret_cast<sockaddr *>(&a), sizeof(a)) != 0 || listen(s, 4096) != 0) {
-        close(s);
-        return -1;
-    }
-    socklen_t l = sizeof(a);
-    getsockname(s, reinterpret_cast<sockaddr *>(&a), &l);
-    *port = ntohs(a.sin_port);
-    return s;
-}
-int write_all(int fd, const void *p, size_t n) {
-    const char *c = static_cast<const char *>(p);
-    while (n > 0) {
-        ssize_t w = send(fd, c, n, MSG_NOSIGNAL);
-        if (w < 0) {
-            if (errno == EINTR) continue;
-            if (errno == EAGAIN) {
-                pollfd pf = {fd, POLLOUT, 0};
-                poll(&pf, 1, 100);
-                continue;
-            }
-            return -1;
-        }
-        c += w;
-        n -= (size_t)w;
-    }
-    return 0;
 }
 void *shared_map(size_t n) {
     void *p = mmap(nullptr, n, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -309,7 +246,7 @@ void peer_echo(int ls, Shared *sh) {
         pollfd q = {c, POLLIN, 0};
         if (poll(&q, 1, 100) <= 0) continue;
         ssize_t r = recv(c, buf, sizeof(buf), 0);
-        if (r <= 0 || write_all(c, buf, (size_t)r) < 0) break;
+        if (r <= 0 || !write_all(c, buf, (size_t)r)) break;
         SH_ADD(sh->echo_n, 1);
     }
     close(c);

@@ -24,8 +24,11 @@
 
 #include "korvex/korvex.h"
 #include "net/tcp_peer.h"
+#include "soak_util.h"
 
 namespace {
+
+using namespace soak_util;
 
 int g_failures = 0;
 
@@ -48,20 +51,6 @@ void check(bool ok, const char *what) {
     }
 }
 
-int env_int(const char *name, int def) {
-    const char *v = getenv(name);
-    return (v != nullptr && atoi(v) > 0) ? atoi(v) : def;
-}
-
-int count_entries(const char *dir) {
-    DIR *d = opendir(dir);
-    if (d == nullptr) return -1;
-    int n = 0;
-    while (dirent *e = readdir(d))
-        if (e->d_name[0] != '.') n++;
-    closedir(d);
-    return n - (strcmp(dir, "/proc/self/fd") == 0 ? 1 : 0);  // the directory's own descriptor
-}
 int open_fds() { return count_entries("/proc/self/fd"); }
 int threads() { return count_entries("/proc/self/task"); }
 

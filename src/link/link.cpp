@@ -22,15 +22,6 @@ struct InRead {
     _NetLink *prev;
 };
 
-// Holds a link's mtx_send for one scope.
-struct SendLock {
-    explicit SendLock(_NetLink *l) : link(l) { sdk_mutex_lock(link->mtx_send); }
-    ~SendLock() { sdk_mutex_unlock(link->mtx_send); }
-    SendLock(const SendLock &) = delete;
-    SendLock &operator=(const SendLock &) = delete;
-    _NetLink *link;
-};
-
 // The link a client serves: its user data, while the link's read callback is bound to it.
 _NetLink *owning_link(_NetTcpClient *client) {
     if (client->on_read != net_client_read) return nullptr;

@@ -100,3 +100,12 @@ void link_sup_dropped(NetLinkSupervisor *sup, uint32_t packets);
 // Wait before a reopen after `failed` failed reopens in a row: uniform from min_ms to the ceiling
 // min(max_ms, min_ms * 2^failed), drawn from `random`; max_ms 0 keeps the wait at min_ms.
 int64_t link_backoff_ms(int min_ms, int max_ms, int failed, uint64_t random);
+
+// Holds a link's mtx_send for one scope.
+struct SendLock {
+    explicit SendLock(_NetLink *l) : link(l) { sdk_mutex_lock(link->mtx_send); }
+    ~SendLock() { sdk_mutex_unlock(link->mtx_send); }
+    SendLock(const SendLock &) = delete;
+    SendLock &operator=(const SendLock &) = delete;
+    _NetLink *link;
+};

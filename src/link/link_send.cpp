@@ -24,15 +24,6 @@ inline char *block_data(SendBlock *b) { return reinterpret_cast<char *>(b + 1); 
 
 inline SendBlock *block_at(_OS_DListNode *node) { return *static_cast<SendBlock **>(adt_dlist_getdata(node)); }
 
-// Holds a link's mtx_send for one scope.
-struct SendLock {
-    explicit SendLock(_NetLink *l) : link(l) { sdk_mutex_lock(link->mtx_send); }
-    ~SendLock() { sdk_mutex_unlock(link->mtx_send); }
-    SendLock(const SendLock &) = delete;
-    SendLock &operator=(const SendLock &) = delete;
-    _NetLink *link;
-};
-
 // The addresses a head carries, as inet_addr gives them: 0.0.0.0 with ip_ver 1, otherwise the
 // client's texts (a text that is no dotted quad gives all bits set). The client keeps them worked
 // out while its texts stay the same, so they are parsed once per connection.

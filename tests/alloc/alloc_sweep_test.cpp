@@ -18,6 +18,7 @@
 #include "pap/pap_internal.h"
 #include "platform/alloc.h"
 #include "runtime/runtime_internal.h"
+#include "support/proc_entries.h"
 
 namespace {
 
@@ -47,15 +48,6 @@ long disarm() {
     long reached = kx_alloc_points();
     kx_alloc_fail_at(0);
     return reached;
-}
-
-int count_fds() {
-    int n = 0;
-    DIR *d = opendir("/proc/self/fd");
-    while (struct dirent *e = readdir(d))
-        if (e->d_name[0] != '.') n++;
-    closedir(d);
-    return n;
 }
 
 // --- the command engine ---
@@ -213,14 +205,6 @@ std::string read_all(const std::string &path) {
     ss << in.rdbuf();
     return ss.str();
 }
-int count_in_dir(const char *dir) {
-    int n = 0;
-    DIR *d = opendir(dir);
-    while (struct dirent *e = readdir(d))
-        if (e->d_name[0] != '.') n++;
-    closedir(d);
-    return n;
-}
 }  // namespace
 
 TEST(AllocSweep, IniReadWrite) {
@@ -245,7 +229,7 @@ TEST(AllocSweep, IniReadWrite) {
             std::string now = read_all(path);
             std::string new_text = width == 4 ? "[S]\nk=9   \nx=2\nk=9   \n" : "[S]\nk=123456\nx=2\nk=123456\n";
             EXPECT_TRUE(now == old_text || now == new_text) << now;
-            EXPECT_EQ(1, count_in_dir(dir));  // no temporary file stays
+            EXPECT_EQ(1, proc_entries(dir));  // no temporary file stays
             return reached;
         });
     }
@@ -284,7 +268,7 @@ TEST(AllocSweep, StartTimersLinks) {
     pthread_t warm;  // lets a sanitizer runtime start its helper threads before counting
     pthread_create(&warm, nullptr, [](void *) -> void * { return nullptr; }, nullptr);
     pthread_join(warm, nullptr);
-    const int fds = count_fds(), threads = count_in_dir("/proc/self/task");
+    const int fds = proc_entries("/proc/self/fd"), threads = proc_entries("/proc/self/task");
     sweep("start", [&](long n) {
         kx_alloc_fail_at(n);
         int r = sdk_os_startup(0, 0);
@@ -292,8 +276,8 @@ TEST(AllocSweep, StartTimersLinks) {
         if (r == 0) {
             EXPECT_EQ(0, kx_start_count());
             EXPECT_FALSE(sdk_is_startup());
-            EXPECT_EQ(fds, count_fds());
-            EXPECT_EQ(threads, count_in_dir("/proc/self/task"));  // a started event thread was joined
+            EXPECT_EQ(fds, proc_entries("/proc/self/fd"));
+            EXPECT_EQ(threads, proc_entries("/proc/self/task"));  // a started event thread was joined
         } else {
             EXPECT_TRUE(sdk_is_startup());
         }

@@ -26,15 +26,18 @@ int destroy_in_parser(_NetLink *link, void *, int, char *, int) {
 }
 int destroy_on_disconnect(_NetLink *link, void *) { return net_link_destroy(link); }
 
-// Opens a client to the listener (a new one for null) and gives the accepted side.
-int connect_client(_NetTcpClient **c, int lfd, uint16_t port) {
-    if (*c == nullptr) {
-        *c = net_tcp_client_create();
-        net_tcp_client_set_remote(*c, "127.0.0.1", port);
-    }
-    EXPECT_EQ(net_tcp_client_open(*c, -1), 1);
+// A client towards the loopback port.
+_NetTcpClient *client_to(uint16_t port) {
+    _NetTcpClient *c = net_tcp_client_create();
+    net_tcp_client_set_remote(c, "127.0.0.1", port);
+    return c;
+}
+
+// Opens the client and gives the accepted side.
+int connect_client(_NetTcpClient *c, int lfd) {
+    EXPECT_EQ(net_tcp_client_open(c, -1), 1);
     int peer = accept_within(lfd);
-    EXPECT_TRUE(wait_for([&] { return net_tcp_client_get_status(*c) == 2; }));
+    EXPECT_TRUE(wait_for([&] { return net_tcp_client_get_status(c) == 2; }));
     return peer;
 }
 
@@ -47,17 +50,15 @@ TEST(LinkOwner, NewClientDetachesTheOldAndDestroyLeavesNoWayBack) {
     int lfd = listen_on("127.0.0.1", &port);
     _NetLink *link = net_link_create();
     net_link_bind_parase_protocol(link, count_packet);
-    _NetTcpClient *c1 = net_tcp_client_create(), *c2 = nullptr;
-    net_tcp_client_set_remote(c1, "127.0.0.1", port);
+    _NetTcpClient *c1 = client_to(port), *c2 = nullptr;
     ASSERT_EQ(net_link_set_core(link, c1), 0);
-    close(connect_client(&c1, lfd, port));
+    close(connect_client(c1, lfd));
     ASSERT_TRUE(wait_for([&] { return net_tcp_client_get_status(c1) == 0; }));
 
-    ASSERT_EQ(net_link_set_core(link, c2 = net_tcp_client_create()), 0);
-    net_tcp_client_set_remote(c2, "127.0.0.1", port);
+    ASSERT_EQ(net_link_set_core(link, c2 = client_to(port)), 0);
     EXPECT_EQ(net_tcp_client_get_udata(c1), nullptr);
     EXPECT_TRUE(c1->on_read == nullptr && c1->on_write == nullptr && c1->on_disconnect == nullptr);
-    int p2 = connect_client(&c2, lfd, port);
+    int p2 = connect_client(c2, lfd);
     send_all(p2, command_packet("to the link"));
     ASSERT_TRUE(wait_for([&] { return g_packets == 1; }));
     ASSERT_GE(net_link_send_command(link, "back", 4), 0);
@@ -77,7 +78,7 @@ TEST(LinkOwner, NewClientDetachesTheOldAndDestroyLeavesNoWayBack) {
     EXPECT_EQ(pool_client_used(), used - 1);
     close(p2);
 
-    int p3 = connect_client(&c1, lfd, port);
+    int p3 = connect_client(c1, lfd);
     send_all(p3, command_packet("nobody listens"));
     close(p3);
     ASSERT_TRUE(wait_for([&] { return net_tcp_client_get_status(c1) == 0; }));
@@ -100,10 +101,9 @@ TEST(LinkOwner, ReattachWhileConnectedSplicesNothing) {
     int lfd = listen_on("127.0.0.1", &port);
     _NetLink *link = net_link_create();
     net_link_bind_parase_protocol(link, keep_body);
-    _NetTcpClient *c1 = net_tcp_client_create(), *c2 = nullptr;
-    net_tcp_client_set_remote(c1, "127.0.0.1", port);
+    _NetTcpClient *c1 = client_to(port), *c2 = nullptr;
     ASSERT_EQ(net_link_set_core(link, c1), 0);
-    int p1 = connect_client(&c1, lfd, port);
+    int p1 = connect_client(c1, lfd);
     send_all(p1, command_packet("old connection").substr(0, 12));
     ASSERT_TRUE(wait_for([&] {
         sdk_main_lock();
@@ -111,9 +111,8 @@ TEST(LinkOwner, ReattachWhileConnectedSplicesNothing) {
         sdk_main_unlock();
         return n == 12;
     }));
-    ASSERT_EQ(net_link_set_core(link, c2 = net_tcp_client_create()), 0);
-    net_tcp_client_set_remote(c2, "127.0.0.1", port);
-    int p2 = connect_client(&c2, lfd, port);
+    ASSERT_EQ(net_link_set_core(link, c2 = client_to(port)), 0);
+    int p2 = connect_client(c2, lfd);
     send_all(p2, command_packet("fresh"));
     ASSERT_TRUE(wait_for([&] { return g_packets == 1; }));
     EXPECT_EQ(g_last_body, "fresh");
@@ -133,10 +132,9 @@ TEST(LinkOwner, DestroyFromTheLinksOwnCallbacks) {
     _NetLink *link = net_link_create();
     net_link_bind_parase_protocol(link, destroy_in_parser);
     net_link_bind_disconnect_protocol(link, destroy_on_disconnect);
-    _NetTcpClient *c = net_tcp_client_create();
-    net_tcp_client_set_remote(c, "127.0.0.1", port);
+    _NetTcpClient *c = client_to(port);
     ASSERT_EQ(net_link_set_core(link, c), 0);
-    int peer = connect_client(&c, lfd, port);
+    int peer = connect_client(c, lfd);
     StderrCapture log;
     log.start();
     send_all(peer, command_packet("one") + command_packet("two"));

@@ -7,6 +7,7 @@
 
 #include "net/net_internal.h"
 #include "net/tcp_peer.h"
+#include "support/proc_entries.h"
 #include "support/stderr_capture.h"
 
 namespace {
@@ -26,15 +27,6 @@ _NetUdpClient *open_on_loopback(uint16_t *port) {
     EXPECT_EQ(1, net_udp_client_get_local(c, ip, port));
     EXPECT_NE(0, *port);  // the port the system chose
     return c;
-}
-
-int open_fds() {
-    int n = 0;
-    DIR *d = opendir("/proc/self/fd");
-    while (struct dirent *e = readdir(d))
-        if (e->d_name[0] != '.') n++;
-    closedir(d);
-    return n;
 }
 
 }  // namespace
@@ -104,7 +96,7 @@ TEST(UdpClient, MulticastJoinAndLeave) {
 
 TEST(UdpClient, CreateOpenDestroyCyclesLeaveNoDescriptor) {
     ASSERT_EQ(1, sdk_os_startup(0, 3));
-    int before = open_fds();
+    int before = proc_entries("/proc/self/fd");
     for (int i = 0; i < 300; i++) {
         _NetUdpClient *c = net_udp_client_create();
         ASSERT_NE(nullptr, c);
@@ -115,6 +107,6 @@ TEST(UdpClient, CreateOpenDestroyCyclesLeaveNoDescriptor) {
         ASSERT_EQ(1, net_tcp_server_open(s));
         ASSERT_EQ(1, net_tcp_server_destroy(s));
     }
-    EXPECT_EQ(before, open_fds());
+    EXPECT_EQ(before, proc_entries("/proc/self/fd"));
     EXPECT_EQ(0u, pool_udp_used());
 }

@@ -11,18 +11,10 @@
 #include "core/startup_internal.h"
 #include "runtime/runtime_internal.h"
 #include <sys/resource.h>
+#include "support/proc_entries.h"
 #include "support/stderr_capture.h"
 
 namespace {
-
-int thread_count() {
-    int n = 0;
-    DIR *d = opendir("/proc/self/task");
-    while (struct dirent *e = readdir(d))
-        if (e->d_name[0] != '.') n++;
-    closedir(d);
-    return n;
-}
 
 struct Fired {
     std::vector<int> order;
@@ -60,7 +52,7 @@ TEST(Lifecycle, StartCountThreadsAndLastStop) {
     pthread_t warm;
     pthread_create(&warm, nullptr, [](void *) -> void * { return nullptr; }, nullptr);
     pthread_join(warm, nullptr);
-    int before = thread_count();
+    int before = proc_entries("/proc/self/task");
     EXPECT_FALSE(sdk_is_startup());
     StderrCapture cap;
     cap.start();
@@ -68,11 +60,11 @@ TEST(Lifecycle, StartCountThreadsAndLastStop) {
     EXPECT_EQ(0, kx_start_count());
     ASSERT_EQ(1, sdk_os_startup(5, 3));
     EXPECT_TRUE(sdk_is_startup());
-    EXPECT_EQ(before + 2, thread_count());
+    EXPECT_EQ(before + 2, proc_entries("/proc/self/task"));
     EXPECT_NE(nullptr, kx_log_check_timer());
     EXPECT_EQ(1, sdk_os_startup(5, 3));  // nested: nothing else happens
     EXPECT_EQ(2, kx_start_count());
-    EXPECT_EQ(before + 2, thread_count());
+    EXPECT_EQ(before + 2, proc_entries("/proc/self/task"));
     EXPECT_EQ(1, sdk_os_cleanup());  // not the last
     EXPECT_EQ(1, kx_start_count());
     EXPECT_NE(nullptr, kx_log_check_timer());
@@ -80,9 +72,9 @@ TEST(Lifecycle, StartCountThreadsAndLastStop) {
     EXPECT_EQ(0, kx_start_count());
     EXPECT_EQ(nullptr, kx_log_check_timer());
     EXPECT_TRUE(sdk_is_startup());        // the engine stays
-    EXPECT_EQ(before + 2, thread_count());  // and its threads run on
+    EXPECT_EQ(before + 2, proc_entries("/proc/self/task"));  // and its threads run on
     ASSERT_EQ(1, sdk_os_startup(0, 0));   // no second engine, the log check comes back
-    EXPECT_EQ(before + 2, thread_count());
+    EXPECT_EQ(before + 2, proc_entries("/proc/self/task"));
     EXPECT_NE(nullptr, kx_log_check_timer());
     std::string out = cap.stop();
     EXPECT_NE(out.find("[Cleanup]KORVEX Cleanup!\n"), std::string::npos);

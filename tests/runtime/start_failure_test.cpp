@@ -11,17 +11,9 @@
 #include "core/startup_internal.h"
 #include "net/tcp_peer.h"
 #include "runtime/runtime_internal.h"
+#include "support/proc_entries.h"
 
 namespace {
-
-int count_entries(const char *dir) {
-    int n = 0;
-    DIR *d = opendir(dir);
-    while (struct dirent *e = readdir(d))
-        if (e->d_name[0] != '.') n++;
-    closedir(d);
-    return n - 1;  // the directory stream's own descriptor, or nothing for tasks
-}
 
 int highest_fd(void) {
     int high = -1;
@@ -55,7 +47,7 @@ TEST(StartFailure, NoDescriptorsLeavesNothingAndALaterStartWorks) {
         }
         fill.push_back(f);
     }
-    const int fds = count_entries("/proc/self/fd"), threads = count_entries("/proc/self/task") + 1;
+    const int fds = proc_entries("/proc/self/fd"), threads = proc_entries("/proc/self/task");
     // Every room from no free descriptor up to the first that suffices: each failure changes nothing.
     int failures = 0;
     bool started = false;
@@ -72,8 +64,8 @@ TEST(StartFailure, NoDescriptorsLeavesNothingAndALaterStartWorks) {
         failures++;
         EXPECT_EQ(0, kx_start_count()) << "room " << room;
         EXPECT_FALSE(sdk_is_startup());
-        EXPECT_EQ(fds, count_entries("/proc/self/fd")) << "room " << room;
-        EXPECT_EQ(threads, count_entries("/proc/self/task") + 1) << "room " << room;
+        EXPECT_EQ(fds, proc_entries("/proc/self/fd")) << "room " << room;
+        EXPECT_EQ(threads, proc_entries("/proc/self/task")) << "room " << room;
         EXPECT_EQ(nullptr, sdk_timer_create(on_timer, 0, nullptr));  // no engine, no timer list
     }
     EXPECT_GE(failures, 3);
@@ -83,7 +75,7 @@ TEST(StartFailure, NoDescriptorsLeavesNothingAndALaterStartWorks) {
     for (int f : fill) close(f);
     EXPECT_EQ(1, kx_start_count());
     EXPECT_TRUE(sdk_is_startup());
-    EXPECT_EQ(threads + 2, count_entries("/proc/self/task") + 1);
+    EXPECT_EQ(threads + 2, proc_entries("/proc/self/task"));
 
     // The engine serves: a client connects and a timer fires.
     uint16_t port = 0;

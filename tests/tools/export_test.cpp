@@ -18,33 +18,11 @@
 #include <vector>
 
 #include "core/core.h"
+#include "tool_run.h"
 
 namespace {
 
-using Json = nlohmann::json;
-
-struct Result {
-    int status;
-    std::string out, err;
-};
-
-std::string slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-std::vector<std::string> lines_of(const std::string &text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
-
-std::vector<Json> json_lines(const std::string &text) {
-    std::vector<Json> out;
-    for (const std::string &l : lines_of(text)) out.push_back(Json::parse(l));
-    return out;
-}
+using namespace tool_run;
 
 // What ffprobe says of a file's video packets: time in ms and the key flag.
 struct Packet {
@@ -52,22 +30,8 @@ struct Packet {
     bool key;
 };
 
-class ExportTest : public ::testing::Test {
+class ExportTest : public ToolDirTest {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/korvex_export_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override { (void)!system(("rm -rf '" + dir_ + "'").c_str()); }
-    std::string path(const std::string &name) const { return dir_ + "/" + name; }
-    bool exists(const std::string &name) const { return access(path(name).c_str(), F_OK) == 0; }
-
-    Result run(const std::string &tool, const std::string &args) {
-        std::string cmd = tool + " " + args + " >" + path("out.txt") + " 2>" + path("err.txt");
-        int rc = system(cmd.c_str());
-        return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, slurp(path("out.txt")), slurp(path("err.txt"))};
-    }
     Result exp(const std::string &args) { return run(KORVEX_EXPORT, args); }
 
     // An outside-shaped recording: testsrc encoded by FFmpeg at rate fps, a key frame every gop
@@ -115,7 +79,6 @@ protected:
         return atoll(r.out.c_str());
     }
 
-    std::string dir_;
 };
 
 // The device's time of each frame to the millisecond: its second, and within it the place among the

@@ -18,36 +18,13 @@
 
 #include "common/frame_make.h"
 #include "support/frame_builder.h"
+#include "tool_run.h"
 
 namespace {
 
-using Json = nlohmann::json;
-
-struct Result {
-    int status;
-    std::string out, err;
-};
-
-std::string slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void spill(const std::string &path, const std::string &bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-}
+using namespace tool_run;
 
 std::string data(const std::string &name) { return std::string(KORVEX_TEST_DATA) + "/" + name; }
-
-std::vector<Json> json_lines(const std::string &out) {
-    std::vector<Json> lines;
-    size_t pos = 0, nl;
-    while ((nl = out.find('\n', pos)) != std::string::npos) {
-        lines.push_back(Json::parse(out.substr(pos, nl - pos)));
-        pos = nl + 1;
-    }
-    return lines;
-}
 
 int count(const std::string &text, const std::string &what) {
     int n = 0;
@@ -61,26 +38,11 @@ const std::string kUserData =
     "--start-time 2023-11-14T22:13:20Z --fps 4 --vca 1000,1000,5000,5000,7 --vca 0,0,10000,10000 "
     "--plate AB123CD --plate XY9 --osd 'Gate 3' --block 0xFEE2:010203 --block 0xFEE1:dead ";
 
-class ToolsTest : public ::testing::Test {
+class ToolsTest : public ToolDirTest {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/korvex_tools_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override { (void)!system(("rm -rf '" + dir_ + "'").c_str()); }
-
-    std::string path(const std::string &name) const { return dir_ + "/" + name; }
-
-    Result run(const std::string &tool, const std::string &args) {
-        std::string cmd = tool + " " + args + " >" + path("out.txt") + " 2>" + path("err.txt");
-        int rc = system(cmd.c_str());
-        return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, slurp(path("out.txt")), slurp(path("err.txt"))};
-    }
     Result dump(const std::string &args) { return run(KORVEX_DUMP, args); }
     Result mkframe(const std::string &args) { return run(KORVEX_MKFRAME, args); }
     Result view(const std::string &args) { return run(KORVEX_VIEW, args); }
-    bool exists(const std::string &name) const { return access(path(name).c_str(), F_OK) == 0; }
 
     // A stream of frames made from a test stream, with the common user data and the extra options.
     std::string make(const std::string &source, const std::string &extra = "") {
@@ -90,7 +52,6 @@ protected:
         return out;
     }
 
-    std::string dir_;
 };
 
 void expect_common_records(const Json &ud, int frame) {

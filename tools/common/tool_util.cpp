@@ -127,22 +127,34 @@ bool read_file(const std::string &path, Bytes *out) {
     return ok;
 }
 
+FILE *create_beside(const std::string &path, std::string *tmp) {
+    *tmp = path + ".XXXXXX";
+    int fd = mkstemp(&(*tmp)[0]);
+    if (fd < 0) {
+        tmp->clear();
+        return nullptr;
+    }
+    mode_t mask = umask(0);
+    umask(mask);
+    (void)fchmod(fd, 0666 & ~mask);
+    FILE *f = fdopen(fd, "wb");
+    if (f == nullptr) {
+        int e = errno;
+        close(fd);
+        unlink(tmp->c_str());
+        errno = e;
+    }
+    return f;
+}
+
 bool write_file(const std::string &path, const Bytes &data) {
     // A file is written under a temporary name beside it and renamed when complete, so that a failed
     // run leaves no half-written file.
-    std::string tmp = path + ".XXXXXX";
+    std::string tmp;
     FILE *f = stdout;
     if (path != "-") {
-        int fd = mkstemp(&tmp[0]);
-        mode_t mask = umask(0);
-        umask(mask);
-        if (fd >= 0) (void)fchmod(fd, 0666 & ~mask);
-        f = fd < 0 ? nullptr : fdopen(fd, "wb");
-        if (f == nullptr) {
-            errorf("cannot create '%s': %s", path.c_str(), strerror(errno));
-            if (fd >= 0) close(fd);
-            return false;
-        }
+        f = create_beside(path, &tmp);
+        if (f == nullptr) return errorf("cannot create '%s': %s", path.c_str(), strerror(errno)), false;
     }
     bool ok = data.empty() || fwrite(data.data(), 1, data.size(), f) == data.size();
     ok = (fflush(f) == 0) && ok;
@@ -164,16 +176,9 @@ bool OutputFile::open(const std::string &path) {
         f_ = stdout;
         return true;
     }
-    std::string tmp = path + ".XXXXXX";
-    int fd = mkstemp(&tmp[0]);
-    if (fd < 0) return errorf("cannot create '%s': %s", path.c_str(), strerror(errno)), false;
-    tmp_ = tmp;
-    mode_t mask = umask(0);
-    umask(mask);
-    (void)fchmod(fd, 0666 & ~mask);
-    f_ = fdopen(fd, "wb");
+    f_ = create_beside(path, &tmp_);
     if (f_ == nullptr) {
-        close(fd);
+        tmp_.clear();
         return errorf("cannot create '%s': %s", path.c_str(), strerror(errno)), false;
     }
     return true;

@@ -52,6 +52,11 @@ std::string iso8601_utc(int year, int month, int day, int hour, int minute, int 
 bool read_file(const std::string &path, Bytes *out);
 // Opens a file for reading, or standard input for "-"; null with a message on failure.
 FILE *open_input(const std::string &path);
+// Creates a temporary file beside path (path.XXXXXX) with the mode a new file there gets, its name in
+// *tmp. Gives the open stream, or nullptr with errno set and no file left; *tmp is then empty when no
+// name could be made, and the name that was made when only the stream could not be opened.
+FILE *create_beside(const std::string &path, std::string *tmp);
+
 // Writes a whole buffer to a file (under a temporary name, renamed when complete), or to standard output
 // for "-". On failure prints a message and leaves no file behind.
 bool write_file(const std::string &path, const Bytes &data);

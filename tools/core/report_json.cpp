@@ -10,16 +10,6 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-std::string time_text(const __S_AbsoluteTime &t) {
-    return kxt::iso8601_utc(t.usYear, t.usMonth, t.usDay, t.usHour, t.usMinute, t.usSecond);
-}
-
-std::string hex4(int type) {
-    char b[16];
-    snprintf(b, sizeof(b), "0x%04X", unsigned(type));
-    return b;
-}
-
 Json raw_json(const RawView &v) {
     Json j;
     j["type"] = v.type;
@@ -31,6 +21,16 @@ Json raw_json(const RawView &v) {
 }
 
 }  // namespace
+
+std::string time_text(const __S_AbsoluteTime &t) {
+    return kxt::iso8601_utc(t.usYear, t.usMonth, t.usDay, t.usHour, t.usMinute, t.usSecond);
+}
+
+std::string hex4(int type) {
+    char b[16];
+    snprintf(b, sizeof(b), "0x%04X", unsigned(type));
+    return b;
+}
 
 Json frame_json(const FrameReport &r) {
     Json j;

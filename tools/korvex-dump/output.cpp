@@ -13,16 +13,6 @@ namespace {
 using Json = nlohmann::ordered_json;
 using namespace kxc;
 
-std::string time_text(const __S_AbsoluteTime &t) {
-    return kxt::iso8601_utc(t.usYear, t.usMonth, t.usDay, t.usHour, t.usMinute, t.usSecond);
-}
-
-std::string hex4(int type) {
-    char b[16];
-    snprintf(b, sizeof(b), "0x%04X", unsigned(type));
-    return b;
-}
-
 void print_text(const FrameReport &r) {
     if (!r.has_header) {
         printf("frame %lld @ %llu: %s\n", r.index, (unsigned long long)r.offset, r.error.c_str());

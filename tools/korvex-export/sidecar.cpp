@@ -10,20 +10,10 @@ namespace kxe {
 
 bool TempFile::create(const std::string &path, std::string *why) {
     path_ = path;
-    tmp_ = path + ".XXXXXX";
-    int fd = mkstemp(&tmp_[0]);
-    if (fd < 0) {
-        *why = "cannot create a file beside '" + path + "': " + strerror(errno);
-        return false;
-    }
-    mode_t mask = umask(0);
-    umask(mask);
-    (void)fchmod(fd, 0666 & ~mask);
-    f_ = fdopen(fd, "wb");
+    f_ = kxt::create_beside(path, &tmp_);
     if (f_ == nullptr) {
-        *why = "cannot create '" + tmp_ + "': " + strerror(errno);
-        close(fd);
-        unlink(tmp_.c_str());
+        *why = tmp_.empty() ? "cannot create a file beside '" + path + "': " + strerror(errno)
+                            : "cannot create '" + tmp_ + "': " + strerror(errno);
         return false;
     }
     live_ = true;
