@@ -22,6 +22,22 @@ extern "C" {
 #include "common/tool_util.h"
 #include "korvex-view/view.h"
 
+
+// FFmpeg's libraries are not built for ThreadSanitizer: the atomics that order their worker threads are
+// invisible to it and every hand-over looks like a race. A TSan build of the tool therefore decodes and
+// encodes on one thread; any other build uses every core (0: FFmpeg's choice).
+#if defined(__SANITIZE_THREAD__)
+#define KX_VIEW_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KX_VIEW_TSAN 1
+#endif
+#endif
+#ifdef KX_VIEW_TSAN
+constexpr int kCodecThreads = 1;
+#else
+constexpr int kCodecThreads = 0;
+#endif
 namespace kxv {
 
 namespace {
@@ -73,7 +89,7 @@ bool Decoder::open(kxt::Codec codec) {
     if (ctx_ == nullptr || pkt_ == nullptr || frame_ == nullptr) return kxt::errorf("out of memory"), false;
     // Frame threads on every core (and slice threads where a picture has slices); the pictures still
     // come out in display order, each with the frame index its packet carried.
-    ctx_->thread_count = 0;
+    ctx_->thread_count = kCodecThreads;
     ctx_->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;
     ctx_->pkt_timebase = AVRational{1, 1};
     int rc = avcodec_open2(ctx_, dec, nullptr);
@@ -283,7 +299,7 @@ bool VideoOut::open(const AVFrame *first) {
     enc_->time_base = AVRational{1, 1000};
     enc_->framerate = av_d2q(fps_, 100000);
     enc_->gop_size = std::max(1, int(lround(fps_ * 2)));
-    enc_->thread_count = 0;
+    enc_->thread_count = kCodecThreads;
     if (strcmp(codec_->name, "libx264") == 0) {
         av_opt_set(enc_->priv_data, "preset", "veryfast", 0);
         av_opt_set(enc_->priv_data, "x264-params", "log-level=error:bframes=0", 0);
