@@ -279,8 +279,10 @@ void walk(FILE *f, const AnalysisOptions &o, const FrameVisitor &visit, const Wa
             bool more = visit(r, r.has_header ? frame : Span());
             if (r.index == first_index && first_offset == 0) {
                 // Nothing at the start looks like a frame: say what the input is and which command takes it.
+                // The peek sets head: it runs before the sniff reads it (argument order is unspecified).
                 const uint8_t *head = nullptr;
-                kxt::Sniffed sniffed = kxt::sniff_input(head, walker.peek(4096, &head));
+                const size_t head_len = walker.peek(4096, &head);
+                kxt::Sniffed sniffed = kxt::sniff_input(head, head_len);
                 std::string hint = kxt::foreign_input_hint(sniffed, "a stream of frames");
                 if (!hint.empty()) {
                     notice(hint);
