@@ -80,7 +80,9 @@ double h264_sps_rate(const uint8_t *nal, size_t n, int size[2] = nullptr) {
                 for (int j = 0; j < (i < 6 ? 16 : 64) && b.ok(); ++j) {
                     if (next != 0) {
                         uint32_t k = b.ue();
-                        int delta = (k & 1) ? int((k + 1) / 2) : -int(k / 2);
+                        // Only the step modulo 256 matters; reducing it first keeps a hostile k in range.
+                        const int mag = int(((k & 1) ? (k + 1) / 2 : k / 2) % 256u);
+                        int delta = (k & 1) ? mag : -mag;
                         next = (last + delta + 256) % 256;
                     }
                     last = next == 0 ? last : next;
