@@ -232,6 +232,20 @@ int kx_poller_wait(KxPoller *p, KxPollEvent *events, int max, int timeout_ms) {
     int err = errno;
     pthread_mutex_lock(&p->mutex);
     p->waiting = 0;
+    if (r > 0) {
+        // The wait ran on a copy: an interest withdrawn or a descriptor removed while it waited (the
+        // wake-up only cuts the wait short, the kernel still reports what became ready meanwhile) must
+        // not be reported. Only what the descriptor's present interest asks for, and its errors, count.
+        for (int i = 0; i < n; i++) {
+            if (p->copy[i].revents == 0) continue;
+            const int fd = p->copy[i].fd;
+            const int at = fd < p->pos_room ? p->pos[fd] : -1;
+            if (at == -1 || p->tags[at] != p->copy_tags[i])
+                p->copy[i].revents = 0;
+            else
+                p->copy[i].revents &= short(p->fds[at].events | POLLERR | POLLHUP | POLLNVAL);
+        }
+    }
     pthread_mutex_unlock(&p->mutex);
     if (r < 0) {
         errno = err;
