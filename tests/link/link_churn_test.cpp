@@ -27,8 +27,10 @@ uint32_t fnv(const char *p, size_t n) {
 // A body that proves itself whole: sender, its count, filler, and a checksum over all of it.
 std::string body_of(uint32_t sender, uint32_t count, size_t size) {
     std::string b(size - 4, '\0');
-    memcpy(&b[0], &sender, 4);
-    memcpy(&b[4], &count, 4);
+    for (int i = 0; i < 4; i++) {  // little-endian, as le_at reads them, on any processor
+        b[size_t(i)] = char(sender >> (8 * i));
+        b[size_t(4 + i)] = char(count >> (8 * i));
+    }
     for (size_t i = 8; i < b.size(); i++) b[i] = (char)('a' + (sender + count + i) % 26);
     uint32_t h = fnv(b.data(), b.size());
     return b + std::string(reinterpret_cast<char *>(&h), 4);
