@@ -3,6 +3,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <time.h>
 
 inline int proc_entries(const char *dir) {
     int n = 0;
@@ -11,5 +12,17 @@ inline int proc_entries(const char *dir) {
     while (struct dirent *e = readdir(d))
         if (e->d_name[0] != '.') n++;
     closedir(d);
+    return n;
+}
+
+// The count once it has come to want, or after about two seconds whatever it is then. A joined thread
+// leaves /proc/self/task a moment after the join returns (under an emulator, noticeably later).
+inline int proc_entries_settle(const char *dir, int want) {
+    int n = proc_entries(dir);
+    for (int ms = 0; n != want && ms < 2000; ms++) {
+        struct timespec t = {0, 1000000};
+        nanosleep(&t, nullptr);
+        n = proc_entries(dir);
+    }
     return n;
 }
