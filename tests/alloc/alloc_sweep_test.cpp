@@ -265,9 +265,7 @@ TEST(AllocSweep, LogLinesAndFiles) {
 }
 
 TEST(AllocSweep, StartTimersLinks) {
-    pthread_t warm;  // lets a sanitizer runtime start its helper threads before counting
-    pthread_create(&warm, nullptr, [](void *) -> void * { return nullptr; }, nullptr);
-    pthread_join(warm, nullptr);
+    proc_warm_thread();  // a sanitizer runtime starts its helper threads before the count
     const int fds = proc_entries("/proc/self/fd"), threads = proc_entries("/proc/self/task");
     sweep("start", [&](long n) {
         kx_alloc_fail_at(n);

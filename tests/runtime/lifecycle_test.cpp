@@ -48,10 +48,7 @@ int create_in_cb(void *) {
 }  // namespace
 
 TEST(Lifecycle, StartCountThreadsAndLastStop) {
-    // A first thread of our own lets a sanitizer runtime start its helper threads before counting.
-    pthread_t warm;
-    pthread_create(&warm, nullptr, [](void *) -> void * { return nullptr; }, nullptr);
-    pthread_join(warm, nullptr);
+    proc_warm_thread();  // a sanitizer runtime starts its helper threads before the count
     int before = proc_entries("/proc/self/task");
     EXPECT_FALSE(sdk_is_startup());
     StderrCapture cap;

@@ -33,9 +33,7 @@ int on_timer(void *) {
 }  // namespace
 
 TEST(StartFailure, NoDescriptorsLeavesNothingAndALaterStartWorks) {
-    pthread_t warm;  // lets a sanitizer runtime start its helper threads before counting
-    pthread_create(&warm, nullptr, [](void *) -> void * { return nullptr; }, nullptr);
-    pthread_join(warm, nullptr);
+    proc_warm_thread();  // a sanitizer runtime starts its helper threads before the count
     rlimit saved;
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
     // Holes below the highest descriptor would be free room: fill them.

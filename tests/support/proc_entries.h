@@ -3,7 +3,12 @@
 #pragma once
 
 #include <dirent.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <time.h>
+#include <unistd.h>
 
 inline int proc_entries(const char *dir) {
     int n = 0;
@@ -25,4 +30,20 @@ inline int proc_entries_settle(const char *dir, int want) {
         n = proc_entries(dir);
     }
     return n;
+}
+
+// Runs one thread of our own to its end before threads are counted, so that a sanitizer runtime has
+// started its helper threads: joined, and awaited (bounded) until its /proc/self/task entry is gone.
+inline void proc_warm_thread() {
+    static long tid;
+    pthread_t warm;
+    pthread_create(&warm, nullptr, [](void *) -> void * { tid = syscall(SYS_gettid); return nullptr; }, nullptr);
+    pthread_join(warm, nullptr);
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/self/task/%ld", tid);
+    struct stat st;
+    for (int ms = 0; stat(path, &st) == 0 && ms < 2000; ms++) {
+        struct timespec t = {0, 1000000};
+        nanosleep(&t, nullptr);
+    }
 }
