@@ -1,6 +1,8 @@
 // The link's supervisor: the state sequences of each way a connection ends, the reopen back-off,
 // give-up, and the counters against what a loopback peer saw.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <mutex>
@@ -161,6 +163,34 @@ TEST_F(LinkSupervise, IdleTimeOutClosesASilentLinkAndSparesATalkingOne) {
     EXPECT_GE(rec.at[2] - quiet, 295);
     EXPECT_LT(rec.at[2] - quiet, 800);
     EXPECT_EQ(read_n(fd, 1, 2000), "");  // the peer sees the close
+    close(fd);
+}
+
+// Keepalive on the connected socket: set when the link comes up, changed and taken off by a new
+// supervision while it is up.
+TEST_F(LinkSupervise, KeepaliveFollowsTheSupervisionWhileUp) {
+    auto opt = [&](int level, int name) {
+        int v = -1;
+        socklen_t len = sizeof(v);
+        EXPECT_EQ(0, getsockopt(client_fd(client), level, name, &v, &len));
+        return v;
+    };
+    lfd = listen_on("127.0.0.1", &port);
+    open_to(port, NetLinkSupervision{0, 9, 0, 0, 0});
+    int fd = accept_up();
+    EXPECT_EQ(1, opt(SOL_SOCKET, SO_KEEPALIVE));
+    EXPECT_EQ(9, opt(IPPROTO_TCP, TCP_KEEPIDLE));
+    EXPECT_EQ(3, opt(IPPROTO_TCP, TCP_KEEPINTVL));
+    EXPECT_EQ(3, opt(IPPROTO_TCP, TCP_KEEPCNT));
+    EXPECT_EQ(18000, opt(IPPROTO_TCP, TCP_USER_TIMEOUT));  // unacknowledged sends end it too
+    NetLinkSupervision s = {0, 30, 0, 0, 0};
+    ASSERT_EQ(net_link_supervise(link, &s), 0);
+    EXPECT_EQ(30, opt(IPPROTO_TCP, TCP_KEEPIDLE));
+    s.keepalive_s = 0;
+    ASSERT_EQ(net_link_supervise(link, &s), 0);
+    EXPECT_EQ(0, opt(SOL_SOCKET, SO_KEEPALIVE));
+    EXPECT_EQ(0, opt(IPPROTO_TCP, TCP_USER_TIMEOUT));
+    EXPECT_EQ(rec.size(), 2u);  // connecting, up: the changes close nothing
     close(fd);
 }
 
