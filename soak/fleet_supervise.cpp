@@ -152,6 +152,12 @@ int on_state(_NetLink *, void *udata, int state, int reason) {
 }
 int on_packet(_NetLink *, void *, int, char *, int) { return 0; }
 
+// The links go before their records: a link left running would report the peer's end into freed records.
+void destroy_links(std::vector<LinkRec> &links) {
+    for (LinkRec &r : links)
+        if (r.link != nullptr) net_link_destroy(r.link), r.link = nullptr;
+}
+
 bool make_link(LinkRec &r, int index, uint16_t port, const NetLinkSupervision &sup) {
     r.index = index;
     r.link = net_link_create();
@@ -300,6 +306,7 @@ int shape_vanish() {
     int others_down = 0;
     for (int i = gone; i < n; i++) others_down += links[(size_t)i].state.load() != NET_LINK_UP;
     const int64_t worst = after.empty() ? -1 : after.back();
+    destroy_links(links);
     log.stop();
     stop_child(sh, child);
     bool ok = made == n && all_up && cut && (int)after.size() == gone && worst <= bound_ms + 1000 && others_down == 0;
@@ -455,8 +462,7 @@ int shape_flap() {
         if (r.link != nullptr && net_link_get_stats(r.link, &st) == 0)
             attempts += st.attempts, connects += st.connects, disconnects += st.disconnects;
     }
-    for (LinkRec &r : links)
-        if (r.link != nullptr) net_link_destroy(r.link);
+    destroy_links(links);
     const bool fds_back = wait_until([&] { return count_fds() == fd0; }, 5000);
     const int fd1 = count_fds();
     const long th1 = status_field("Threads:");
@@ -523,6 +529,7 @@ int shape_idle_supervised() {
     const double cpu = cpu_s() - c0, wall = (double)(now_ms() - t0) / 1000.0;
     const int changes = g_changes.load() - changes0;
     const bool still_up = g_up.load() == n;
+    destroy_links(links);
     log.stop();
     stop_child(sh, child);
     const double share = cpu / wall * 100.0;
