@@ -216,7 +216,7 @@ void link_sup_attach(_NetLink *link, _NetTcpClient *client, bool attach) {
 
 void link_sup_received(NetLinkSupervisor *sup, int bytes) {
     sup->bytes_in.fetch_add((uint64_t)bytes, std::memory_order_relaxed);
-    sup->last_rx.store(kx_now_ms(), std::memory_order_relaxed);
+    sup->last_rx.store(kx_loop_pass_ms(), std::memory_order_relaxed);
 }
 void link_sup_packet_in(NetLinkSupervisor *sup) { sup->packets_in.fetch_add(1, std::memory_order_relaxed); }
 void link_sup_sent(NetLinkSupervisor *sup, int bytes) {

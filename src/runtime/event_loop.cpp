@@ -106,6 +106,7 @@ void *select_thread(void *) {
         const uint64_t epoch = s_rt.watch_epoch.load();
         int n = kx_poller_wait(s_rt.poller, ev, kEventsPerPass, kx_deadline_wait_ms(kWaitMs));
         if (s_rt.quit.load()) return nullptr;  // a failed start takes the engine back
+        s_rt.pass_ms = kx_now_ms();
         if (n < 0) {
             if (errno != EINTR) KX_LOG_ERR("os_tcp_client_open :select errno=%d,", errno);
             continue;
@@ -187,6 +188,11 @@ int kx_watch_count(void) {
 }
 
 uint64_t kx_loop_passes(void) { return s_rt.passes.load(); }
+
+int64_t kx_loop_pass_ms(void) {
+    if (!pthread_equal(pthread_self(), s_rt.event_thread) || s_rt.pass_ms == 0) return kx_now_ms();
+    return s_rt.pass_ms;
+}
 
 void kx_loop_wake(void) {
     if (s_rt.post_pipe[1] < 0) return;

@@ -26,6 +26,7 @@ RuntimeState s_rt = {
     /*watch_epoch*/ {0},
     /*watch_count*/ 0,
     /*passes*/ {0},
+    /*pass_ms*/ 0,
     /*pumps*/ {0},
     /*tick_pipe*/ {-1, -1},
     /*post_pipe*/ {-1, -1},

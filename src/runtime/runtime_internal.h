@@ -68,6 +68,10 @@ struct KxDeadline {
 };
 // Milliseconds of the monotonic clock.
 int64_t kx_now_ms(void);
+// On the event thread, the monotonic milliseconds at which the current pass's wait returned: bytes it
+// reads in this pass had arrived by then. One clock read per pass instead of one per read. On any other
+// thread, kx_now_ms().
+int64_t kx_loop_pass_ms(void);
 // Arms d for `at`, or moves it there when it is armed already. Main lock held. 1, or 0 (logged)
 // when there is no memory for one more deadline.
 int kx_deadline_arm(KxDeadline *d, int64_t at);

@@ -24,6 +24,7 @@ struct RuntimeState {
     std::atomic<uint64_t> watch_epoch;
     int watch_count;                  // main lock
     std::atomic<uint64_t> passes;     // written by the event thread only
+    int64_t pass_ms;                  // kx_loop_pass_ms; the event thread's own
     std::atomic<int> pumps;           // always-on write pumps registered (kx_loop_pumps_add)
     // The tick pipe and the post pipe (read end, write end) and their watchers: set by the engine
     // start, then read-only; the watchers as KxWatcher says.
